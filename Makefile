@@ -1,0 +1,40 @@
+# The front door. Each target installs what it needs (once), builds what has changed, and does what its name says.
+
+BUILD      ?= build
+BUILD_TYPE ?= RelWithDebInfo
+PYTHON     := /usr/bin/python3
+
+.DEFAULT_GOAL := help
+.PHONY: help build run test unit-test system-test format lint clean
+
+help: ## list the targets
+	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
+
+build: ## build the server and its unit tests
+	@scripts/ensure-packages build
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	@cmake --build $(BUILD)
+
+run: build ## run the server on the simulated installation and watch it
+	@scripts/ensure-packages run
+	@$(PYTHON) bench/run --server $(BUILD)/tessaroserver
+
+test: unit-test system-test ## everything that CI checks
+
+unit-test: build ## the unit tests alone
+	@ctest --test-dir $(BUILD) --output-on-failure --parallel 4
+
+system-test: build ## the real binary on the simulated installation
+	@scripts/ensure-packages test
+	@$(PYTHON) -m pytest -q -n 4 tests/system --server $(BUILD)/tessaroserver
+
+format: ## rewrite the C++ sources in the house style
+	@scripts/ensure-packages lint
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+lint: ## check style and run the static analysers
+	@scripts/ensure-packages build lint
+	@git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+
+clean: ## remove everything that was built
+	@rm -rf build build-*

@@ -1,0 +1,53 @@
+# How every module and every unit test of the tree is declared.
+
+# Compile and link options that all code of the project shares. Warnings are errors; the headers of Qt are system
+# headers (imported targets), so only our own code is judged.
+add_library(tessaro_options INTERFACE)
+target_compile_options(tessaro_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Werror)
+target_compile_definitions(tessaro_options INTERFACE QT_DEPRECATED_WARNINGS)
+if(TESSARO_SANITIZE)
+  target_compile_options(tessaro_options INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=undefined
+                                                   -fno-omit-frame-pointer)
+  target_link_options(tessaro_options INTERFACE -fsanitize=address,undefined)
+endif()
+if(TESSARO_COVERAGE)
+  target_compile_options(tessaro_options INTERFACE --coverage -O0)
+  target_link_options(tessaro_options INTERFACE --coverage)
+endif()
+
+# tessaro_add_module(NAME SOURCES a.cpp a.h ... [DEPENDS module|Qt target ...])
+#
+# One static library `tessaro_NAME` from the listed files, with this folder (and the folders of the listed files) on the
+# include path of whoever links it.
+function(tessaro_add_module name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+  set(target tessaro_${name})
+  add_library(${target} STATIC ${ARG_SOURCES})
+  set_target_properties(${target} PROPERTIES AUTOMOC ON)
+  foreach(source IN LISTS ARG_SOURCES)
+    get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR}/${source} DIRECTORY)
+    list(APPEND folders ${folder})
+  endforeach()
+  list(REMOVE_DUPLICATES folders)
+  target_include_directories(${target} PUBLIC ${folders})
+  target_link_libraries(${target} PUBLIC Qt5::Core ${ARG_DEPENDS} PRIVATE tessaro_options)
+endfunction()
+
+# tessaro_add_test(NAME SOURCES tst_x.cpp [DEPENDS module ...] [TIMEOUT seconds])
+#
+# One QtTest program, registered with CTest under its name. Tests link modules; they never compile module sources again.
+function(tessaro_add_test name)
+  if(NOT TESSARO_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPENDS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  set_target_properties(${name} PROPERTIES AUTOMOC ON RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} Qt5::Test tessaro_options)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT}
+                       ENVIRONMENT "QT_QPA_PLATFORM=offscreen;LC_ALL=C.UTF-8;TZ=UTC")
+endfunction()

@@ -1,0 +1,72 @@
+#include "fatalprobe.h"
+
+#include <QtGlobal>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr unsigned int ChildLifeSeconds = 10;
+
+[[noreturn]] void runChild(int logPipe, const std::function<void()>& action)
+{
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    std::signal(SIGABRT, SIG_DFL);
+    std::signal(SIGALRM, SIG_DFL);
+    alarm(ChildLifeSeconds);
+    dup2(logPipe, STDERR_FILENO);
+    // The test framework's message handler would print to standard output and count the line as a test failure.
+    qInstallMessageHandler(nullptr);
+    qputenv("QT_LOGGING_TO_CONSOLE", "1");
+    action();
+    std::fflush(stderr);
+    _exit(0);
+}
+
+QByteArray readAll(int fd)
+{
+    QByteArray all;
+    char chunk[4096];
+    ssize_t count = 0;
+    while ((count = read(fd, chunk, sizeof(chunk))) > 0) {
+        all.append(chunk, static_cast<int>(count));
+    }
+    return all;
+}
+
+} // namespace
+
+FatalOutcome outcomeOf(const std::function<void()>& action)
+{
+    FatalOutcome outcome;
+    int pipeEnds[2];
+    if (pipe(pipeEnds) != 0) {
+        return outcome;
+    }
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        close(pipeEnds[0]);
+        runChild(pipeEnds[1], action);
+    }
+    close(pipeEnds[1]);
+    outcome.log = QString::fromUtf8(readAll(pipeEnds[0]));
+    close(pipeEnds[0]);
+
+    int status = 0;
+    waitpid(child, &status, 0);
+    outcome.diedOfAbort = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+    outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
+QString fatalAssertionLog(const QString& file, unsigned int line)
+{
+    return QStringLiteral("Fatal error in  \"%1\" : %2 .\nFatal\n").arg(file).arg(line);
+}
