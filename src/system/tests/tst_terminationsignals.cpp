@@ -1,0 +1,64 @@
+#include "terminationsignals.h"
+
+#include <QSignalSpy>
+#include <QtTest>
+
+#include <csignal>
+#include <unistd.h>
+
+class TestTerminationSignals : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void eachSignalAsksForTermination_data();
+    void eachSignalAsksForTermination();
+    void requestBeforeTheEventLoopIsNotLost();
+    void brokenPipesAreIgnored();
+};
+
+void TestTerminationSignals::eachSignalAsksForTermination_data()
+{
+    QTest::addColumn<int>("signalNumber");
+    QTest::newRow("SIGTERM") << SIGTERM;
+    QTest::newRow("SIGINT") << SIGINT;
+}
+
+void TestTerminationSignals::eachSignalAsksForTermination()
+{
+    QFETCH(int, signalNumber);
+    TerminationSignals termination;
+    QSignalSpy requested(&termination, &TerminationSignals::terminationRequested);
+
+    ::kill(::getpid(), signalNumber);
+
+    QVERIFY(requested.wait(2000));
+    QCOMPARE(requested.count(), 1);
+}
+
+void TestTerminationSignals::requestBeforeTheEventLoopIsNotLost()
+{
+    TerminationSignals termination;
+    ::raise(SIGTERM);
+    ::raise(SIGTERM);
+    QSignalSpy requested(&termination, &TerminationSignals::terminationRequested);
+
+    QVERIFY(requested.wait(2000));
+    QCOMPARE(requested.count(), 1);
+}
+
+void TestTerminationSignals::brokenPipesAreIgnored()
+{
+    TerminationSignals termination;
+    int ends[2];
+    QCOMPARE(::pipe(ends), 0);
+    ::close(ends[0]);
+    const char byte = 0;
+
+    QCOMPARE(::write(ends[1], &byte, 1), static_cast<ssize_t>(-1));
+    QCOMPARE(errno, EPIPE);
+    ::close(ends[1]);
+}
+
+QTEST_GUILESS_MAIN(TestTerminationSignals)
+#include "tst_terminationsignals.moc"
