@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+
+/// Protects packets of the internal link with a CRC-32: the four bytes that CrcStd32 appends, most significant first,
+/// computed over the whole packet. Stateless.
+class MessageLayer : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit MessageLayer(QObject* parent = nullptr);
+
+    /// Appends the CRC in place.
+    void add(QByteArray& data);
+
+    /// Drops the CRC in place, unchecked. Data shorter than a CRC is left as it is.
+    void remove(QByteArray& data);
+
+    /// @return true if `data`, which ends with its CRC, is intact; false for empty data.
+    bool check(QByteArray data);
+};
