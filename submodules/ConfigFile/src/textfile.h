@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QByteArray>
+#include <QByteArrayList>
+#include <QString>
+
+// Whole-file reading and power-safe rewriting of the small text files that configure the unit. Stateless; callable from
+// any thread, but one file must be rewritten by one thread at a time.
+
+/// The largest file that is read, in bytes. The biggest real files, tag tables, have some hundred kilobytes; the bound
+/// keeps a damaged file system or a misplaced file from eating the board's memory.
+constexpr int MaxTextFileBytes = 4 * 1024 * 1024;
+
+/// Reads the whole file, bytes as they are.
+/// @return false, with `content` empty and the reason in `error`, when the file cannot be opened or read or when it has
+///         more than MaxTextFileBytes.
+bool readTextFile(const QString& path, QByteArray& content, QString& error);
+
+/// Cuts a text after every line feed. Each line keeps its line feed; a last line without one counts as a line.
+QByteArrayList splitLines(const QByteArray& text);
+
+/// Replaces the file's content in one step: temporary file in the same folder, sync to disk, rename over the old file.
+/// A power cut or a full disk leaves either the old file or the new one, whole. Permissions of the old file are kept.
+/// @return false, with the old file untouched, when any step fails.
+bool replaceTextFile(const QString& path, const QByteArray& content);
