@@ -1,0 +1,303 @@
+#include "configuration.h"
+
+#include "configfile.h"
+#include "myassertfunc.h"
+#include "utillityfunctions.h"
+
+#include <QDebug>
+#include <QHostAddress>
+#include <QNetworkInterface>
+#include <QReadLocker>
+#include <QThread>
+#include <QTimer>
+#include <QWriteLocker>
+
+#include <chrono>
+
+namespace {
+
+constexpr char SourceUnit[] = "src/system/configuration";
+
+enum FatalLine : unsigned int {
+    RemotesWithoutRemoteId = 358,
+};
+
+constexpr std::chrono::milliseconds AddressCheckInterval{2000};
+constexpr int NumberBytes = 4;
+
+// Rows and columns of the files that the store itself knows.
+constexpr QLatin1String EgLinkAddressKey("EGDH");
+constexpr QLatin1String RemoteIdColumn("RUID");
+constexpr QLatin1String OriginColumn("from");
+constexpr QLatin1String ValueColumn("value");
+constexpr QLatin1String TagColumn("tag");
+
+constexpr QLatin1String FromBaseController("BC");
+constexpr QLatin1String FromRemoteSide("RGP");
+
+QByteArray numberBytes(unsigned int number)
+{
+    QByteArray bytes;
+    appendUint32(bytes, number);
+    return bytes;
+}
+
+bool readNumber(const QByteArray& bytes, unsigned int* value)
+{
+    if (bytes.size() != NumberBytes) {
+        return false;
+    }
+    *value = toUint32(bytes, false);
+    return true;
+}
+
+/// The cell of a row, or null when row or cell does not exist. Valid as long as `rows` is not changed.
+template<typename Rows, typename RowKey>
+const QByteArray* findCell(const Rows& rows, const RowKey& rowKey, const QString& column)
+{
+    const auto row = rows.constFind(rowKey);
+    if (row == rows.constEnd()) {
+        return nullptr;
+    }
+    const auto cell = row->constFind(column);
+    return cell == row->constEnd() ? nullptr : &cell.value();
+}
+
+/// Row key of the remote unit with this identity, or an empty string (no row has an empty key).
+QString findRemote(const ConfigFile& remotes, unsigned short ruId)
+{
+    const QVector<QString> rowKeys = remotes.getAllTags();
+    for (const QString& rowKey : rowKeys) {
+        if (remotes.getValue(rowKey, RemoteIdColumn).toUInt() == ruId) {
+            return rowKey;
+        }
+    }
+    return QString();
+}
+
+/// Row key for a new remote unit: the last one plus 1. Where odd lines of the file made that key belong to another unit
+/// already, the next free one, so that no unit's keys are overwritten.
+QString newRemoteKey(const ConfigFile& remotes)
+{
+    const QVector<QString> rowKeys = remotes.getAllTags();
+    unsigned int index = rowKeys.isEmpty() ? 0 : rowKeys.last().toUInt() + 1;
+    while (remotes.keyExists(QString::number(index))) {
+        ++index;
+    }
+    return QString::number(index);
+}
+
+} // namespace
+
+Configuration::Configuration(QObject* parent)
+    : Configuration(ConfigurationSources(), parent)
+{}
+
+Configuration::Configuration(const ConfigurationSources& sources, QObject* parent)
+    : QObject(parent)
+    , m_sources(sources)
+    , m_remotesSnapshot(std::make_shared<const RemoteRows>())
+{
+    reConfig();
+    auto* addressCheck = new QTimer(this);
+    connect(addressCheck, &QTimer::timeout, this, &Configuration::verifyEGLinkIp);
+    addressCheck->start(AddressCheckInterval);
+}
+
+Configuration::~Configuration() = default;
+
+void Configuration::reConfig()
+{
+    qDebug() << "------------------------- RECONFIG -------------------------";
+    const quint64 ticket = ++m_lastTicket;
+
+    const RemotesCheck check = checkRemotes();
+    const ConfigFile app(m_sources.appFile, nullptr);
+    ConfigFile remotes(m_sources.remotesFile, nullptr);
+    if (check.repaired) {
+        remotes.loadData(check.content, m_sources.remotesFile);
+    }
+    const ConfigFile keys(m_sources.keysFile, nullptr);
+
+    RemoteRows remoteRows;
+    populateRemoteDb(remotes, remoteRows);
+    AppRows appRows;
+    populateAppDb(app, appRows);
+    populateAppDb(keys, appRows);
+    // Set before publishing, so that no address check meets the file's outdated address ...
+    if (appRows.contains(EgLinkAddressKey)) {
+        appRows[EgLinkAddressKey].insert(ValueColumn, getEGLinkIp());
+    }
+    publish(ticket, appRows, remoteRows);
+    // ... and asked once more after it, in case the interface changed meanwhile.
+    setAppTag(EgLinkAddressKey, getEGLinkIp());
+}
+
+RemotesCheck Configuration::checkRemotes()
+{
+    const QString path = m_sources.remotesFile;
+    const RemotesCheck check = checkRemotesConfigFile(path);
+    if (QThread::currentThread() == thread()) {
+        writeRepairedRemotes(path, check);
+    } else if (check.repaired) {
+        QMetaObject::invokeMethod(
+            this, [path] { validateRemotesConfigFile(path); }, Qt::QueuedConnection);
+    }
+    return check;
+}
+
+void Configuration::populateRemoteDb(const ConfigFile& file, RemoteRows& rows)
+{
+    const QVector<QString> rowKeys = file.getAllTags();
+    const QVector<QString> columnKeys = file.getAllColumnKeys();
+    for (const QString& rowKey : rowKeys) {
+        Cells cells;
+        for (const QString& columnKey : columnKeys) {
+            cells.insert(columnKey, numberBytes(file.getValue(rowKey, columnKey).toUInt()));
+        }
+        rows.insert(rowKey.toUInt(), cells);
+    }
+}
+
+void Configuration::populateAppDb(const ConfigFile& file, AppRows& rows)
+{
+    const QVector<QString> rowKeys = file.getAllTags();
+    const QVector<QString> columnKeys = file.getAllColumnKeys();
+    for (const QString& rowKey : rowKeys) {
+        const QString origin = file.getValue(rowKey, OriginColumn);
+        const bool numeric = origin == FromBaseController || origin == FromRemoteSide;
+        Cells cells;
+        for (const QString& columnKey : columnKeys) {
+            const QString text = file.getValue(rowKey, columnKey);
+            cells.insert(columnKey, numeric && columnKey == ValueColumn ? numberBytes(text.toUInt()) : text.toLatin1());
+        }
+        rows.insert(rowKey, cells);
+    }
+}
+
+void Configuration::publish(quint64 ticket, const AppRows& appRows, const RemoteRows& remoteRows)
+{
+    auto snapshot = std::make_shared<const RemoteRows>(remoteRows);
+    const QWriteLocker locker(&m_lock);
+    if (ticket < m_publishedTicket) {
+        return; // a reload that began later, and so read newer files, was faster
+    }
+    m_publishedTicket = ticket;
+    appConfigParam = appRows;
+    remotesConfigParameters = remoteRows;
+    std::atomic_store(&m_remotesSnapshot, std::move(snapshot));
+}
+
+QByteArray Configuration::getAppTag(QString key, bool* ok) const
+{
+    const QReadLocker locker(&m_lock);
+    const auto row = appConfigParam.constFind(key);
+    *ok = row != appConfigParam.constEnd();
+    return *ok ? row->value(ValueColumn) : QByteArray();
+}
+
+bool Configuration::getAppTag(QString key, unsigned int* value) const
+{
+    bool found = false;
+    const QByteArray bytes = getAppTag(key, &found);
+    return found && readNumber(bytes, value);
+}
+
+QByteArray Configuration::getRemoteTag(unsigned short ruId, QString key, bool* ok) const
+{
+    const QReadLocker locker(&m_lock);
+    const QByteArray* cell = findCell(remotesConfigParameters, ruId, key);
+    *ok = cell != nullptr;
+    return *ok ? *cell : QByteArray();
+}
+
+bool Configuration::getRemoteTag(unsigned short ruId, QString key, QString column, unsigned int* value) const
+{
+    Q_UNUSED(column)
+    const std::shared_ptr<const RemoteRows> rows = std::atomic_load(&m_remotesSnapshot);
+    const QByteArray* cell = findCell(*rows, ruId, key);
+    return cell != nullptr && readNumber(*cell, value);
+}
+
+void Configuration::setAppTag(QString key, QByteArray value)
+{
+    qDebug() << "KEY: " << key << " value " << value;
+    const QWriteLocker locker(&m_lock);
+    const auto row = appConfigParam.find(key);
+    if (row != appConfigParam.end()) {
+        row->insert(ValueColumn, value);
+    }
+}
+
+bool Configuration::isRemotePaired(unsigned short ruId) const
+{
+    const QReadLocker locker(&m_lock);
+    for (const Cells& remote : remotesConfigParameters) {
+        if (remote.value(RemoteIdColumn).toUInt() == ruId) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void Configuration::updateRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3,
+                                        unsigned int k4)
+{
+    writeToConfigFile(ruId, k1, k2, k3, k4);
+    reConfig();
+    emit configurationChanged();
+}
+
+void Configuration::writeToConfigFile(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3,
+                                      unsigned int k4)
+{
+    ConfigFile remotes(m_sources.remotesFile, nullptr);
+    if (!remotes.columnExists(RemoteIdColumn)) {
+        myAssertFunc(SourceUnit, RemotesWithoutRemoteId);
+    }
+    QString rowKey = findRemote(remotes, ruId);
+    if (rowKey.isEmpty()) {
+        rowKey = newRemoteKey(remotes);
+        remotes.addChangeTag(rowKey, RemoteIdColumn, QString::number(ruId));
+    }
+    remotes.addChangeTag(rowKey, QStringLiteral("PKY1"), QString::number(k1));
+    remotes.addChangeTag(rowKey, QStringLiteral("PKY2"), QString::number(k2));
+    remotes.addChangeTag(rowKey, QStringLiteral("PKY3"), QString::number(k3));
+    remotes.addChangeTag(rowKey, QStringLiteral("PKY4"), QString::number(k4));
+}
+
+QByteArray Configuration::getEGLinkIp() const
+{
+    const QList<QNetworkAddressEntry> entries =
+        QNetworkInterface::interfaceFromName(m_sources.egLinkInterface).addressEntries();
+    for (const QNetworkAddressEntry& entry : entries) {
+        if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol) {
+            return numberBytes(entry.ip().toIPv4Address());
+        }
+    }
+    return numberBytes(0);
+}
+
+void Configuration::verifyEGLinkIp()
+{
+    const QByteArray address = getEGLinkIp();
+    bool found = false;
+    const QByteArray stored = getAppTag(EgLinkAddressKey, &found);
+    if (found && stored == address) {
+        return;
+    }
+    setAppTag(EgLinkAddressKey, address);
+    emit eglinkIpChanged();
+}
+
+QStringList Configuration::getAppConfigKeysFromBC() const
+{
+    const QReadLocker locker(&m_lock);
+    QStringList keys;
+    for (const Cells& row : appConfigParam) {
+        if (row.value(OriginColumn) == FromBaseController.data()) {
+            keys.append(QString::fromLatin1(row.value(TagColumn)));
+        }
+    }
+    return keys;
+}

@@ -1,0 +1,117 @@
+#pragma once
+
+#include "remotesconfigfile.h"
+
+#include <QByteArray>
+#include <QMap>
+#include <QObject>
+#include <QReadWriteLock>
+#include <QString>
+#include <QStringList>
+
+#include <atomic>
+#include <memory>
+
+class ConfigFile;
+
+/// Where the configuration comes from. The defaults are the unit's; tests name others.
+struct ConfigurationSources
+{
+    QString appFile = QStringLiteral("/home/root/Applications/tessaroserver/config/app.csv");
+    QString remotesFile = QStringLiteral("/home/root/Applications/tessaroserver/config/remotes.csv");
+    QString keysFile = QStringLiteral("/home/root/Applications/tessaroserver/config/keys.csv");
+    QString egLinkInterface = QStringLiteral("eth0"); ///< the interface towards the machine controller
+};
+
+/// The one in-memory store of the unit's configuration: app settings, keys and paired remote units.
+///
+/// Values are byte arrays. A cell of the remotes file is 4 bytes, least significant first, of its decimal number (0 for
+/// text that is no number). In the app and keys files the "value" cell of a row whose "from" is "BC" (base controller)
+/// or "RGP" (remote side) is encoded alike; every other cell is its Latin-1 text. A key in both files is taken from the
+/// keys file. The app row "EGDH" holds the address of the machine-controller interface and is kept current every 2 s.
+///
+/// Threads. The store lives in the main thread. Lookups and reConfig() may be called from any thread; everything that
+/// rewrites a file (updateRemotePairing, writeToConfigFile, validateRemotesConfigFile) belongs to the main thread.
+///  - A reload reads the files into values of its own and publishes the result at once: a lookup sees the old
+///    configuration or the new one, never a half-filled store. m_lock, the only lock, is held neither while a file is
+///    read or written nor while the interface is asked for its address.
+///  - Each reload draws a ticket before it reads. When two overlap, the older reading is dropped if it comes last.
+///  - Pairing keys cannot be lost to a repair: a reload in a foreign thread that meets a misnumbered remotes file
+///    corrects what it read, in memory, and leaves the file to the main thread by a queued call.
+class Configuration : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Loads the unit's files and starts the 2 s check of the interface address (in the running event loop).
+    /// Files that are missing leave their part of the store empty, with a critical log line each.
+    explicit Configuration(QObject* parent);
+    Configuration(const ConfigurationSources& sources, QObject* parent);
+    ~Configuration() override;
+
+    /// Reads all files anew. Any thread. Emits nothing.
+    void reConfig();
+
+    /// The "value" cell of an app or keys row; empty with `ok` false when there is no such row.
+    QByteArray getAppTag(QString key, bool* ok) const;
+    /// The same as a number. @return false, `value` untouched, unless the row exists and its value has exactly 4 bytes.
+    bool getAppTag(QString key, unsigned int* value) const;
+
+    /// The cell `key` of the remotes row numbered `ruId` (its "ruindex", not its "RUID"). `ok` tells whether it exists.
+    QByteArray getRemoteTag(unsigned short ruId, QString key, bool* ok) const;
+    /// The same as a number, read from the last published snapshot without taking the lock. `column` is not used.
+    /// @return false, `value` untouched, unless the cell exists and has exactly 4 bytes.
+    bool getRemoteTag(unsigned short ruId, QString key, QString column, unsigned int* value) const;
+
+    /// Sets the "value" cell of an existing app row, in memory only; an unknown key is ignored. Any thread.
+    void setAppTag(QString key, QByteArray value);
+
+    /// Compares `ruId` with each remote's stored "RUID" read as decimal text. The cells are 4 binary bytes, so the
+    /// reading normally yields 0 and only 0 matches. Peers rely on this answer: it stays as it is.
+    bool isRemotePaired(unsigned short ruId) const;
+
+    /// Stores a remote unit's pairing key on disk, reloads and emits configurationChanged(). Main thread only.
+    void updateRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
+
+    /// Writes the four words of a pairing key into the remote unit's row, which is appended when there is none; the
+    /// store in memory is unchanged. Up to five rewrites of the file, each in one step. Main thread only.
+    /// A remotes file without "RUID" column (a missing one included) is a fatal assertion.
+    void writeToConfigFile(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
+
+    /// First IPv4 address of the machine-controller interface, 4 bytes, least significant first; 4 zero bytes when the
+    /// interface has none or does not exist. Any thread.
+    QByteArray getEGLinkIp() const;
+
+    /// The 2 s tick: brings "EGDH" up to date and emits eglinkIpChanged() when it differed. Without an "EGDH" row the
+    /// address cannot be stored, and every tick emits.
+    void verifyEGLinkIp();
+
+    /// The settings that the base controller supplies: "tag" cells of the rows from "BC", in key order.
+    QStringList getAppConfigKeysFromBC() const;
+
+signals:
+    void configurationChanged();
+    void eglinkIpChanged();
+
+private:
+    using Cells = QMap<QString, QByteArray>;
+    using RemoteRows = QMap<unsigned int, Cells>;
+    using AppRows = QMap<QString, Cells>;
+
+    static void populateRemoteDb(const ConfigFile& file, RemoteRows& rows);
+    static void populateAppDb(const ConfigFile& file, AppRows& rows);
+
+    RemotesCheck checkRemotes();
+    void publish(quint64 ticket, const AppRows& appRows, const RemoteRows& remoteRows);
+
+    const ConfigurationSources m_sources;
+    std::atomic<quint64> m_lastTicket{0};
+
+    mutable QReadWriteLock m_lock; ///< guards the three members below
+    RemoteRows remotesConfigParameters;
+    AppRows appConfigParam;
+    quint64 m_publishedTicket = 0;
+
+    /// The published remote rows once more (sharing their memory), for the lookup without lock. Swapped atomically.
+    std::shared_ptr<const RemoteRows> m_remotesSnapshot;
+};
