@@ -1,0 +1,175 @@
+#include "gfallback_service_c.h"
+
+#include "utillityfunctions.h"
+
+#include <QDebug>
+
+namespace {
+
+// | remote id 2 | remaining length 2 | data |
+constexpr int RemoteIdSize = 2;
+constexpr int RemainingLengthSize = 2;
+constexpr int BlockHeaderSize = RemoteIdSize + RemainingLengthSize;
+constexpr int MaxBlockDataSize = 250;
+static_assert(BlockHeaderSize == 4, "the base controller expects the data at offset 4");
+
+constexpr int DataAckSize = 1;
+constexpr int FlowControlSize = RemoteIdSize;
+
+constexpr int GLinkMsgTypeOffset = 4;
+constexpr char GLinkMsgTypeAck = 1;
+
+bool isAcknowledgement(const QByteArray& frame)
+{
+    return frame.size() >= GfallbackServiceC::GLinkHeaderSize && frame.at(GLinkMsgTypeOffset) == GLinkMsgTypeAck;
+}
+
+} // namespace
+
+GfallbackServiceC::GfallbackServiceC(QObject* parent, serviceId_T id)
+    : ServiceBase(parent, static_cast<signed char>(id))
+{}
+
+GfallbackServiceC::LinkStatus GfallbackServiceC::linkStatus(unsigned short remoteId) const
+{
+    return m_linkState.value(remoteId).linkStatus;
+}
+
+// ---------------------------------------------------------------- from the base controller
+
+void GfallbackServiceC::readData(QByteArray data, Link fromLink, quint8 messageClass)
+{
+    if (fromLink != Internal) {
+        qFatal("Unexpected fromLink: not Internal!");
+    }
+    if (messageClass != MSG_CLASS_TRANSP_ACK) {
+        qFatal("Unexpected messageClass: not MSG_CLASS_TRANSP_ACK!");
+    }
+    QMetaObject::invokeMethod(
+        this, [this, data] { readData_(data); }, Qt::QueuedConnection);
+}
+
+void GfallbackServiceC::readData_(QByteArray data)
+{
+    switch (data.size()) {
+    case 0: qDebug() << "Empty data!"; break;
+    case DataAckSize: receiveDataAck(toUint8(data)); break;
+    case FlowControlSize: sendNext(toUint16(data, false)); break;
+    default: receiveBlock(data); break;
+    }
+}
+
+void GfallbackServiceC::receiveDataAck(quint8 reply)
+{
+    switch (reply) {
+    case REJECTED: emit linkFailed(); break;
+    case ACCEPTED: break;
+    default: qDebug() << "Unknown one-byte ack received:" << reply; break;
+    }
+}
+
+/// A waiting acknowledgement overtakes a waiting message, but never the rest of a message under way: the remote unit
+/// would take its bytes for the message's.
+void GfallbackServiceC::sendNext(unsigned short remoteId)
+{
+    LinkState& state = m_linkState[remoteId];
+    if (!state.ack.isEmpty() && state.linkStatus != BUSY_MSG) {
+        state.linkStatus = BUSY_ACK;
+        sendDataBlock(remoteId, state.ack);
+    } else if (state.txData.isEmpty()) {
+        state.linkStatus = FREE;
+    } else {
+        state.linkStatus = BUSY_MSG;
+        sendMessageBlock(remoteId, state);
+    }
+}
+
+void GfallbackServiceC::receiveBlock(const QByteArray& block)
+{
+    const quint16 remoteId = toUint16(block, false);
+    const QByteArray lengthField = block.mid(RemoteIdSize, RemainingLengthSize);
+    const int remaining =
+        lengthField.size() == RemainingLengthSize ? toUint16(lengthField, false) : toUnsignedChar(lengthField);
+
+    if (m_rxId != remoteId) {
+        m_rxData.clear();
+        m_rxId = remoteId;
+    }
+    m_rxData.append(block.mid(BlockHeaderSize, remaining));
+    if (block.size() - BlockHeaderSize == remaining) {
+        const QByteArray message = m_rxData;
+        m_rxData.clear();
+        emit fallbackRx(m_rxId, message);
+        return;
+    }
+    qDebug() << "GfallbackServiceC::readData_()" << block.size() << m_rxData.size() << m_rxId;
+    if (m_rxData.size() > MaxRxMessageSize) {
+        qDebug() << "GfallbackServiceC: endless message of remote unit" << m_rxId << "discarded.";
+        m_rxData.clear();
+    }
+}
+
+// ---------------------------------------------------------------- to the base controller
+
+void GfallbackServiceC::fallbackTx(unsigned short remoteId, const QByteArray& data)
+{
+    if (data.isEmpty()) {
+        return; // no block would go out, so nothing would ever free the channel again
+    }
+    if (data.size() > MaxTxMessageSize) {
+        qDebug() << "GfallbackServiceC: message to remote unit" << remoteId << "of" << data.size()
+                 << "bytes is too long, dropped.";
+        return;
+    }
+    LinkState& state = m_linkState[remoteId];
+    const bool isAck = isAcknowledgement(data);
+    if (state.linkStatus != FREE) {
+        keepForLater(state, data, isAck);
+        return;
+    }
+    state.linkStatus = isAck ? BUSY_ACK : BUSY_MSG;
+    state.txData = data;
+    qDebug() << "remoteId" << remoteId << "Length" << data.size() << "status" << state.linkStatus;
+    sendMessageBlock(remoteId, state);
+}
+
+void GfallbackServiceC::keepForLater(LinkState& state, const QByteArray& data, bool isAck)
+{
+    QByteArray& place = isAck ? state.ack : state.txData;
+    if (!place.isEmpty()) {
+        qDebug() << (isAck ? "Link BUSY, ACK LOST!" : "Link BUSY, Tx message LOST!");
+        return;
+    }
+    place = data;
+    qDebug() << (isAck ? "Link BUSY, ack queued." : "Link BUSY, Tx message queued.");
+}
+
+void GfallbackServiceC::sendMessageBlock(unsigned short remoteId, LinkState& state)
+{
+    sendDataBlock(remoteId, state.txData);
+    if (state.linkStatus == BUSY_MSG && state.txData.isEmpty()) {
+        state.linkStatus = BUSY_MSG_LAST_BLOCK;
+    }
+}
+
+void GfallbackServiceC::sendDataBlock(unsigned short remoteId, QByteArray& data)
+{
+    if (data.isEmpty()) {
+        return;
+    }
+    QByteArray block;
+    block.reserve(BlockHeaderSize + MaxBlockDataSize);
+    appendUint16(block, remoteId);
+    appendUint16(block, static_cast<unsigned short>(data.size()));
+    block.append(data.constData(), qMin(data.size(), MaxBlockDataSize));
+    data.remove(0, MaxBlockDataSize);
+    emit readyReadFromService(block, Internal, serviceId, MSG_CLASS_TRANSP_ACK);
+}
+
+void GfallbackServiceC::reset(unsigned short remoteId)
+{
+    const auto state = m_linkState.find(remoteId);
+    if (state != m_linkState.end()) {
+        *state = LinkState();
+    }
+}

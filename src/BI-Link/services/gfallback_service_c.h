@@ -1,0 +1,96 @@
+#pragma once
+
+#include "service_base.h"
+
+#include <QMap>
+
+/// Carries whole GLink messages between this base unit and remote units that have lost TCP: the base controller relays
+/// them on its own channel. A message travels in blocks of at most 250 bytes, and for every remote unit the base
+/// controller says when it wants the next block.
+///
+/// Lives in the service-layer thread; the fallback transport reaches it through queued connections. Nothing is
+/// repeated here: what is dropped is made good by the remote unit's next INIT.
+///
+/// Packets (message class 1 in both directions, integers least significant byte first):
+///
+///     to the base controller    | remote id 2 | bytes of the message not yet sent, this block included 2 | data 1..250
+///     | from the base controller  | 0 |           the fallback channel failed
+///                               | 1 |           no action
+///                               | remote id 2 | the previous block for this unit is through, send the next
+///                               | remote id 2 | remaining length 2 | data |   one block of a message to this unit
+class GfallbackServiceC : public ServiceBase
+{
+    Q_OBJECT
+
+public:
+    /// First value of a one-byte packet.
+    enum DataAck : quint8 {
+        REJECTED = 0,
+        ACCEPTED = 1,
+    };
+
+    /// What the channel to one remote unit is doing. Every state but FREE waits for the base controller's word that the
+    /// last block is through.
+    enum LinkStatus : quint8 {
+        FREE = 0,
+        BUSY_ACK = 1,            ///< an acknowledgement is out
+        BUSY_MSG = 2,            ///< a message is out, more of its blocks wait
+        BUSY_MSG_LAST_BLOCK = 3, ///< the last block of a message is out
+    };
+
+    struct LinkState
+    {
+        LinkStatus linkStatus = FREE;
+        QByteArray txData; ///< rest of the message that is being sent, or the one message that waits
+        QByteArray ack;    ///< the one acknowledgement that waits
+    };
+
+    /// Longest message that can be announced to the base controller: the remaining length has 16 bits.
+    static constexpr int MaxTxMessageSize = 65535;
+
+    /// Longest message that is reassembled: the largest GLink frame. A longer one is discarded, so that a peer that
+    /// never ends its message costs no more memory than this.
+    static constexpr int GLinkHeaderSize = 17;
+    static constexpr int MaxRxMessageSize = GLinkHeaderSize + 65535 + 4;
+
+    GfallbackServiceC(QObject* parent, serviceId_T id);
+
+    /// Sends the next block of `data` and removes it there; nothing happens when `data` is empty.
+    void sendDataBlock(unsigned short remoteId, QByteArray& data);
+
+    /// What the channel to `remoteId` is doing; FREE for a unit never heard of.
+    LinkStatus linkStatus(unsigned short remoteId) const;
+
+public slots:
+    /// A packet from the base controller; handled by `readData_` from the event loop, after the transport layer has
+    /// finished with the packet. Another link than the internal one and another message class than 1 are fatal.
+    void readData(QByteArray data, Link fromLink, quint8 messageClass) override;
+    void readData_(QByteArray data);
+
+    /// Sends one GLink message to a remote unit. While the unit's channel is busy, one acknowledgement and one other
+    /// message wait; further ones are dropped with a debug line.
+    void fallbackTx(unsigned short remoteId, const QByteArray& data);
+
+    /// Forgets what is being sent to this unit and what waits. A block that the base controller has already taken is
+    /// not called back.
+    void reset(unsigned short remoteId);
+
+signals:
+    /// A complete message has arrived from a remote unit.
+    void fallbackRx(unsigned short remoteId, const QByteArray& data);
+
+    /// The base controller has rejected the fallback channel.
+    void linkFailed();
+
+protected:
+    quint16 m_rxId = 0;
+    QByteArray m_rxData;
+    QMap<unsigned short, LinkState> m_linkState;
+
+private:
+    void receiveDataAck(quint8 reply);
+    void sendNext(unsigned short remoteId);
+    void receiveBlock(const QByteArray& block);
+    void keepForLater(LinkState& state, const QByteArray& data, bool isAck);
+    void sendMessageBlock(unsigned short remoteId, LinkState& state);
+};
