@@ -17,7 +17,7 @@ build: ## build the server and its unit tests
 
 run: build ## run the server on the simulated installation and watch it
 	@scripts/ensure-packages run
-	@$(PYTHON) bench/run --server $(BUILD)/tessaroserver
+	@bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE))
 
 test: unit-test system-test ## everything that CI checks
 
@@ -26,7 +26,7 @@ unit-test: build ## the unit tests alone
 
 system-test: build ## the real binary on the simulated installation
 	@scripts/ensure-packages test
-	@$(PYTHON) -m pytest -q -n 4 tests/system --server $(BUILD)/tessaroserver
+	@bench/sandbox $(PYTHON) -m pytest -p no:cacheprovider -q -n 4 tests/system --server $(BUILD)/tessaroserver
 
 format: ## rewrite the C++ sources in the house style
 	@scripts/ensure-packages lint

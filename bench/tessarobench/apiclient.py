@@ -1,0 +1,76 @@
+"""The local tool's side of the UDP API: requests to one port of the loopback address, replies and pushes on another."""
+
+from __future__ import annotations
+
+import json
+import socket
+from typing import Optional
+
+from .journal import FROM_BASE_UNIT, TO_BASE_UNIT, Journal
+from .loop import Loop
+
+LINK = "api"
+REQUEST_PORT, REPLY_PORT = 6250, 6251
+LOOPBACK = "127.0.0.1"
+
+
+class ApiClient:
+    """Takes over a UDP socket made on the base unit's own loopback interface.
+
+    `status` is the newest status object, `notifies` counts the "NOTIFY" replies, `statuses` the status objects.
+    """
+
+    def __init__(self, loop: Loop, udp: socket.socket, journal: Journal):
+        self._loop, self._udp, self._journal = loop, udp, journal
+        self.status: dict[str, str] = {}
+        self.statuses = self.notifies = 0
+        udp.setblocking(False)
+        udp.bind((LOOPBACK, REPLY_PORT))
+        loop.call(loop.watch, udp, self._readable)
+
+    def send(self, datagram: bytes) -> None:
+        """Sends any datagram to the API's port."""
+        self._loop.call(self._send, datagram)
+
+    def get(self, timeout: float = 2.0) -> dict[str, str]:
+        """Asks for the status object and waits for the next one that comes."""
+        before = self.statuses
+        self.send(b"GET")
+        self._loop.wait_for(lambda: self.statuses > before, timeout, "a status object over the API")
+        return dict(self.status)
+
+    def tag(self, key: str) -> Optional[str]:
+        """The value of one member in the newest status object."""
+        return self.status.get(key)
+
+    def close(self) -> None:
+        self._loop.call(self._loop.watch, self._udp)
+        self._udp.close()
+
+    def _send(self, datagram: bytes) -> None:
+        try:
+            self._udp.sendto(datagram, (LOOPBACK, REQUEST_PORT))
+        except ConnectionRefusedError:  # the answer to an earlier datagram, sent while nobody listened
+            self._udp.sendto(datagram, (LOOPBACK, REQUEST_PORT))
+        self._journal.add(LINK, TO_BASE_UNIT, "request", datagram, text=datagram[:40].decode("latin-1"))
+
+    def _readable(self) -> None:
+        while True:
+            try:
+                datagram = self._udp.recv(65536)
+            except BlockingIOError:
+                return
+            except ConnectionRefusedError:
+                continue
+            self._received(datagram)
+
+    def _received(self, datagram: bytes) -> None:
+        if datagram == b"NOTIFY":
+            self.notifies += 1
+            self._journal.add(LINK, FROM_BASE_UNIT, "notify", datagram)
+            return
+        new = json.loads(datagram)
+        changed = {key: value for key, value in new.items() if self.status.get(key) != value}
+        self.status = new
+        self.statuses += 1
+        self._journal.add(LINK, FROM_BASE_UNIT, "status", datagram, changed=changed)

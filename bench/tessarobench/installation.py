@@ -1,0 +1,77 @@
+"""A whole installation in one object: a board with its server, and the peers that a test or a scene asks for."""
+
+from __future__ import annotations
+
+from functools import cached_property
+from pathlib import Path
+from typing import Any, Optional
+
+from .apiclient import ApiClient
+from .basecontroller import BaseController
+from .board import EXAMPLES, Board
+from .csvfile import Table
+from .processimage import ProcessImage
+
+INPUT_TAGS = Path(".config/baseInternalInputTags.csv")
+OUTPUT_TAGS = Path(".config/baseInternalOutputTags.csv")
+OTHER_TAGS = Path(".config/baseInternalTags.csv")
+APP = Path("tessaroserver/config/app.csv")
+REMOTES = Path("tessaroserver/config/remotes.csv")
+KEYS = Path("tessaroserver/config/keys.csv")
+
+# What the base controller of the example answers when the base unit asks for its settings.
+CONFIG_VALUES = {"BCSR": 30201, "BUID": 400, "IFTY": 2, "IVL1": 1500, "IVL2": 70000, "IVL3": -5}
+
+
+class Installation(Board):
+    """A board whose peers come into being when they are first used, and end with it.
+
+    Change the files under `applications` before `start`; `table` and `change` help with that.
+    """
+
+    def __init__(self, server: Optional[Path], installation: Path = EXAMPLES, **options: Any):
+        super().__init__(server, installation, **options)
+
+    # --- files -----------------------------------------------------------------------------------------------------
+
+    def table(self, file: Path) -> Table:
+        return Table.load(self.applications / file)
+
+    def change(self, file: Path, key: str, **values: object) -> None:
+        """Sets cells of one row of a configuration file ("from_" stands for the column "from")."""
+        self.table(file).set(key, **values).save(self.applications / file)
+
+    def drop(self, file: Path, key: str) -> None:
+        """Removes one row of a configuration file."""
+        self.table(file).remove(key).save(self.applications / file)
+
+    # --- peers -----------------------------------------------------------------------------------------------------
+
+    @cached_property
+    def bc(self) -> BaseController:
+        """The base controller. It acknowledges from the moment it is first mentioned."""
+        tags = self.applications / INPUT_TAGS
+        image = ProcessImage(Table.load(tags)) if tags.exists() else None
+        return self.closing(BaseController(self.loop, self.serial(), self.journal, image, CONFIG_VALUES))
+
+    @cached_property
+    def api(self) -> ApiClient:
+        return self.closing(ApiClient(self.loop, self.local_socket(), self.journal))
+
+    # --- the way to normal operation -------------------------------------------------------------------------------
+
+    def start(self, **options: Any) -> "Installation":
+        """Starts the server with nobody at the other ends yet."""
+        self.server.start(**options)
+        return self
+
+    def start_to_run(self, timeout: float = 5.0) -> "Installation":
+        """Starts the server beside a willing base controller and waits until the internal link is in RUN and the
+        configuration pass is through."""
+        controller, tool = self.bc, self.api
+        self.start()
+        self.server.wait_log("RUN", timeout, whole=True)
+        keys = sum(1 for file in (APP, KEYS) if (self.applications / file).exists()
+                   for row in self.table(file) if row.get("from") == "BC")
+        self.wait_for(lambda: controller.received["ask"] >= keys, timeout, "the whole configuration pass")
+        return self

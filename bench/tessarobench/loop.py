@@ -1,0 +1,222 @@
+"""One event loop in one thread, on which all simulated peers live.
+
+Peers are written without locks: everything they own is touched on the loop's thread alone. A test (or a scene) lives in
+a thread of its own, reaches a peer through `Loop.call`, and waits with `Loop.wait_for` until something is true.
+"""
+
+from __future__ import annotations
+
+import heapq
+import itertools
+import os
+import selectors
+import threading
+import time
+from typing import Any, Callable, Optional
+
+
+class WaitTimeout(AssertionError):
+    """A condition did not come true in time. The text says which, and what the journal saw last."""
+
+
+class Timer:
+    """A call that is due once or periodically; `cancel` is safe at any time, also from the call itself."""
+
+    __slots__ = ("due", "period", "action", "cancelled")
+
+    def __init__(self, due: float, period: Optional[float], action: Callable[[], None]):
+        self.due, self.period, self.action, self.cancelled = due, period, action, False
+
+    def cancel(self) -> None:
+        self.cancelled = True
+
+
+class _Waiter:
+    __slots__ = ("predicate", "result", "error", "done")
+
+    def __init__(self, predicate: Callable[[], Any]):
+        self.predicate, self.result, self.error, self.done = predicate, None, None, threading.Event()
+
+    def check(self) -> bool:
+        try:
+            self.result = self.predicate()
+        except BaseException as error:  # handed to the thread that waits
+            self.error = error
+        if self.result or self.error:
+            self.done.set()
+        return self.done.is_set()
+
+
+class Loop:
+    """Selectors, timers and posted calls in one daemon thread.
+
+    An exception in a callback does not end the loop, it is kept and raised in the thread that next waits or calls: a
+    broken peer fails the test that uses it instead of looking like a silent one.
+    """
+
+    def __init__(self, name: str = "bench"):
+        self.describe: Callable[[], str] = lambda: ""  # appended to the text of a WaitTimeout
+        self._selector = selectors.DefaultSelector()
+        self._wake = os.eventfd(0, os.EFD_NONBLOCK | os.EFD_CLOEXEC)
+        self._selector.register(self._wake, selectors.EVENT_READ, (self._drain_wake, None))
+        self._timers: list[tuple[float, int, Timer]] = []
+        self._order = itertools.count()
+        self._posted: list[Callable[[], None]] = []
+        self._waiters: list[_Waiter] = []
+        self._lock = threading.Lock()
+        self._running = True
+        self.failure: Optional[BaseException] = None
+        self._thread = threading.Thread(target=self._run, name=name, daemon=True)
+        self._thread.start()
+
+    # --- from any thread -------------------------------------------------------------------------------------------
+
+    @property
+    def on_thread(self) -> bool:
+        return threading.current_thread() is self._thread
+
+    def post(self, action: Callable[..., Any], *args: Any) -> None:
+        """Runs `action` on the loop's thread, soon and in order; does not wait."""
+        with self._lock:
+            self._posted.append(lambda: action(*args))
+        self._wake_up()
+
+    def call(self, action: Callable[..., Any], *args: Any) -> Any:
+        """Runs `action` on the loop's thread, waits for it and returns its result; its exception is raised here."""
+        if self.on_thread:
+            return action(*args)
+        outcome = _Waiter(lambda: (action(*args),))  # a tuple, so that every result counts as true
+        self.post(outcome.check)
+        if not outcome.done.wait(30):
+            raise WaitTimeout("the bench's event loop does not answer")
+        if outcome.error:
+            raise outcome.error
+        return outcome.result[0]
+
+    def wait_for(self, predicate: Callable[[], Any], timeout: float = 5.0, what: str = "", poll: float = 0) -> Any:
+        """Waits until `predicate` is true and returns what it gave.
+
+        The predicate runs on the loop's thread after every batch of events. With `poll` it is evaluated at least that
+        often (in seconds) too, for conditions that cause no event on the loop, such as figures in /proc.
+        Raises WaitTimeout after `timeout` seconds, and whatever a peer raised meanwhile.
+        """
+        assert not self.on_thread, "the loop's own thread cannot wait for itself"
+        waiter = _Waiter(predicate)
+        with self._lock:
+            self._waiters.append(waiter)
+        ticker = self.call(self.every, poll, lambda: None) if poll else None
+        self._wake_up()
+        in_time = waiter.done.wait(timeout)
+        with self._lock:
+            if waiter in self._waiters:
+                self._waiters.remove(waiter)
+        if ticker:
+            ticker.cancel()
+        self.raise_failure()
+        if waiter.error:
+            raise waiter.error
+        if not in_time:
+            raise WaitTimeout(f"not within {timeout:g} s: {what or 'the expected condition'}\n{self.describe()}")
+        return waiter.result
+
+    def raise_failure(self) -> None:
+        """Raises, once, the exception that a callback left behind."""
+        failure, self.failure = self.failure, None
+        if failure:
+            raise failure
+
+    def stop(self) -> None:
+        """Ends the thread. Descriptors that peers registered stay theirs to close."""
+        self._running = False
+        self._wake_up()
+        if not self.on_thread:
+            self._thread.join(5)
+            os.close(self._wake)
+            self._selector.close()
+
+    # --- on the loop's thread --------------------------------------------------------------------------------------
+
+    def later(self, delay: float, action: Callable[[], None]) -> Timer:
+        """Runs `action` once after `delay` seconds."""
+        return self._schedule(Timer(time.monotonic() + delay, None, action))
+
+    def every(self, period: float, action: Callable[[], None]) -> Timer:
+        """Runs `action` every `period` seconds until it is cancelled, without drift; missed turns are skipped."""
+        return self._schedule(Timer(time.monotonic() + period, period, action))
+
+    def watch(self, fd: Any, readable: Optional[Callable[[], None]] = None,
+              writable: Optional[Callable[[], None]] = None) -> None:
+        """Sets what is called when `fd` is readable and writable; with neither, the descriptor is forgotten."""
+        mask = (selectors.EVENT_READ if readable else 0) | (selectors.EVENT_WRITE if writable else 0)
+        known = fd in self._selector.get_map()
+        if mask and known:
+            self._selector.modify(fd, mask, (readable, writable))
+        elif mask:
+            self._selector.register(fd, mask, (readable, writable))
+        elif known:
+            self._selector.unregister(fd)
+
+    # --- inside ----------------------------------------------------------------------------------------------------
+
+    def _schedule(self, timer: Timer) -> Timer:
+        assert self.on_thread, "timers are made on the loop's thread"
+        heapq.heappush(self._timers, (timer.due, next(self._order), timer))
+        return timer
+
+    def _wake_up(self) -> None:
+        try:
+            os.eventfd_write(self._wake, 1)
+        except (BlockingIOError, OSError):
+            pass  # already awake, or gone
+
+    def _drain_wake(self) -> None:
+        os.eventfd_read(self._wake)
+
+    def _run(self) -> None:
+        while self._running:
+            for key, events in self._selector.select(self._time_to_next_timer()):
+                self._dispatch(key, events)
+            self._run_posted()
+            self._run_timers()
+            self._check_waiters()
+
+    def _time_to_next_timer(self) -> Optional[float]:
+        if not self._timers:
+            return None
+        return max(0.0, self._timers[0][0] - time.monotonic())
+
+    def _dispatch(self, key: selectors.SelectorKey, events: int) -> None:
+        readable, writable = key.data
+        if events & selectors.EVENT_READ and readable:
+            self._guard(readable)
+        # The first callback may have changed or removed the registration.
+        if events & selectors.EVENT_WRITE and writable and self._selector.get_map().get(key.fd) is key:
+            self._guard(writable)
+
+    def _run_posted(self) -> None:
+        with self._lock:
+            posted, self._posted = self._posted, []
+        for action in posted:
+            self._guard(action)
+
+    def _run_timers(self) -> None:
+        now = time.monotonic()
+        while self._timers and self._timers[0][0] <= now:
+            timer = heapq.heappop(self._timers)[2]
+            if timer.cancelled:
+                continue
+            if timer.period:
+                missed = int((now - timer.due) / timer.period)
+                timer.due += timer.period * (missed + 1)
+                self._schedule(timer)
+            self._guard(timer.action)
+
+    def _check_waiters(self) -> None:
+        with self._lock:
+            self._waiters = [waiter for waiter in self._waiters if not waiter.check()]
+
+    def _guard(self, action: Callable[[], None]) -> None:
+        try:
+            action()
+        except BaseException as error:
+            self.failure = self.failure or error

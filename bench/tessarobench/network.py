@@ -1,0 +1,107 @@
+"""The board's network interfaces: virtual cables whose far ends lie in the peers' world."""
+
+from __future__ import annotations
+
+import os
+import shutil
+import subprocess
+from typing import Optional
+
+from .journal import BENCH, Journal
+from .loop import Loop
+from .namespaces import World
+
+_SEARCH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
+MULTICAST = "239.0.0.0/8"
+
+
+def ip(world: World, *commands: str) -> None:
+    """Runs `ip` commands inside a world, all in one process."""
+    program = shutil.which("ip", path=_SEARCH)
+    if program is None:
+        raise FileNotFoundError("the program 'ip' is missing: install the package iproute2")
+    done = world.run(lambda: subprocess.run([program, "-batch", "-"], input="\n".join(commands) + "\n", text=True,
+                                            capture_output=True, check=False))
+    if done.returncode:
+        raise OSError(f"ip: {done.stderr.strip()} (of: {'; '.join(commands)})")
+
+
+def without_ipv6(world: World) -> None:
+    """Keeps the links free of the kernel's own neighbour chatter; where the kernel has no IPv6 there is none."""
+    for scope in ("default", "all"):
+        path = f"/proc/sys/net/ipv6/conf/{scope}/disable_ipv6"
+        if os.path.exists(path):
+            world.run(_write, path, "1")
+
+
+def _write(path: str, text: str) -> None:
+    with open(path, "w", encoding="ascii") as file:
+        file.write(text)
+
+
+class Interface:
+    """One interface of the board and the far end of its cable.
+
+    `address` and `far_address` are "a.b.c.d/length". With `multicast`, multicast leaves through this interface.
+    """
+
+    def __init__(self, name: str, address: str, far_address: str, multicast: bool = False):
+        self.name, self.address, self.far_address, self.multicast = name, address, far_address, multicast
+        self._board: Optional[World] = None
+        self._far: Optional[World] = None
+        self._journal: Optional[Journal] = None
+        self._loop: Optional[Loop] = None
+
+    @property
+    def far_host(self) -> str:
+        """The peers' address on this network."""
+        return self.far_address.split("/")[0]
+
+    @property
+    def host(self) -> str:
+        return self.address.split("/")[0]
+
+    def attach(self, board: World, far: World, loop: Loop, journal: Journal) -> None:
+        self._board, self._far, self._loop, self._journal = board, far, loop, journal
+
+    def creation(self) -> list[str]:
+        return [f"link add {self.name} type veth peer name {self.name} netns {self._far.network_path}",
+                f"addr add {self.address} dev {self.name}", *self._up_commands()]
+
+    def far_setup(self) -> list[str]:
+        return [f"addr add {self.far_address} dev {self.name}", *self._up_commands()]
+
+    def down(self) -> None:
+        """Takes the interface down on the board."""
+        self._note("down")
+        ip(self._board, f"link set {self.name} down")
+
+    def up(self) -> None:
+        self._note("up")
+        ip(self._board, *self._up_commands())
+
+    def unplug(self) -> None:
+        """Pulls the cable: the board's interface stays up and has no carrier."""
+        self._note("unplugged")
+        ip(self._far, f"link set {self.name} down")
+
+    def plug(self) -> None:
+        self._note("plugged")
+        ip(self._far, *self._up_commands())
+
+    def remove_address(self) -> None:
+        self._note("address removed")
+        ip(self._board, f"addr flush dev {self.name}")
+
+    def change_address(self, address: str) -> None:
+        """Gives the board's interface another address in place of the one it has."""
+        self._note("address", to=address)
+        self.address = address
+        ip(self._board, f"addr flush dev {self.name}", f"addr add {address} dev {self.name}", *self._up_commands())
+
+    def _up_commands(self) -> list[str]:
+        route = [f"route replace {MULTICAST} dev {self.name}"] if self.multicast else []
+        return [f"link set {self.name} up", *route]
+
+    def _note(self, what: str, **detail) -> None:
+        self._loop.call(lambda: self._journal.add(self.name, BENCH, what, **detail))

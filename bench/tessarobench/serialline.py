@@ -1,0 +1,71 @@
+"""A byte pipe on a descriptor: the far end of the UART, be it a pseudo terminal or the socket of an emulated board."""
+
+from __future__ import annotations
+
+import errno
+import os
+from typing import Callable
+
+from .loop import Loop
+
+# A UART has no memory: what a receiver leaves standing for longer than this many bytes is lost.
+OVERRUN_BYTES = 256 * 1024
+
+
+class SerialLine:
+    """Reads all that comes, always, and writes without ever blocking the loop. Owns the descriptor.
+
+    `received` is called on the loop's thread with every chunk. Written bytes wait in order until the line takes them;
+    `lost` counts those that were given up because the other side did not read.
+    """
+
+    def __init__(self, loop: Loop, fd: int, received: Callable[[bytes], None]):
+        self._loop, self._fd, self._received = loop, fd, received
+        self._pending = bytearray()
+        self.lost = 0
+        os.set_blocking(fd, False)
+        loop.call(self._watch)
+
+    def write(self, data: bytes) -> None:
+        if len(self._pending) + len(data) > OVERRUN_BYTES:
+            self.lost += len(data)
+            return
+        self._pending += data
+        self._flush()
+
+    @property
+    def drained(self) -> bool:
+        """Whether everything written has been handed to the line."""
+        return not self._pending
+
+    def close(self) -> None:
+        self._loop.call(self._loop.watch, self._fd)
+        os.close(self._fd)
+        self._fd = -1
+
+    def _watch(self) -> None:
+        if self._fd >= 0:
+            self._loop.watch(self._fd, self._read, self._flush if self._pending else None)
+
+    def _read(self) -> None:
+        try:
+            data = os.read(self._fd, 65536)
+        except BlockingIOError:
+            return
+        except OSError as error:
+            if error.errno != errno.EIO:
+                raise
+            data = b""
+        if data:
+            self._received(data)
+        else:
+            self._loop.watch(self._fd)  # the other side hung up for good
+
+    def _flush(self) -> None:
+        while self._pending:
+            try:
+                written = os.write(self._fd, self._pending)
+            except BlockingIOError:
+                break
+            del self._pending[:written]
+        self._watch()

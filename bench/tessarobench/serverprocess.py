@@ -1,0 +1,210 @@
+"""The server under test as a process: started and ended inside the board's world, its log read line by line."""
+
+from __future__ import annotations
+
+import os
+import resource
+import signal
+import subprocess
+from typing import NamedTuple, Optional
+
+from .journal import BENCH, FROM_BASE_UNIT, Journal
+from .loop import Loop
+from .namespaces import World
+
+LINK = "server"
+STAMP_LENGTH = len("20220327 17:52:59.123")
+_TICKS = os.sysconf("SC_CLK_TCK")
+_PAGE = os.sysconf("SC_PAGESIZE")
+
+
+class LogLine(NamedTuple):
+    """One line of the server's log. `stamp` is its own time stamp, empty when the line carries none."""
+
+    stamp: str
+    text: str
+
+
+class Usage(NamedTuple):
+    """What the process has used and holds."""
+
+    cpu_seconds: float
+    resident_bytes: int
+    threads: int
+    descriptors: int
+    wakeups: int
+
+
+def split_line(raw: str) -> LogLine:
+    stamp, separator, text = raw.partition(" - ")
+    if separator and len(stamp) == STAMP_LENGTH and stamp[:8].isdigit():
+        return LogLine(stamp, text)
+    return LogLine("", raw)
+
+
+class ServerProcess:
+    """At most one process at a time. `log` holds the lines since the last start, `exit_status` the way it ended
+    (negative: by that signal) or None while it runs."""
+
+    def __init__(self, loop: Loop, journal: Journal, world: World, program: str):
+        self._loop, self._journal, self._world, self._program = loop, journal, world, program
+        self._process: Optional[subprocess.Popen] = None
+        self._pipe = self._pidfd = -1
+        self._rest = b""
+        self.log: list[LogLine] = []
+        self.exit_status: Optional[int] = None
+
+    # --- life ------------------------------------------------------------------------------------------------------
+
+    def start(self, env: Optional[dict[str, str]] = None, limits: Optional[dict[int, int]] = None) -> "ServerProcess":
+        """Starts the program as the only thing in its environment; `limits` are resource limits (RLIMIT_... -> number)."""
+        assert not self.running, "the server runs already"
+        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/home/root", "LC_ALL": "C.UTF-8",
+                       **{key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")},
+                       **(env or {})}
+        self._world.run(self._spawn, environment)
+        for limit, value in {resource.RLIMIT_CORE: 0, **(limits or {})}.items():
+            resource.prlimit(self.pid, limit, (value, value))
+        self._loop.call(self._begin)
+        return self
+
+    @property
+    def pid(self) -> int:
+        return self._process.pid
+
+    @property
+    def running(self) -> bool:
+        return self._process is not None and self.exit_status is None
+
+    def signal(self, number: int) -> None:
+        if self.running:
+            self._note("signal", name=signal.Signals(number).name)
+            os.kill(self.pid, number)
+
+    def stop(self, timeout: float = 5.0) -> int:
+        """Asks it to end (SIGTERM) and returns the exit status; one that does not obey is killed and raises."""
+        self.signal(signal.SIGTERM)
+        try:
+            return self.wait_exit(timeout)
+        except AssertionError:
+            self.kill()
+            raise
+
+    def kill(self) -> None:
+        """Ends it the hard way (SIGKILL). No harm if it has ended."""
+        self.signal(signal.SIGKILL)
+        if self._process:
+            self.wait_exit(5.0)
+
+    def pause(self) -> None:
+        self.signal(signal.SIGSTOP)
+
+    def resume(self) -> None:
+        self.signal(signal.SIGCONT)
+
+    def restart(self) -> None:
+        """Ends it in an orderly way and starts it again."""
+        self.stop()
+        self.start()
+
+    def wait_exit(self, timeout: float = 5.0) -> int:
+        self._loop.wait_for(lambda: self.exit_status is not None, timeout, "the end of the server")
+        return self.exit_status
+
+    # --- log -------------------------------------------------------------------------------------------------------
+
+    def wait_log(self, text: str, timeout: float = 5.0, since: int = 0, whole: bool = False) -> int:
+        """Waits for a log line that contains `text` (or, with `whole`, is `text`) at index `since` or later.
+
+        Returns the index after that line, so that a sequence reads as `n = wait_log(a); n = wait_log(b, since=n)`.
+        """
+        return self._loop.wait_for(lambda: self._find(text, since, whole), timeout, f"the log line {text!r}")
+
+    def logged(self, text: str, since: int = 0) -> int:
+        """How many lines contain `text`."""
+        return sum(text in line.text for line in self.log[since:])
+
+    def texts(self, since: int = 0) -> list[str]:
+        return [line.text for line in self.log[since:]]
+
+    def _find(self, text: str, since: int, whole: bool) -> Optional[int]:
+        for index in range(since, len(self.log)):
+            line = self.log[index].text
+            if line == text or (not whole and text in line):
+                return index + 1
+        return None
+
+    # --- figures ---------------------------------------------------------------------------------------------------
+
+    def usage(self) -> Usage:
+        """Figures of /proc, now."""
+        with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
+            fields = file.read().rpartition(")")[2].split()
+        user, system, threads, resident_pages = (int(fields[i]) for i in (11, 12, 17, 21))
+        return Usage((user + system) / _TICKS, resident_pages * _PAGE, threads,
+                     len(os.listdir(f"/proc/{self.pid}/fd")), self._wakeups())
+
+    def _wakeups(self) -> int:
+        total = 0
+        for task in os.listdir(f"/proc/{self.pid}/task"):
+            try:
+                with open(f"/proc/{self.pid}/task/{task}/status", encoding="ascii") as file:
+                    total += sum(int(line.split()[1]) for line in file if line.startswith("voluntary_ctxt_switches"))
+            except FileNotFoundError:
+                continue
+        return total
+
+    # --- inside ----------------------------------------------------------------------------------------------------
+
+    def _spawn(self, environment: dict[str, str]) -> None:
+        self._pipe, write_end = os.pipe2(os.O_CLOEXEC | os.O_NONBLOCK)
+        os.set_blocking(write_end, True)
+        try:
+            self._process = subprocess.Popen([self._program], cwd="/home/root", env=environment,
+                                             stdin=subprocess.DEVNULL, stdout=write_end, stderr=write_end)
+        except BaseException:
+            os.close(self._pipe)
+            raise
+        finally:
+            os.close(write_end)
+        self._pidfd = os.pidfd_open(self._process.pid)
+
+    def _begin(self) -> None:
+        self.log, self.exit_status, self._rest = [], None, b""
+        self._journal.add(LINK, BENCH, "started", pid=self.pid)
+        self._loop.watch(self._pipe, self._read_log)
+        self._loop.watch(self._pidfd, self._ended)
+
+    def _read_log(self) -> bool:
+        try:
+            data = os.read(self._pipe, 65536)
+        except BlockingIOError:
+            return False
+        if not data:
+            self._loop.watch(self._pipe)
+            return False
+        *lines, self._rest = (self._rest + data).split(b"\n")
+        for raw in lines:
+            self._take_line(raw)
+        return True
+
+    def _take_line(self, raw: bytes) -> None:
+        line = split_line(raw.decode("utf-8", "replace"))
+        self.log.append(line)
+        self._journal.add(LINK, FROM_BASE_UNIT, "log", text=line.text)
+
+    def _ended(self) -> None:
+        while self._read_log():
+            pass
+        if self._rest:
+            self._take_line(self._rest)
+        self._loop.watch(self._pidfd)
+        self._loop.watch(self._pipe)
+        os.close(self._pidfd)
+        os.close(self._pipe)
+        status = self._process.wait()
+        self._journal.add(LINK, BENCH, "ended", status=status)
+        self.exit_status = status
+
+    def _note(self, kind: str, **detail) -> None:
+        self._loop.call(lambda: self._journal.add(LINK, BENCH, kind, **detail))

@@ -1,0 +1,45 @@
+"""System tests: the real binary on a board of its own per test, driven by the bench's peers."""
+
+import sys
+from pathlib import Path
+
+import pytest
+
+REPOSITORY = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(REPOSITORY / "bench"))
+
+from tessarobench import namespaces  # noqa: E402
+from tessarobench.installation import Installation  # noqa: E402
+
+
+def pytest_addoption(parser):
+    parser.addoption("--server", default=str(REPOSITORY / "build" / "tessaroserver"), help="the binary under test")
+
+
+def pytest_configure(config):
+    if not namespaces.in_sandbox():
+        raise pytest.UsageError("the system tests need a private world: "
+                                "bench/sandbox /usr/bin/python3 -m pytest tests/system")
+
+
+@pytest.fixture(scope="session")
+def server_path(request):
+    """The binary under test."""
+    path = Path(request.config.getoption("--server")).resolve()
+    if not path.exists():
+        pytest.exit(f"there is no server at {path}: build it first (make build)", returncode=1)
+    return path
+
+
+@pytest.fixture
+def bench(server_path):
+    """A freshly laid board with the example installation; the server is not started yet."""
+    with Installation(server_path) as laid:
+        yield laid
+        laid.loop.raise_failure()
+
+
+@pytest.fixture
+def running(bench):
+    """The same with the server running beside a willing base controller: link in RUN, settings exchanged."""
+    return bench.start_to_run()
