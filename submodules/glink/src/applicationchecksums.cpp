@@ -1,0 +1,256 @@
+#include "applicationchecksums.h"
+
+#include "applicationmanifest.h"
+#include "md5checksum.h"
+
+#include <QCoreApplication>
+#include <QCryptographicHash>
+#include <QFile>
+#include <QFileInfo>
+#include <QPointer>
+#include <QThread>
+#include <QThreadPool>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+
+#include <sys/stat.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int IdleThreadMs = 1000;
+constexpr auto InterruptionCheck = 50ms;
+
+/// A file that changed this recently may change once more without a new time stamp, because file systems stamp in
+/// steps (10 ms here, up to 2 s elsewhere). Its digest is not kept.
+constexpr auto SettlingTime = 2s;
+
+std::chrono::nanoseconds sinceEpoch(const timespec& time)
+{
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+/// What is known of a folder without reading its files. Equal states of a settled folder mean equal contents.
+struct FolderState
+{
+    QByteArray fingerprint;
+    bool isSettled = true;
+};
+
+template<typename Number>
+void addNumber(QCryptographicHash& hash, Number number)
+{
+    hash.addData(reinterpret_cast<const char*>(&number), sizeof(number));
+}
+
+void addFile(const QString& path, QCryptographicHash& fingerprint, bool& isSettled)
+{
+    struct stat file = {};
+    const QByteArray encodedPath = QFile::encodeName(path);
+    if (::stat(encodedPath.constData(), &file) != 0 || !S_ISREG(file.st_mode)) {
+        return;
+    }
+    fingerprint.addData(encodedPath.constData(), encodedPath.size() + 1);
+    addNumber(fingerprint, file.st_dev);
+    addNumber(fingerprint, file.st_ino);
+    addNumber(fingerprint, file.st_size);
+    addNumber(fingerprint, sinceEpoch(file.st_mtim).count());
+    addNumber(fingerprint, sinceEpoch(file.st_ctim).count());
+
+    const auto age = std::chrono::system_clock::now().time_since_epoch() - sinceEpoch(file.st_ctim);
+    isSettled = isSettled && std::chrono::abs(age) > SettlingTime;
+}
+
+FolderState stateOf(const QString& directory)
+{
+    FolderState state;
+    QCryptographicHash fingerprint(QCryptographicHash::Sha1);
+    const QStringList paths = Md5Checksum::hashedPaths(QFileInfo(directory));
+    for (const QString& path : paths) {
+        addFile(path, fingerprint, state.isSettled);
+    }
+    state.fingerprint = fingerprint.result();
+    return state;
+}
+
+/// One list that was ordered. `begun` decides whether a later request may share it.
+struct Job
+{
+    explicit Job(const QString& rootPath)
+        : root(rootPath)
+    {}
+
+    const QString root;
+    std::atomic<bool> begun{false};
+    std::promise<ApplicationChecksumList> promise;
+    const std::shared_future<ApplicationChecksumList> list{promise.get_future().share()};
+};
+
+/// The background thread and what it remembers. The pool has one thread at most, so jobs run one after the other and
+/// need no lock for the cache.
+class Workshop
+{
+public:
+    static Workshop& instance()
+    {
+        static Workshop workshop;
+        return workshop;
+    }
+
+    std::shared_ptr<Job> order(const QString& root);
+    void whenDone(const std::shared_ptr<Job>& job, QObject* context,
+                  const std::function<void(const ApplicationChecksumList&)>& onReady);
+    quint64 hashCount() const { return m_hashCount; }
+
+private:
+    struct Digest
+    {
+        QByteArray fingerprint;
+        QByteArray md5;
+    };
+
+    Workshop()
+    {
+        m_pool.setMaxThreadCount(1);
+        m_pool.setExpiryTimeout(IdleThreadMs);
+        qAddPostRoutine([] { instance().close(); });
+    }
+
+    void close();
+    void serve(Job& job);
+    ApplicationChecksumList listOf(const QString& root);
+    QByteArray digestOf(const QString& directory);
+
+    QThreadPool m_pool;
+    std::shared_ptr<Job> m_latest; ///< swapped atomically; requesters may be in several threads
+    std::atomic<QThread*> m_servingThread{nullptr};
+    std::atomic<bool> m_isClosing{false};
+    std::atomic<quint64> m_hashCount{0};
+    QMap<QString, Digest> m_digests; ///< by folder; touched by the pool's thread only
+};
+
+std::shared_ptr<Job> Workshop::order(const QString& root)
+{
+    const std::shared_ptr<Job> latest = std::atomic_load(&m_latest);
+    if (latest && latest->root == root && !latest->begun) {
+        return latest;
+    }
+    const auto job = std::make_shared<Job>(root);
+    std::atomic_store(&m_latest, job);
+    m_pool.start([this, job] { serve(*job); });
+    return job;
+}
+
+void Workshop::whenDone(const std::shared_ptr<Job>& job, QObject* context,
+                        const std::function<void(const ApplicationChecksumList&)>& onReady)
+{
+    // The pool's thread cannot know whether `context` still exists; this object in the thread of `context` can, and
+    // lives until it has reported.
+    auto* const messenger = new QObject;
+    messenger->moveToThread(context->thread());
+    m_pool.start([messenger, job, onReady, receiver = QPointer<QObject>(context)] {
+        const auto report = [=] {
+            if (receiver) {
+                onReady(job->list.get());
+            }
+        };
+        QMetaObject::invokeMethod(messenger, report, Qt::QueuedConnection);
+        messenger->deleteLater();
+    });
+}
+
+void Workshop::close()
+{
+    m_isClosing = true;
+    if (QThread* const thread = m_servingThread) {
+        thread->requestInterruption();
+    }
+    m_pool.waitForDone();
+    m_isClosing = false;
+}
+
+void Workshop::serve(Job& job)
+{
+    job.begun = true;
+    m_servingThread = QThread::currentThread();
+    const ApplicationChecksumList list = listOf(job.root);
+    m_servingThread = nullptr;
+    job.promise.set_value(m_isClosing ? ApplicationChecksumList() : list);
+}
+
+ApplicationChecksumList Workshop::listOf(const QString& root)
+{
+    ApplicationChecksumList list;
+    const QStringList directories = ApplicationManifest::remoteUnitUserApplications(root);
+    for (const QString& directory : directories) {
+        if (!m_isClosing) {
+            list.insert(directory, digestOf(directory));
+        }
+    }
+    for (auto digest = m_digests.begin(); digest != m_digests.end();) {
+        digest = list.contains(digest.key()) ? std::next(digest) : m_digests.erase(digest);
+    }
+    return list;
+}
+
+QByteArray Workshop::digestOf(const QString& directory)
+{
+    const FolderState before = stateOf(directory);
+    const auto known = m_digests.constFind(directory);
+    if (known != m_digests.constEnd() && known->fingerprint == before.fingerprint) {
+        return known->md5;
+    }
+    QByteArray md5;
+    Md5Checksum::getChecksum(md5, directory);
+    ++m_hashCount;
+    if (before.isSettled && !m_isClosing && stateOf(directory).fingerprint == before.fingerprint) {
+        m_digests.insert(directory, {before.fingerprint, md5});
+    }
+    return md5;
+}
+
+} // namespace
+
+namespace ApplicationChecksums {
+
+std::shared_future<ApplicationChecksumList> request(const QString& rootPath)
+{
+    return Workshop::instance().order(rootPath)->list;
+}
+
+void request(const QString& rootPath, QObject* context, std::function<void(const ApplicationChecksumList&)> onReady)
+{
+    Workshop& workshop = Workshop::instance();
+    workshop.whenDone(workshop.order(rootPath), context, onReady);
+}
+
+ApplicationChecksumList waitFor(const std::shared_future<ApplicationChecksumList>& list)
+{
+    while (list.wait_for(InterruptionCheck) != std::future_status::ready) {
+        if (QThread::currentThread()->isInterruptionRequested()) {
+            return {};
+        }
+    }
+    return list.get();
+}
+
+bool find(const QString& rootPath, const ApplicationChecksumList& list, QByteArray& result)
+{
+    const QStringList directories = ApplicationManifest::remoteUnitUserApplications(rootPath);
+    if (directories.isEmpty()) {
+        return false;
+    }
+    result = list.value(directories.first());
+    return true;
+}
+
+quint64 hashCount()
+{
+    return Workshop::instance().hashCount();
+}
+
+} // namespace ApplicationChecksums

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QByteArray>
+#include <QMap>
+#include <QString>
+
+#include <functional>
+#include <future>
+
+class QObject;
+
+/// Application folder to the 16-byte MD5 of its contents.
+using ApplicationChecksumList = QMap<QString, QByteArray>;
+
+/// Digests of the installed remote-unit applications, for all who compare them with what a remote unit reports.
+///
+/// Lists are made by one background thread for the whole process. It keeps the digests of the last list, and hashes an
+/// application anew only when its files' sizes, times or inodes changed: units that reconnect all the time cost a walk
+/// over the folder each, away from the main thread, never another reading of it. The thread ends when nothing was asked
+/// for a second, and at the latest with the application object.
+///
+/// Request from any thread, after the application object exists.
+namespace ApplicationChecksums {
+
+/// Orders the list of the applications installed below `rootPath` as they are now. Requests that nobody has begun to
+/// serve are served together.
+/// @return the list to come; empty when the process ends meanwhile.
+std::shared_future<ApplicationChecksumList> request(const QString& rootPath);
+
+/// The same, and calls `onReady` with it in the thread of `context` (queued). Several requests report in their order;
+/// nothing is called after `context` is gone.
+void request(const QString& rootPath, QObject* context, std::function<void(const ApplicationChecksumList&)> onReady);
+
+/// Waits for an ordered list, and stops waiting when the calling thread is asked to interrupt itself.
+/// @return the list; empty after an interruption.
+ApplicationChecksumList waitFor(const std::shared_future<ApplicationChecksumList>& list);
+
+/// Looks for the first remote-unit application below `rootPath`, on the disk, and for its digest in `list`.
+/// @param result  the digest; empty, which never matches, for an application that is not in the list.
+/// @return false, `result` untouched, when none is installed.
+bool find(const QString& rootPath, const ApplicationChecksumList& list, QByteArray& result);
+
+/// How often an application has been hashed since the process started. For tests and diagnosis.
+quint64 hashCount();
+
+} // namespace ApplicationChecksums

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+class QCryptographicHash;
+class QFileInfo;
+
+/// The digest of an application's folder, which a remote unit reports at INIT and the base unit compares with its own.
+///
+/// Only contents are hashed, file after file in the order of their paths; names count in so far as they decide that
+/// order. Left out are files that differ between the two sides by nature: compiled QML ("...qmlc"), hidden files and
+/// everything in hidden folders, "keys.csv", and "Thumbs.db" in any letter case.
+///
+/// Reads the disk; safe in any thread. In a thread that was asked to interrupt itself (QThread::requestInterruption) it
+/// ends early, with a digest that means nothing.
+class Md5Checksum
+{
+public:
+    static constexpr int Size = 16; ///< bytes of a digest
+
+    /// Puts the digest of the folder `path` into `result`. Files that cannot be read are silently skipped; a missing
+    /// folder gives the digest of no data.
+    static void getChecksum(QByteArray& result, QString path);
+
+    /// Feeds the folder's contents to `hash`.
+    static void addToHash(const QFileInfo& dir, QCryptographicHash& hash);
+
+    /// Paths of what addToHash() takes contents from, in its order. Folders are among them; they contribute nothing.
+    static QStringList hashedPaths(const QFileInfo& dir);
+};
