@@ -5,7 +5,7 @@ BUILD_TYPE ?= RelWithDebInfo
 PYTHON     := /usr/bin/python3
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test system-test format lint clean
+.PHONY: help build run test unit-test tool-test system-test format lint clean
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
@@ -19,10 +19,14 @@ run: build ## run the server on the simulated installation and watch it
 	@scripts/ensure-packages run
 	@bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE))
 
-test: unit-test system-test ## everything that CI checks
+test: unit-test tool-test system-test ## everything that CI checks
 
 unit-test: build ## the unit tests alone
 	@ctest --test-dir $(BUILD) --output-on-failure --parallel 4
+
+tool-test: ## the tools for installers and operators
+	@scripts/ensure-packages test
+	@$(PYTHON) -m pytest -p no:cacheprovider -q -n 2 tests/tools
 
 system-test: build ## the real binary on the simulated installation
 	@scripts/ensure-packages test
