@@ -144,6 +144,11 @@ QMap<QString, QString> ConfigFile::getAllColumns() const
 
 bool ConfigFile::addChangeTag(QString tag, QString columnKey, QString value)
 {
+    return setValue(tag, columnKey, value) && writeData();
+}
+
+bool ConfigFile::setValue(const QString& tag, const QString& columnKey, const QString& value)
+{
     if (tag == columnKey) {
         myAssertFunc(SourceUnit, RowKeyIsColumnKey);
     }
@@ -161,7 +166,7 @@ bool ConfigFile::addChangeTag(QString tag, QString columnKey, QString value)
         rowKeys.append(tag);
     }
     values[tag].insert(columnKey, value);
-    return writeData();
+    return true;
 }
 
 bool ConfigFile::writeData()

@@ -55,6 +55,10 @@ public:
     ///         is changed in memory, the file stays as it was).
     bool addChangeTag(QString tag, QString columnKey, QString value);
 
+    /// As addChangeTag, in memory only: for changes that belong together and reach the file in one step, by writeData.
+    /// @return false, with nothing changed, when there is no such column.
+    bool setValue(const QString& tag, const QString& columnKey, const QString& value);
+
     /// Writes all rows back below the two header lines that stand in the file now.
     /// @return false, with the file untouched, when it cannot be read, lacks its header lines, or cannot be replaced.
     bool writeData();
