@@ -51,6 +51,12 @@ bool readNumber(const QByteArray& bytes, unsigned int* value)
     return true;
 }
 
+/// True when the values of rows of this origin are numbers, 4 bytes in the store.
+bool isNumericOrigin(const QString& origin)
+{
+    return origin == FromBaseController || origin == FromRemoteSide;
+}
+
 /// The cell of a row, or null when row or cell does not exist. Valid as long as `rows` is not changed.
 template<typename Rows, typename RowKey>
 const QByteArray* findCell(const Rows& rows, const RowKey& rowKey, const QString& column)
@@ -164,8 +170,7 @@ void Configuration::populateAppDb(const ConfigFile& file, AppRows& rows)
     const QVector<QString> rowKeys = file.getAllTags();
     const QVector<QString> columnKeys = file.getAllColumnKeys();
     for (const QString& rowKey : rowKeys) {
-        const QString origin = file.getValue(rowKey, OriginColumn);
-        const bool numeric = origin == FromBaseController || origin == FromRemoteSide;
+        const bool numeric = isNumericOrigin(file.getValue(rowKey, OriginColumn));
         Cells cells;
         for (const QString& columnKey : columnKeys) {
             const QString text = file.getValue(rowKey, columnKey);
@@ -201,6 +206,20 @@ bool Configuration::getAppTag(QString key, unsigned int* value) const
     bool found = false;
     const QByteArray bytes = getAppTag(key, &found);
     return found && readNumber(bytes, value);
+}
+
+QString Configuration::getAppTagText(const QString& key, bool* ok) const
+{
+    const QReadLocker locker(&m_lock);
+    const auto row = appConfigParam.constFind(key);
+    *ok = row != appConfigParam.constEnd();
+    if (!*ok) {
+        return QString();
+    }
+    const QByteArray value = row->value(ValueColumn);
+    unsigned int number = 0;
+    const bool isNumber = isNumericOrigin(QString::fromLatin1(row->value(OriginColumn))) && readNumber(value, &number);
+    return isNumber ? QString::number(number) : QString::fromLatin1(value);
 }
 
 QByteArray Configuration::getRemoteTag(unsigned short ruId, QString key, bool* ok) const
@@ -240,15 +259,16 @@ bool Configuration::isRemotePaired(unsigned short ruId) const
     return false;
 }
 
-void Configuration::updateRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3,
+bool Configuration::updateRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3,
                                         unsigned int k4)
 {
-    writeToConfigFile(ruId, k1, k2, k3, k4);
+    const bool stored = writeToConfigFile(ruId, k1, k2, k3, k4);
     reConfig();
     emit configurationChanged();
+    return stored;
 }
 
-void Configuration::writeToConfigFile(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3,
+bool Configuration::writeToConfigFile(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3,
                                       unsigned int k4)
 {
     ConfigFile remotes(m_sources.remotesFile, nullptr);
@@ -258,12 +278,14 @@ void Configuration::writeToConfigFile(unsigned short ruId, unsigned int k1, unsi
     QString rowKey = findRemote(remotes, ruId);
     if (rowKey.isEmpty()) {
         rowKey = newRemoteKey(remotes);
-        remotes.addChangeTag(rowKey, RemoteIdColumn, QString::number(ruId));
+        remotes.setValue(rowKey, RemoteIdColumn, QString::number(ruId));
     }
-    remotes.addChangeTag(rowKey, QStringLiteral("PKY1"), QString::number(k1));
-    remotes.addChangeTag(rowKey, QStringLiteral("PKY2"), QString::number(k2));
-    remotes.addChangeTag(rowKey, QStringLiteral("PKY3"), QString::number(k3));
-    remotes.addChangeTag(rowKey, QStringLiteral("PKY4"), QString::number(k4));
+    // All four words reach the file in one step: no power cut leaves a unit with words of two pairings.
+    bool complete = remotes.setValue(rowKey, QStringLiteral("PKY1"), QString::number(k1));
+    complete = remotes.setValue(rowKey, QStringLiteral("PKY2"), QString::number(k2)) && complete;
+    complete = remotes.setValue(rowKey, QStringLiteral("PKY3"), QString::number(k3)) && complete;
+    complete = remotes.setValue(rowKey, QStringLiteral("PKY4"), QString::number(k4)) && complete;
+    return remotes.writeData() && complete;
 }
 
 QByteArray Configuration::getEGLinkIp() const

@@ -56,6 +56,9 @@ public:
     QByteArray getAppTag(QString key, bool* ok) const;
     /// The same as a number. @return false, `value` untouched, unless the row exists and its value has exactly 4 bytes.
     bool getAppTag(QString key, unsigned int* value) const;
+    /// The same as it would read in a file: a number of the base controller or the remote side in decimal, anything
+    /// else as the text that it is.
+    QString getAppTagText(const QString& key, bool* ok) const;
 
     /// The cell `key` of the remotes row numbered `ruId` (its "ruindex", not its "RUID"). `ok` tells whether it exists.
     QByteArray getRemoteTag(unsigned short ruId, QString key, bool* ok) const;
@@ -71,12 +74,14 @@ public:
     bool isRemotePaired(unsigned short ruId) const;
 
     /// Stores a remote unit's pairing key on disk, reloads and emits configurationChanged(). Main thread only.
-    void updateRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
+    /// @return what writeToConfigFile said.
+    bool updateRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
 
     /// Writes the four words of a pairing key into the remote unit's row, which is appended when there is none; the
-    /// store in memory is unchanged. Up to five rewrites of the file, each in one step. Main thread only.
+    /// store in memory is unchanged. The file is replaced in one step. Main thread only.
     /// A remotes file without "RUID" column (a missing one included) is a fatal assertion.
-    void writeToConfigFile(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
+    /// @return false when a column for a word is missing (the others are written) or the file could not be replaced.
+    bool writeToConfigFile(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
 
     /// First IPv4 address of the machine-controller interface, 4 bytes, least significant first; 4 zero bytes when the
     /// interface has none or does not exist. Any thread.
