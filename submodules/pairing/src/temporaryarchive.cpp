@@ -1,0 +1,23 @@
+#include "temporaryarchive.h"
+
+#include <sys/stat.h>
+
+TemporaryArchive::TemporaryArchive(const QString& path)
+    : QFile(path)
+{}
+
+TemporaryArchive::~TemporaryArchive()
+{
+    if (isStillInPlace()) {
+        QFile::remove(fileName());
+    }
+}
+
+bool TemporaryArchive::isStillInPlace() const
+{
+    struct stat opened;
+    struct stat named;
+    return handle() >= 0 && fstat(handle(), &opened) == 0 &&
+           stat(QFile::encodeName(fileName()).constData(), &named) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
+}
