@@ -1,6 +1,11 @@
 #include "tagdatabase.h"
 
+#include "configfile.h"
+#include "tagrow.h"
+
+#include <QCoreApplication>
 #include <QDebug>
+#include <QFile>
 
 #include <algorithm>
 #include <cstring>
@@ -36,6 +41,45 @@ bool imageHolds(const QByteArray& image, int start, const QByteArray& bytes)
 TagDatabase::TagDatabase(QObject* parent)
     : Database(parent)
 {}
+
+void TagDatabase::prePopulate()
+{
+    loadTagFiles(installedTagFiles());
+}
+
+QVector<TagFile> TagDatabase::installedTagFiles()
+{
+    const QString shared = QStringLiteral("/home/root/Applications/.config/");
+    const QString own = QCoreApplication::applicationDirPath() + QLatin1String("/config/");
+    return {
+        {shared + QLatin1String("baseInternalInputTags.csv"), Tag::BIIT},
+        {shared + QLatin1String("baseInternalOutputTags.csv"), Tag::BIOT},
+        {shared + QLatin1String("baseInternalTags.csv"), Tag::NOLK},
+        {own + QLatin1String("ECOutputTags.csv"), Tag::ECOT},
+        {own + QLatin1String("EGOutputTags.csv"), Tag::EGOT},
+    };
+}
+
+void TagDatabase::loadTagFiles(const QVector<TagFile>& files)
+{
+    for (const TagFile& file : files) {
+        qDebug() << "loading" << file.path;
+        if (QFile::exists(file.path)) {
+            loadTagFile(file);
+        } else {
+            qWarning() << "Could not find the configuration file: " << file.path;
+        }
+    }
+}
+
+void TagDatabase::loadTagFile(const TagFile& file)
+{
+    const auto* const table = new ConfigFile(file.path, this);
+    const QVector<QString> rowNames = table->getAllTags();
+    for (const QString& rowName : rowNames) {
+        append(makeTag(*table, rowName, file.hostLink, this));
+    }
+}
 
 Tag* TagDatabase::at(int index) const
 {

@@ -53,6 +53,8 @@ protected:
     void recordsCleared() override;
 
 private:
+    void loadTagFile(const TagFile& file);
+
     /// A tag, and the raw bytes that it holds as long as its raw revision is `revision`. The tag's definition is looked
     /// at anew for every image, for it may be set after the appending.
     struct Input
