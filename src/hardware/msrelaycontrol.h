@@ -1,0 +1,76 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+#include <QTimer>
+
+/// Drives the machine-stop relay through GPIO line 37 and reads its contact back on line 38 (sysfs interface).
+///
+/// The relay is closed from construction on, opened while the internal link has failed, and closed again when the link
+/// is back. It therefore stays closed while a link that never came up is silent. A machine stop of the armed remote
+/// unit must open the relay within a second; one that is still closed then is opened from here and reported.
+///
+/// Lives in the main thread. A GPIO file that does not behave ends the process by the fatal assertion of
+/// "src/hardware/msrelaycontrol"; only the writes to the export file are unchecked, for they fail on lines that are
+/// exported already.
+class MsRelayControl : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Levels of the drive line.
+    enum MSRelayState : quint8 {
+        MS_RELAY_OPEN = 0,
+        MS_RELAY_CLOSED = 1,
+    };
+    /// What the relay is wanted to be.
+    enum MSState : quint8 {
+        OPEN = 0,
+        CLOSED = 1,
+    };
+    enum MSEvents : quint8 {
+        BI_FAIL_EVENT = 0,
+        STARTING_EVENT = 1,
+    };
+
+    /// Sets both lines up under /sys/class/gpio and closes the relay.
+    explicit MsRelayControl(QObject* parent = nullptr);
+    /// The same on another GPIO folder.
+    MsRelayControl(const QString& gpioFolder, QObject* parent);
+    ~MsRelayControl() override;
+
+    /// @return 1 when the monitor line shows the relay closed, 0 when it shows it open.
+    int getRelayState();
+    void setMSRelayState(MSRelayState state);
+
+    void newEvent(const MSEvents event);
+    /// Drives the relay to the wanted state.
+    void updateState();
+
+    /// Opens the relay as the last act of an orderly end; whatever arrives afterwards leaves it open. Never fatal.
+    /// @return false if the drive line could not be written.
+    bool openForShutdown();
+
+public slots:
+    /// States of the internal link: 0 opens the relay, 1 and 2 close it, others change nothing.
+    void systemStateSlot(const quint8 state);
+    /// Starts the check one second from now, unless one is pending already.
+    void machineStopPressed();
+    void machineStopPressedTimerTimeout();
+
+signals:
+    /// The relay was still closed one second after a machine stop.
+    void bcMachineStopFail();
+
+private:
+    void exportLines() const;
+    void setDirection(int line, const QByteArray& direction) const;
+    QString lineFile(int line, const char* name) const;
+
+    const QString m_gpioFolder;
+    bool initialized = false;
+    bool m_isShutDown = false;
+    QTimer* machineStopPressedTimer;
+    MSState currentMSState = OPEN;
+};
