@@ -1,0 +1,172 @@
+#include "apiserver.h"
+
+#include "tagdatabase.h"
+
+#include <QDebug>
+#include <QHostAddress>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkDatagram>
+#include <QStringList>
+#include <QUdpSocket>
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+constexpr quint16 DefaultInPort = 6250;
+constexpr quint16 DefaultOutPort = 6251;
+
+constexpr char Topic[] = "APIServer:";
+
+struct StatusMember
+{
+    QString key;
+    QString tagName;
+};
+
+const StatusMember StatusMembers[] = {
+    {QStringLiteral("BU_ID"), QStringLiteral("bu_identity")},
+    {QStringLiteral("BU_STATE"), QStringLiteral("bu_state")},
+    {QStringLiteral("TSAPs"), QStringLiteral("tsaps")},
+    {QStringLiteral("UNARMED_RUs"), QStringLiteral("unarmed_rus")},
+    {QStringLiteral("EG_LINK_STATUS"), QStringLiteral("eglink_stat_out")},
+    {QStringLiteral("EC_LINK_STATUS"), QStringLiteral("eclink_status")},
+    {QStringLiteral("C_LINK_STATUS"), QStringLiteral("clink_status")},
+    {QStringLiteral("ARMED_RU"), QStringLiteral("armed_ru")},
+    {QStringLiteral("RU_STATE"), QStringLiteral("ru_state")},
+    {QStringLiteral("BCSR"), QStringLiteral("BCSR")},
+    {QStringLiteral("BUID"), QStringLiteral("BUID")},
+    {QStringLiteral("IFTY"), QStringLiteral("IFTY")},
+    {QStringLiteral("IVL1"), QStringLiteral("IVL1")},
+    {QStringLiteral("IVL2"), QStringLiteral("IVL2")},
+    {QStringLiteral("IVL3"), QStringLiteral("IVL3")},
+};
+
+/// A word that makes a datagram a command. The first word found anywhere in the datagram decides; a command without a
+/// signal asks for the status object.
+struct Command
+{
+    const char* word;
+    const char* logLine;
+    void (APIServer::*signal)();
+};
+
+const Command Commands[] = {
+    {"GET", "Processing GET", nullptr},
+    {"RESET", "Processing RESET", &APIServer::egResetMsgReceived},
+    {"DISARM", "Processing DISARM", &APIServer::ruDisarmMsgReceived},
+    {"CCHANGE", "Processing CCHANGE", &APIServer::configChangeMsgReceived},
+};
+
+const Command AnythingElse{"", "Processing default", nullptr};
+
+const Command& commandIn(const QByteArray& datagram)
+{
+    const auto* const found =
+        std::find_if(std::begin(Commands), std::end(Commands),
+                     [&datagram](const Command& command) { return datagram.contains(command.word); });
+    return found != std::end(Commands) ? *found : AnythingElse;
+}
+
+/// The datagram up to its first zero byte, one character a byte.
+QString loggedText(const QByteArray& datagram)
+{
+    return QString::fromLatin1(datagram.constData(), static_cast<int>(qstrnlen(datagram.constData(), datagram.size())));
+}
+
+} // namespace
+
+APIServer::APIServer(TagDatabase* tagDatabase, QObject* parent)
+    : APIServer(tagDatabase, DefaultInPort, DefaultOutPort, parent)
+{}
+
+APIServer::APIServer(TagDatabase* tagDatabase, quint16 inPort, quint16 outPort, QObject* parent)
+    : QObject(parent)
+    , IN_PORT(inPort)
+    , OUT_PORT(outPort)
+    , tags(tagDatabase)
+{
+    watchStatusTags();
+}
+
+void APIServer::watchStatusTags()
+{
+    QStringList missing;
+    for (const StatusMember& member : StatusMembers) {
+        if (const Tag* const tag = tags->get(member.tagName)) {
+            connect(tag, &Tag::valueUpdated, this, &APIServer::sendData);
+        } else {
+            missing.append(member.tagName);
+        }
+    }
+    if (!missing.isEmpty()) {
+        qWarning() << Topic << "Missing status tags:" << missing.join(QLatin1String(", "));
+    }
+}
+
+QByteArray APIServer::getData()
+{
+    QJsonObject status;
+    for (const StatusMember& member : StatusMembers) {
+        const Tag* const tag = tags->get(member.tagName);
+        status.insert(member.key, tag != nullptr ? tag->getValue().toString() : QString());
+    }
+    return QJsonDocument(status).toJson(QJsonDocument::Compact);
+}
+
+void APIServer::sendNotify()
+{
+    send(QByteArrayLiteral("NOTIFY"));
+}
+
+void APIServer::start()
+{
+    qDebug() << Topic << "Starting API server";
+    socket = new QUdpSocket(this);
+    if (!socket->bind(QHostAddress::LocalHost, static_cast<quint16>(IN_PORT))) {
+        qDebug() << Topic << "Socket could not be bound to" << IN_PORT;
+        delete socket;
+        socket = nullptr;
+        return;
+    }
+    connect(socket, &QUdpSocket::readyRead, this, &APIServer::readData);
+}
+
+void APIServer::readData()
+{
+    while (socket != nullptr && socket->hasPendingDatagrams()) {
+        const QNetworkDatagram datagram = socket->receiveDatagram();
+        if (datagram.isValid()) {
+            handleDatagram(datagram.data());
+        }
+    }
+}
+
+void APIServer::sendData()
+{
+    send(getData());
+}
+
+void APIServer::handleDatagram(const QByteArray& datagram)
+{
+    qDebug() << Topic << "Read UDP Data:" << loggedText(datagram);
+    const Command& command = commandIn(datagram);
+    qDebug() << Topic << command.logLine;
+    if (command.signal == nullptr) {
+        sendData();
+        return;
+    }
+    emit(this->*command.signal)();
+    sendNotify();
+}
+
+void APIServer::send(const QByteArray& datagram)
+{
+    if (socket == nullptr) {
+        return;
+    }
+    socket->writeDatagram(datagram, QHostAddress::LocalHost, static_cast<quint16>(OUT_PORT));
+    socket->flush();
+}

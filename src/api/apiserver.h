@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QVariant>
+
+class QUdpSocket;
+class TagDatabase;
+
+/// Status and commands for programs on the same machine, over UDP on the loopback address.
+///
+/// A datagram that contains GET, or nothing known, is answered with the status object, a compact JSON object of texts.
+/// RESET, DISARM and CCHANGE emit their signal and are answered with "NOTIFY". The status object is also sent unasked
+/// at every change of one of its tags. All answers go to the same port, whoever asked.
+///
+/// Constructed in the main thread after the tags are loaded, then moved to a thread of its own, whose `started` must
+/// call `start`. The tags are read from that thread; they are not owned.
+class APIServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Receives on port 6250 and answers to port 6251. Status tags that `tags` lacks are named in one warning; their
+    /// texts are empty.
+    APIServer(TagDatabase* tags, QObject* parent);
+    /// The same on other ports of the loopback address; an `inPort` of 0 lets the system choose.
+    APIServer(TagDatabase* tags, quint16 inPort, quint16 outPort, QObject* parent);
+
+    /// @return the status object, serialised.
+    QByteArray getData();
+    void sendNotify();
+
+    const int IN_PORT;
+    const int OUT_PORT;
+
+public slots:
+    /// Opens the socket. When the port is taken, a line says so and the server stays deaf and mute.
+    void start();
+    void readData();
+    void sendData();
+
+signals:
+    void egResetMsgReceived();
+    void ruDisarmMsgReceived();
+    void configChangeMsgReceived();
+
+private:
+    void watchStatusTags();
+    void handleDatagram(const QByteArray& datagram);
+    void send(const QByteArray& datagram);
+
+    QUdpSocket* socket = nullptr;
+    TagDatabase* tags;
+};
