@@ -1,0 +1,137 @@
+#pragma once
+
+#include "glinktransportbase.h"
+
+#include <QAbstractSocket>
+#include <QHostAddress>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+
+class QTcpSocket;
+class QThread;
+class QTimer;
+
+/// The rhythm of a TCP link. The defaults are what remote units expect; tests shorten them.
+struct GLinkTcpTimes
+{
+    std::chrono::milliseconds heartbeat{250};     ///< a heartbeat goes out after so long without received data
+    std::chrono::milliseconds silence{4000};      ///< the link is dead after so long without received data
+    std::chrono::milliseconds acknowledge{4000};  ///< the link is dead when a message stays unacknowledged so long
+    std::chrono::milliseconds connectWait{4000};  ///< client mode: one attempt to connect
+    std::chrono::milliseconds connectRetry{1000}; ///< client mode: pause between attempts
+};
+
+/// Number of received messages that a transport has handed to another thread and that were not handled there yet.
+/// Shared by both sides; the transport stops reading while there are too many, so that a peer that floods the base unit
+/// fills its own socket and not our memory.
+using GLinkBacklog = std::atomic<int>;
+
+/// GLink over one TCP connection: owns the socket, feeds the frame parser, writes frames, and watches over the link
+/// with a heartbeat, a silence time-out and an acknowledgement time-out.
+///
+/// Server mode serves a connection that GLinkServer accepted. Client mode connects out, and tries again until it
+/// succeeds; it is the remote unit's side. Either way an object serves one connection and is not used again.
+///
+/// Threads: constructed anywhere, moved to a thread of its own, and from run() on used there only. It ends by itself:
+/// whatever closes the connection makes it emit closedConnection and finished, once and in this order. Destroy it in
+/// its own thread, or in any other after its own thread has ended; if it did not end before, it emits finished then.
+class GLinkTransportTcp : public GLinkTransportBase
+{
+    Q_OBJECT
+
+public:
+    /// Server mode. Orders the list of application checksums, which is made in the background.
+    /// @param socketDescriptor  an accepted connection; owned by this object from run() on.
+    GLinkTransportTcp(qintptr socketDescriptor, quint16 localId, Configuration* config, TagDatabase* tagDatabase,
+                      QObject* parent);
+    /// Client mode.
+    GLinkTransportTcp(const QHostAddress& host, quint16 port, quint16 localId, Configuration* config,
+                      TagDatabase* tagDatabase, QObject* parent);
+    ~GLinkTransportTcp() override;
+
+    /// Before run().
+    void setTimes(const GLinkTcpTimes& times) { m_times = times; }
+    /// Makes reading depend on `backlog`, which counts up here and which whoever handles the messages counts down.
+    /// Before run(); without it nothing is counted.
+    void setBacklog(const std::shared_ptr<GLinkBacklog>& backlog);
+
+    /// Also releases socket and timers in that thread when it ends.
+    void moveToThread(QThread* thread);
+
+    bool handleInitMsg() override;
+    bool handleAck() override;
+    /// Client mode: a refusal is logged, and closes the connection where trying on makes no sense. Nothing in server
+    /// mode.
+    void handleInitAckMsg() override;
+    /// Writes the frame in one piece. A peer that does not take what is written to it is given up, see MaxUnsentBytes.
+    bool sendMsg(QByteArray& frame) override;
+    /// Closes the connection; no more of its bytes are looked at.
+    void handleCrcError() override;
+
+    /// Received data: the next heartbeat and the silence time-out count from now.
+    void resetTimers();
+
+    /// Client mode: sets the tag "g_link_cable" to 1 on a cabled connection ("eth0"), else to 0.
+    void setCableStatus();
+
+    /// A connection whose peer leaves so many bytes unread is closed. One message, one heartbeat and the
+    /// acknowledgements of what the peer sends are all that can pile up.
+    static constexpr qint64 MaxUnsentBytes = 256 * 1024;
+    /// Reading pauses while the backlog has so many messages.
+    static constexpr int MaxBacklog = 64;
+
+public slots:
+    void run() override;
+    void send(quint16 remoteId, quint8 msgId, const QByteArray& message, quint32 refNr) override;
+    void readyRead();
+    void disconnected();
+    void commTimeout();
+    void threadFinished();
+    void connectLink();
+    void tcpError(QAbstractSocket::SocketError socketError);
+    /// Ends this transport, whatever state it is in.
+    void close();
+
+signals:
+    /// Server mode: that remote unit introduced itself on `link`. Client mode: connected, or, with null and for the
+    /// first failed attempt only, not connected.
+    void newConnection(quint16 remoteId, GLinkTransportTcp* link);
+    /// The connection is over and this object has nothing left to do.
+    void finished();
+
+protected:
+    void restartExchange(quint16 remoteId) override;
+    virtual QString cabledInterface() const;
+
+private:
+    bool isClientMode() const;
+    QTimer* makeTimer(std::chrono::milliseconds interval, void (GLinkTransportTcp::*slot)());
+    void adoptDescriptor();
+    void connectToPeer();
+    void setSocketOptions();
+    void stopSupervision();
+    void abortSocket();
+    void disconnectFromPeer();
+    void releaseLink();
+    bool mustPauseReading();
+
+    QHostAddress m_hostAddr;
+    quint16 m_hostPort;
+    QTcpSocket* m_socket = nullptr; ///< null before run() and after the end
+    qintptr m_socketDescriptor;
+    quint32 m_socketFailCount = 0;
+    quint32 m_connectTryCount = 0;
+    QTimer* m_connectTimer = nullptr; ///< timers: children, made in run()
+    QTimer* m_heartbeatTimer = nullptr;
+    QTimer* m_timeoutTimer = nullptr;
+    QTimer* m_ackTimeoutTimer = nullptr;
+
+    GLinkTcpTimes m_times;
+    QTimer* m_resumeTimer = nullptr;
+    std::shared_ptr<GLinkBacklog> m_backlog;
+    bool m_isIntroduced = false; ///< an INIT was received
+    bool m_isAborting = false;
+    bool m_hasEnded = false;
+};
