@@ -293,6 +293,9 @@ void EGLink::repeatVRCIMessage()
 
 void EGLink::readPendingDatagrams()
 {
+    if (m_sockets == nullptr) {
+        return;
+    }
     for (int handled = 0; handled < DatagramBatch; ++handled) {
         const std::optional<QByteArray> datagram = m_sockets->nextDatagram();
         if (!datagram) {

@@ -83,7 +83,7 @@ void EGLinkSockets::reportMembership(bool joined)
     if (joined) {
         qDebug() << "JOIN RX MULTICAST SUCCESS";
     } else if (!m_absenceReported) {
-        qWarning() << "EGLink: no multicast on" << m_interfaceName << ", waiting for it.";
+        qWarning() << "EGLink: waiting for multicast on" << m_interfaceName;
     }
     // Once an outage: the sockets are rebuilt with every failed send.
     m_absenceReported = !joined;

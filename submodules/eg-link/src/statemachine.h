@@ -65,6 +65,9 @@ public:
     /// @param table copied, never changed afterwards. Without rows the machine stays in NOT_CONFIGURED for good.
     explicit StateMachine(const QVector<Transition>& table, QObject* parent = nullptr);
 
+    /// The state itself, not the one reported.
+    EGLinkState currentState() const { return m_currentState; }
+
 public slots:
     void receiveEvent(const EGLinkEvent event);
     /// Raises TIMER_EXPIRED behind whatever the event loop already holds.
