@@ -1,0 +1,5 @@
+#include "log.h"
+
+log::log(QObject* parent)
+    : QObject(parent)
+{}
