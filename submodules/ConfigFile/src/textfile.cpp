@@ -43,6 +43,9 @@ bool replaceTextFile(const QString& path, const QByteArray& content)
     if (!file.open(QIODevice::WriteOnly)) {
         return false;
     }
-    file.write(content); // a failed or short write makes commit() fail
+    // On a full disk QSaveFile reports neither a short write nor a failed flush at commit: they are looked for here.
+    if (file.write(content) != content.size() || !file.flush()) {
+        file.cancelWriting();
+    }
     return file.commit();
 }
