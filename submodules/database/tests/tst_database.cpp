@@ -137,8 +137,9 @@ void TestDatabase::indexesOutsideAreReported()
 void TestDatabase::clearForgetsAndDeletes()
 {
     Database database(nullptr);
-    const QPointer<Data> record = new Data("pump", &database);
-    database.append(record);
+    auto* const made = new Data("pump", &database);
+    const QPointer<Data> record(made);
+    database.append(made);
     const QSignalSpy updates(&database, &Database::databaseUpdated);
     database.clear();
     QCOMPARE(updates.count(), 1);
