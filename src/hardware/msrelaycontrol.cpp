@@ -101,19 +101,22 @@ void MsRelayControl::newEvent(const MSEvents event)
         return;
     }
     qDebug() << "MsRelayControl::newEvent( const MSEvents event )";
-    MSState wanted = currentMSState;
     switch (event) {
     case STARTING_EVENT:
         qDebug() << "MSEvents::RUNNING_STARTING_EVENT";
-        wanted = CLOSED;
+        setWantedState(CLOSED);
         break;
     case BI_FAIL_EVENT:
         qDebug() << "MSEvents::BI_FAIL_EVENT";
-        wanted = OPEN;
+        setWantedState(OPEN);
         break;
     }
-    if (wanted != currentMSState) {
-        currentMSState = wanted;
+}
+
+void MsRelayControl::setWantedState(MSState state)
+{
+    if (state != currentMSState) {
+        currentMSState = state;
         updateState();
     }
 }

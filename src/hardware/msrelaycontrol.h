@@ -64,6 +64,7 @@ signals:
     void bcMachineStopFail();
 
 private:
+    void setWantedState(MSState state);
     void exportLines() const;
     void setDirection(int line, const QByteArray& direction) const;
     QString lineFile(int line, const char* name) const;
