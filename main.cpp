@@ -1,12 +1,16 @@
+#include "terminationsignals.h"
 #include "tessaroserver.h"
 
 #include <QCoreApplication>
 
 int main(int argc, char* argv[])
 {
-    // Before the application object exists: Qt's message handler reads the pattern once.
+    // Before the application object exists: every line of the log carries its time, the first one included.
     qputenv("QT_MESSAGE_PATTERN", "%{time yyyyMMdd hh:mm:ss.zzz} - %{message}");
     QCoreApplication application(argc, argv);
+    TerminationSignals terminationSignals;
+    QObject::connect(&terminationSignals, &TerminationSignals::terminationRequested, &application,
+                     &QCoreApplication::quit);
     TessaroServer server(nullptr);
     return QCoreApplication::exec();
 }

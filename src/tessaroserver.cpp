@@ -1,9 +1,295 @@
 #include "tessaroserver.h"
 
+#include "apiserver.h"
+#include "cfallback_service_c.h"
+#include "configuration.h"
+#include "configuration_service.h"
+#include "eglink.h"
+#include "fb_cmd_service.h"
+#include "fb_periodic_service.h"
+#include "gfallback_service_c.h"
+#include "msrelaycontrol.h"
+#include "myassertfunc.h"
+#include "pairserver.h"
+#include "rgpcom.h"
+#include "service_layer.h"
+#include "system_event_service.h"
+#include "tagdatabase.h"
+
 #include <QDebug>
+#include <QHostAddress>
+#include <QThread>
+
+namespace {
+
+constexpr char SourceUnit[] = "src/tessaroserver";
+
+enum FatalLine : unsigned int {
+    EnableMapMissing = 119,
+    EgLinkCreatedTwice = 168,
+    TagTableEmpty = 186,
+};
+
+const QString BuIdentityTag = QStringLiteral("bu_identity");
+const QString BuStateTag = QStringLiteral("bu_state");
+const QString EgLinkStatusTag = QStringLiteral("eglink_status");
+
+const QString EnableMapKey = QStringLiteral("EMAP");
+const QString MulticastGroupKey = QStringLiteral("MCIP");
+const QString MulticastPortKey = QStringLiteral("MCPT");
+
+const QString DefaultMulticastGroup = QStringLiteral("239.255.42.20");
+constexpr quint16 DefaultMulticastPort = 5825;
+
+struct BuStateName
+{
+    int state;
+    const char* name;
+};
+
+constexpr BuStateName BuStateNames[] = {
+    {0, "INITIAL"},   {1, "STOPPED"}, {2, "EXTERNAL_LINK_ERROR"}, {3, "BLOCKED"}, {4, "FAILED"},
+    {16, "DISARMED"}, {17, "ARMED"},
+};
+
+QHostAddress multicastGroup(Configuration& configuration)
+{
+    bool found = false;
+    const QByteArray text = configuration.getAppTag(MulticastGroupKey, &found);
+    return QHostAddress(found ? QString::fromLatin1(text) : DefaultMulticastGroup);
+}
+
+quint16 multicastPort(Configuration& configuration)
+{
+    bool found = false;
+    const QByteArray text = configuration.getAppTag(MulticastPortKey, &found);
+    return found ? static_cast<quint16>(text.toUInt(nullptr, 10)) : DefaultMulticastPort;
+}
+
+quint16 enableMap(Configuration& configuration)
+{
+    bool found = false;
+    const QByteArray text = configuration.getAppTag(EnableMapKey, &found);
+    if (!found) {
+        myAssertFunc(SourceUnit, EnableMapMissing);
+    }
+    return static_cast<quint16>(text.toUInt(nullptr, 10));
+}
+
+} // namespace
+
+QString BuStateToString(int state)
+{
+    for (const BuStateName& known : BuStateNames) {
+        if (known.state == state) {
+            return QString::fromLatin1(known.name);
+        }
+    }
+    return QStringLiteral("UNKNOWN");
+}
 
 TessaroServer::TessaroServer(QObject* parent)
     : QObject(parent)
 {
     qInfo() << "Starting TZ-400 Tessaro Server [ build of " << __DATE__ << " " << __TIME__ << "]";
+    msRelayControl = new MsRelayControl(this);
+    tagDatabase = new TagDatabase(this);
+    tagDatabase->prePopulate();
+    myConfiguration = new Configuration(this);
+    createApiServer();
+    rgpCom = new RGPCom(tagDatabase, myConfiguration, this);
+    connectTagUpdates(BuIdentityTag, SLOT(initializeRgpCom(QVariant)));
+    connectTagUpdates(BuStateTag, SLOT(buStateChanged(QVariant)));
+    createServiceLayer();
+    resolveServices();
+    connectComponents();
+    pairServer = new PairServer(myConfiguration, tagDatabase, this);
+    /* W15 */ connect(pairServer, &PairServer::pairingComplete, rgpCom, &RGPCom::configChanged);
+}
+
+TessaroServer::~TessaroServer()
+{
+    // The safe state first: whatever follows may take a moment.
+    msRelayControl->openForShutdown();
+
+    // The producers of the main thread's work end before what they work on.
+    delete pairServer;
+    if (m_egLinkThread != nullptr) {
+        egLink->deleteLater();
+        joinThread(m_egLinkThread, "EGLink");
+    } else {
+        delete egLink;
+    }
+    joinThread(m_apiThread, "API");
+    joinThread(m_serviceThread, "Service layer");
+    delete rgpCom;
+    delete myConfiguration;
+    delete tagDatabase;
+    delete msRelayControl;
+}
+
+void TessaroServer::createApiServer()
+{
+    apiServer = new APIServer(tagDatabase, nullptr);
+    m_apiThread = new QThread;
+    connect(m_apiThread, &QThread::started, apiServer, &APIServer::start);
+    connect(m_apiThread, &QThread::finished, apiServer, &APIServer::deleteLater);
+    apiServer->moveToThread(m_apiThread);
+    m_apiThread->start(QThread::InheritPriority);
+}
+
+void TessaroServer::createServiceLayer()
+{
+    m_serviceThread = new QThread;
+    serviceLayer = new ServiceLayer(rgpCom, myConfiguration, tagDatabase, nullptr);
+    m_serviceThread->start(QThread::InheritPriority);
+    serviceLayer->moveToThread(m_serviceThread);
+    connect(m_serviceThread, &QThread::finished, serviceLayer, &ServiceLayer::deleteLater);
+    QMetaObject::invokeMethod(serviceLayer, "initialize", Qt::BlockingQueuedConnection);
+    services = serviceLayer->getServices();
+}
+
+template<typename Service>
+Service* TessaroServer::service(unsigned char id)
+{
+    return qobject_cast<Service*>(services[id]);
+}
+
+void TessaroServer::resolveServices()
+{
+    eventService = service<SystemEventService>(SERVICE_SYSTEM_EVENT);
+    configurationService = service<ConfigurationService>(SERVICE_CONFIGURATION);
+    fbPeriodicService = service<FbPeriodicService>(SERVICE_FB_PERIODIC);
+    fbCmdService = service<FbCmdService>(SERVICE_FB_CMD);
+    gFallbackService = service<GfallbackServiceC>(SERVICE_G_FALLBACK);
+    cFallbackService = service<CFallbackServiceC>(SERVICE_C_FALLBACK);
+}
+
+// clang-format off: a table is read by its columns.
+void TessaroServer::connectComponents()
+{
+    /* W1  */ connect(rgpCom, &RGPCom::machineStopActivatedOnArmedRemote, msRelayControl,
+                      &MsRelayControl::machineStopPressed);
+    /* W2  */ connect(eventService, &SystemEventService::systemStateChanged, msRelayControl,
+                      &MsRelayControl::systemStateSlot);
+    /* W3  */ connect(msRelayControl, &MsRelayControl::bcMachineStopFail, eventService,
+                      &SystemEventService::internalLinkFailed);
+    /* W4  */ connectTagUpdates(BuIdentityTag, SLOT(initializeEgLink(QVariant)));
+    /* W5  */ connect(fbPeriodicService, SIGNAL(sendToRGP(QByteArray)), rgpCom,
+                      SLOT(receivePeriodicFromECLink(QByteArray)));
+    /* W6  */ connect(fbCmdService, SIGNAL(sendCmdToRGPCom(QByteArray)), rgpCom, SLOT(sendCmd(QByteArray)));
+    /* W7  */ connect(rgpCom, SIGNAL(readyReadCmdFromRGP(QByteArray)), fbCmdService, SLOT(sendCmd(QByteArray)));
+    /* W8  */ connect(apiServer, &APIServer::configChangeMsgReceived, eventService, &SystemEventService::configChanged);
+    /* W9  */ connect(apiServer, &APIServer::configChangeMsgReceived, rgpCom, &RGPCom::configChanged);
+    /* W10 */ connect(apiServer, &APIServer::ruDisarmMsgReceived, eventService, &SystemEventService::releaseArm);
+    /* W11 */ connect(apiServer, &APIServer::egResetMsgReceived, eventService, &SystemEventService::sendECLinkReset);
+    /* W12 */ connect(eventService, &SystemEventService::BCConfigChanged, configurationService,
+                      &ConfigurationService::readBCConfig);
+    /* W13 */ connect(myConfiguration, &Configuration::configurationChanged, eventService,
+                      &SystemEventService::configChanged);
+    /* W14 */ connect(myConfiguration, &Configuration::eglinkIpChanged, eventService,
+                      &SystemEventService::sendEGReconfig);
+}
+// clang-format on
+
+void TessaroServer::connectTagUpdates(const QString& tagName, const char* slot)
+{
+    Tag* const tag = tagDatabase->get(tagName);
+    if (tag == nullptr) {
+        qWarning() << "TessaroServer: missing tag" << tagName;
+        return;
+    }
+    connect(tag, SIGNAL(valueUpdated(QVariant)), this, slot);
+}
+
+void TessaroServer::initializeRgpCom(QVariant buIdentity)
+{
+    Q_UNUSED(buIdentity)
+    qDebug() << "TessaroServer::initializeRgpCom";
+    rgpCom->initialize(gFallbackService, cFallbackService);
+}
+
+void TessaroServer::initializeEgLink(QVariant buIdentity)
+{
+    const unsigned int identity = buIdentity.toUInt();
+    if (identity == 0) {
+        return;
+    }
+    const quint16 emap = enableMap(*myConfiguration);
+    const QHostAddress group = multicastGroup(*myConfiguration);
+    const quint16 port = multicastPort(*myConfiguration);
+    if (egLink != nullptr) {
+        myAssertFunc(SourceUnit, EgLinkCreatedTwice);
+    }
+    qDebug() << "Initializing EGLink, datasize" << getVRPOByteCount() << "bytes";
+    egLink =
+        new EGLink(group, port, getVRPOByteCount(), static_cast<quint8>(emap), static_cast<quint16>(identity), nullptr);
+    // All 16 bits decide here while the link was given the low 8: a map of 256 starts a link with nothing enabled.
+    if (emap == 0) {
+        qDebug() << "EGLink not started.";
+        return;
+    }
+    startEgLinkThread();
+    qDebug() << "EGLink started";
+}
+
+// clang-format off: a table is read by its columns.
+void TessaroServer::startEgLinkThread()
+{
+    m_egLinkThread = new QThread;
+    connect(m_egLinkThread, SIGNAL(started()), egLink, SLOT(run()));
+    connect(m_egLinkThread, SIGNAL(finished()), m_egLinkThread, SLOT(deleteLater()));
+    connect(egLink, SIGNAL(EGLinkStatus(quint8)), this, SLOT(updateEgLinkStatus(quint8)));
+    connect(rgpCom, SIGNAL(sendToEGLink(QByteArray)), egLink, SLOT(receiveFromRGP(QByteArray)));
+    connect(rgpCom, SIGNAL(readyReadCmdFromRGP(QByteArray)), egLink, SLOT(receiveCmd(QByteArray)));
+    connect(egLink, SIGNAL(sendToRGP(QByteArray)), rgpCom, SLOT(receivePeriodicFromEGLink(QByteArray)));
+    connect(egLink, SIGNAL(sendCmd(QByteArray)), rgpCom, SLOT(sendCmd(QByteArray)));
+    egLink->moveToThread(m_egLinkThread);
+    m_egLinkThread->start(QThread::InheritPriority);
+}
+// clang-format on
+
+void TessaroServer::buStateChanged(QVariant buState)
+{
+    qDebug() << "BU State changed to" << BuStateToString(buState.toInt());
+}
+
+void TessaroServer::updateEgLinkStatus(quint8 value)
+{
+    Tag* const tag = tagDatabase->get(EgLinkStatusTag);
+    if (tag != nullptr) {
+        tag->setValue(QVariant(value));
+    }
+}
+
+quint32 TessaroServer::getVRPOByteCount()
+{
+    return vrpoByteCountOf(*tagDatabase);
+}
+
+quint32 TessaroServer::vrpoByteCountOf(TagDatabase& tags)
+{
+    const Tag* tag = tags.at(0);
+    if (tag == nullptr) {
+        myAssertFunc(SourceUnit, TagTableEmpty);
+    }
+    int highestStart = 0;
+    int sizeThere = 0;
+    for (int index = 0; tag != nullptr; tag = tags.at(++index)) {
+        if (tag->getHostLink() == Tag::EGOT && tag->getStartByte() > highestStart) {
+            highestStart = tag->getStartByte();
+            sizeThere = tag->getByteSize();
+        }
+    }
+    return static_cast<quint32>(highestStart + sizeThere);
+}
+
+void TessaroServer::joinThread(QThread* thread, const char* name)
+{
+    thread->quit();
+    if (thread->wait(ThreadJoinTimeoutMs)) {
+        delete thread;
+    } else {
+        qWarning() << "TessaroServer:" << name << "thread did not end in time.";
+    }
 }

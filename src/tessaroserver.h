@@ -1,12 +1,96 @@
 #pragma once
 
+#include <QMap>
 #include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QVariant>
 
-/// The root of the object tree: builds every long-lived component and connects them. Lives in the main thread.
+class APIServer;
+class CFallbackServiceC;
+class Configuration;
+class ConfigurationService;
+class EGLink;
+class FbCmdService;
+class FbPeriodicService;
+class GfallbackServiceC;
+class GLinkServer;
+class MsRelayControl;
+class PairServer;
+class QThread;
+class RGPCom;
+class ServiceBase;
+class ServiceLayer;
+class SystemEventService;
+class Tag;
+class TagDatabase;
+class TransportLayer;
+
+/// The name of a base-unit state, a value of the tag "bu_state". The armed states are numbered from 16.
+QString BuStateToString(int state);
+
+/// The root of the object tree: builds every long-lived component in a fixed order, starts the worker threads and makes
+/// every connection between components. Lives in the main thread.
+///
+/// The constructor returns when the internal-link stack is up in its thread. The destructor opens the machine-stop
+/// relay, asks every worker thread to quit and joins each within ThreadJoinTimeoutMs, then releases the components in
+/// the reverse order of their making. A thread that does not end in time is logged and left to the end of the process.
 class TessaroServer : public QObject
 {
     Q_OBJECT
 
 public:
+    static constexpr unsigned long ThreadJoinTimeoutMs = 1000;
+
     explicit TessaroServer(QObject* parent = nullptr);
+    ~TessaroServer() override;
+
+    /// Size in bytes of the output image that the machine controller sends: the end of the EGOT tag with the highest
+    /// start byte. The first of several tags with that start byte decides; tags at byte 0 never do. An empty tag table
+    /// is a fatal assertion.
+    quint32 getVRPOByteCount();
+    static quint32 vrpoByteCountOf(TagDatabase& tags);
+
+public slots:
+    /// Shows the state of the machine-controller link in the tag "eglink_status".
+    void updateEgLinkStatus(quint8 value);
+    /// Creates the machine-controller link at the first non-zero identity; a second one is a fatal assertion.
+    void initializeEgLink(QVariant buIdentity);
+    /// Starts the hub, whatever the identity is.
+    void initializeRgpCom(QVariant buIdentity);
+    void buStateChanged(QVariant buState);
+
+private:
+    void createApiServer();
+    void createServiceLayer();
+    void resolveServices();
+    void connectComponents();
+    void connectTagUpdates(const QString& tagName, const char* slot);
+    void startEgLinkThread();
+    void joinThread(QThread* thread, const char* name);
+
+    template<typename Service>
+    Service* service(unsigned char id);
+
+    TagDatabase* tagDatabase = nullptr;
+    RGPCom* rgpCom = nullptr;
+    TransportLayer* transportLayer = nullptr; ///< owned and used by the service layer alone
+    Configuration* myConfiguration = nullptr;
+    EGLink* egLink = nullptr;
+    MsRelayControl* msRelayControl = nullptr;
+    ServiceLayer* serviceLayer = nullptr;
+    SystemEventService* eventService = nullptr;
+    ConfigurationService* configurationService = nullptr;
+    FbPeriodicService* fbPeriodicService = nullptr;
+    FbCmdService* fbCmdService = nullptr;
+    GfallbackServiceC* gFallbackService = nullptr;
+    CFallbackServiceC* cFallbackService = nullptr;
+    PairServer* pairServer = nullptr;
+    QMap<unsigned char, ServiceBase*> services;
+    GLinkServer* gLinkServer = nullptr; ///< owned and used by the hub alone
+    APIServer* apiServer = nullptr;
+
+    QThread* m_apiThread = nullptr;
+    QThread* m_serviceThread = nullptr;
+    QPointer<QThread> m_egLinkThread; ///< deletes itself when it finishes
 };

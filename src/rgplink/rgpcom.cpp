@@ -12,3 +12,26 @@ void RGPCom::receiveFromService(QByteArray data)
     data.append(2, '\0');
     emit sendToEGLink(data);
 }
+
+void RGPCom::initialize(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback)
+{
+    Q_UNUSED(gFallback)
+    Q_UNUSED(cFallback)
+}
+
+void RGPCom::sendCmd(const QByteArray& data)
+{
+    Q_UNUSED(data)
+}
+
+void RGPCom::receivePeriodicFromECLink(QByteArray data)
+{
+    Q_UNUSED(data)
+}
+
+void RGPCom::receivePeriodicFromEGLink(QByteArray data)
+{
+    Q_UNUSED(data)
+}
+
+void RGPCom::configChanged() {}

@@ -3,7 +3,9 @@
 #include <QByteArray>
 #include <QObject>
 
+class CFallbackServiceC;
 class Configuration;
+class GfallbackServiceC;
 class TagDatabase;
 
 /// The hub between the remote units and the rest of the base unit. Lives in the main thread; its slots are safe to
@@ -15,12 +17,23 @@ class RGPCom : public QObject
 public:
     RGPCom(TagDatabase* tagDatabase, Configuration* config, QObject* parent);
 
+    /// Called at every change of the base unit's identity.
+    void initialize(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback);
+
 public slots:
+    /// A command for all remote units.
+    void sendCmd(const QByteArray& data);
+    /// Periodic data for all remote units; the newest are kept for units that join later.
+    void receivePeriodicFromECLink(QByteArray data);
+    void receivePeriodicFromEGLink(QByteArray data);
+    void configChanged();
     /// Process data from the base controller: passed on to the machine-controller link without its first two bytes,
     /// with two zero bytes appended.
     void receiveFromService(QByteArray data);
 
 signals:
+    void readyReadCmdFromRGP(const QByteArray& data);
+    void machineStopActivatedOnArmedRemote();
     void sendToEGLink(QByteArray data);
 
 private:
