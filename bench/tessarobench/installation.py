@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import socket
 from functools import cached_property
 from pathlib import Path
 from typing import Any, Optional
@@ -10,6 +11,7 @@ from .apiclient import ApiClient
 from .basecontroller import BaseController
 from .board import EXAMPLES, Board
 from .csvfile import Table
+from .machinecontroller import MachineController
 from .processimage import ProcessImage
 
 INPUT_TAGS = Path(".config/baseInternalInputTags.csv")
@@ -57,6 +59,16 @@ class Installation(Board):
     @cached_property
     def api(self) -> ApiClient:
         return self.closing(ApiClient(self.loop, self.local_socket(), self.journal))
+
+    @cached_property
+    def mc(self) -> MachineController:
+        """The machine controller. It acknowledges commands; periodic data it sends when told to."""
+        return self.closing(self.machine_controller())
+
+    def machine_controller(self, **options: Any) -> MachineController:
+        """One more controller on the group, for the caller to close."""
+        return MachineController(self.loop, self.peer_socket(socket.SOCK_DGRAM), self.journal, self.eth0.far_host,
+                                 **options)
 
     # --- the way to normal operation -------------------------------------------------------------------------------
 

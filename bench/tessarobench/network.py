@@ -89,6 +89,17 @@ class Interface:
         self._note("plugged")
         ip(self._far, *self._up_commands())
 
+    def vanish(self) -> None:
+        """Removes the interface, and with it the cable: all memberships and routes on it are lost at both ends."""
+        self._note("vanished")
+        ip(self._board, f"link del {self.name}")
+
+    def reappear(self) -> None:
+        """Makes it anew, as another device of the same name and address."""
+        self._note("reappeared")
+        ip(self._board, *self.creation())
+        ip(self._far, *self.far_setup())
+
     def remove_address(self) -> None:
         self._note("address removed")
         ip(self._board, f"addr flush dev {self.name}")
