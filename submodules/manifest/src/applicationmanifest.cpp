@@ -34,7 +34,7 @@ void addLine(Entries& entries, const QByteArray& line)
 
 QString root()
 {
-    if (!s_rootForTests.isEmpty()) {
+    if (!s_rootForTests.isEmpty() || QCoreApplication::instance() == nullptr) {
         return s_rootForTests;
     }
     // Lexical, not cdUp(): the path is needed even when the folder is gone.
