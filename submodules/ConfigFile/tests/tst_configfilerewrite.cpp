@@ -1,5 +1,6 @@
 #include "configfile.h"
 #include "fatalprobe.h"
+#include "filesizelimit.h"
 #include "logspy.h"
 
 #include <QDir>
@@ -9,36 +10,8 @@
 #include <QtTest>
 
 #include <csignal>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-namespace {
-
-/// While it lives, no file of this process can grow beyond a size: what a full disk looks like to the writer.
-class FileSizeLimit
-{
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_previous);
-        const rlimit limited{bytes, m_previous.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limited);
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &m_previous);
-        std::signal(SIGXFSZ, SIG_DFL);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    rlimit m_previous{};
-};
-
-} // namespace
 
 class TestConfigFileRewrite : public QObject
 {
@@ -59,6 +32,7 @@ private slots:
     void changesTheKeyCellAndNotTheKey();
     void appendsANewRow();
     void appendsTheFirstRow();
+    void changesInMemoryReachTheFileTogether();
     void refusesAnUnknownColumn();
     void rowNamedLikeItsColumnIsFatal();
     void newFileReplacesTheOldOneInOneStep();
@@ -228,6 +202,19 @@ void TestConfigFileRewrite::appendsTheFirstRow()
     ConfigFile table(put("ID;A\na;b"), nullptr);
     QVERIFY(table.addChangeTag("0", "A", "x"));
     QCOMPARE(content(), QByteArray("ID;A\na;b\n0;x\n"));
+}
+
+void TestConfigFileRewrite::changesInMemoryReachTheFileTogether()
+{
+    const QByteArray before = "ID;A;B\n;;\n1;x;y\n";
+    ConfigFile table(put(before), nullptr);
+    QVERIFY(table.setValue("1", "A", "new"));
+    QVERIFY(table.setValue("2", "B", "z"));
+    QVERIFY(!table.setValue("2", "C", "z"));
+    QCOMPARE(table.getValue("1", "A"), QString("new"));
+    QCOMPARE(content(), before);
+    QVERIFY(table.writeData());
+    QCOMPARE(content(), QByteArray("ID;A;B\n;;\n1;new;y\n2;0;z\n"));
 }
 
 void TestConfigFileRewrite::refusesAnUnknownColumn()
