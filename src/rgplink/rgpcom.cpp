@@ -1,37 +1,449 @@
 #include "rgpcom.h"
 
+#include "applicationmanifest.h"
+#include "basestatus.h"
+#include "cfallback_service_c.h"
+#include "gfallback_service_c.h"
+#include "glinkconnection.h"
+#include "glinkheader.h"
+#include "glinktransportfallback.h"
+#include "glinktransporttcp.h"
+#include "myassertfunc.h"
+#include "remoteunitcheck.h"
+#include "tag.h"
+#include "tagdatabase.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QThread>
+#include <QTimer>
+
+namespace {
+
+constexpr char SourceUnit[] = "src/rgplink/rgpcom";
+
+enum FatalLine : unsigned int {
+    MachineStopTagsNotNumbers = 298,
+};
+
+constexpr char ArmedRuTag[] = "armed_ru";
+constexpr char BuStateTag[] = "bu_state";
+constexpr char TotalRusTag[] = "total_rus";
+
+constexpr unsigned int BuStateArmed = 17;
+
+/// Process data for the machine-controller link loses its first bytes and gets as many zeros at its end.
+constexpr int ProcessDataShift = 2;
+
+constexpr unsigned long FallbackThreadJoinMs = 1000;
+
+QString addressOf(const GLinkConnection* connection)
+{
+    return QString::asprintf("0x%8p", static_cast<const void*>(connection));
+}
+
+} // namespace
+
 RGPCom::RGPCom(TagDatabase* tagDatabase, Configuration* config, QObject* parent)
     : QObject(parent)
     , m_tagDatabase(tagDatabase)
     , m_config(config)
-{}
-
-void RGPCom::receiveFromService(QByteArray data)
 {
-    data.remove(0, 2);
-    data.append(2, '\0');
-    emit sendToEGLink(data);
+    warnOfMissingTags();
+    populateChecksumList();
 }
+
+RGPCom::~RGPCom()
+{
+    delete m_baseStatusTimer;
+    qDeleteAll(m_connection);
+    stopFallbackLink();
+}
+
+// --- Start and end --------------------------------------------------------------------------------------------------
 
 void RGPCom::initialize(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback)
 {
-    Q_UNUSED(gFallback)
-    Q_UNUSED(cFallback)
+    if (m_gFallbackLink != nullptr) {
+        qDebug() << "RGPCom::initialize() has been called before, ignored.";
+        return;
+    }
+    startFallbackLink(gFallback, cFallback);
+    startBaseStatus();
+}
+
+void RGPCom::startFallbackLink(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback)
+{
+    m_gFallbackLink = new GLinkTransportFallback(m_config, m_tagDatabase, nullptr);
+    m_fallbackThread = new QThread;
+    m_gFallbackLink->moveToThread(m_fallbackThread);
+    connectFallback(gFallback);
+    connectServiceForwards(cFallback);
+    connect(m_fallbackThread, &QThread::finished, m_fallbackThread, &QThread::deleteLater);
+    m_fallbackThread->start(QThread::InheritPriority);
+}
+
+// clang-format off: a table is read by its columns.
+void RGPCom::connectFallback(GfallbackServiceC* gFallback)
+{
+    GLinkTransportFallback* const link = m_gFallbackLink;
+    connect(link, &GLinkTransportFallback::newConnection, this, &RGPCom::addFallbackLink);
+    connect(link, &GLinkTransportFallback::closedConnection, this, &RGPCom::removeFallbackLink);
+    connect(link, &GLinkTransportFallback::readyReadFromGLink, this, &RGPCom::dataFromGLink);
+    connect(link, &GLinkTransportFallback::messageSent, this, &RGPCom::messageSent);
+    if (gFallback == nullptr) {
+        qWarning() << "RGPCom: no fallback service, remote units can join over TCP only.";
+        return;
+    }
+    connect(link, &GLinkTransportFallback::newConnection, gFallback, &GfallbackServiceC::reset);
+    connect(link, &GLinkTransportFallback::dataToServiceLayer, gFallback, &GfallbackServiceC::fallbackTx);
+    connect(gFallback, &GfallbackServiceC::fallbackRx, link, &GLinkTransportFallback::dataFromServiceLayer);
+    connect(gFallback, &GfallbackServiceC::linkFailed, link, &GLinkTransportFallback::linkDown);
+}
+
+void RGPCom::connectServiceForwards(CFallbackServiceC* cFallback)
+{
+    if (cFallback == nullptr) {
+        qWarning() << "RGPCom: no service for the remote units' service messages, they are dropped.";
+        return;
+    }
+    connect(this, &RGPCom::sendServiceForwardToService, cFallback, &CFallbackServiceC::CFallbackRx);
+    connect(cFallback, &CFallbackServiceC::cFallbackTx, this, &RGPCom::recvServiceForward);
+}
+// clang-format on
+
+void RGPCom::startBaseStatus()
+{
+    m_baseStatusTimer = new QTimer(this);
+    m_baseStatusTimer->setTimerType(Qt::PreciseTimer);
+    connect(m_baseStatusTimer, &QTimer::timeout, this, &RGPCom::sendBaseStatusToRemote);
+    m_baseStatusTimer->start(BaseStatusIntervalMs);
+}
+
+void RGPCom::stopFallbackLink()
+{
+    if (m_fallbackThread) {
+        m_fallbackThread->quit();
+        if (!m_fallbackThread->wait(FallbackThreadJoinMs)) {
+            qWarning() << "RGPCom: the fallback thread did not end in time.";
+            return; // what still runs cannot be deleted; the process is about to end anyway
+        }
+        delete m_fallbackThread;
+    }
+    delete m_gFallbackLink;
+}
+
+void RGPCom::warnOfMissingTags() const
+{
+    if (m_tagDatabase == nullptr) {
+        return;
+    }
+    QStringList missing = BaseStatus::missingTags(*m_tagDatabase);
+    if (m_tagDatabase->get(QString::fromLatin1(TotalRusTag)) == nullptr) {
+        missing.append(QString::fromLatin1(TotalRusTag));
+    }
+    if (!missing.isEmpty()) {
+        qWarning() << "RGPCom: missing tags, read as 0:" << missing;
+    }
+}
+
+// --- Links ----------------------------------------------------------------------------------------------------------
+
+void RGPCom::addGLink(quint16 remoteId, GLinkTransportTcp* gLink)
+{
+    GLinkConnection* const connection = m_connection.value(remoteId);
+    if (connection != nullptr) {
+        connection->setGLink(gLink);
+    } else {
+        insertConnection(remoteId, new GLinkConnection(remoteId, gLink, m_log, this));
+    }
+}
+
+void RGPCom::insertConnection(quint16 remoteId, GLinkConnection* connection)
+{
+    connect(connection, &GLinkConnection::connectionLost, this, &RGPCom::deleteConnection);
+    m_connection.insert(remoteId, connection);
+    showConnectionCount();
+}
+
+void RGPCom::showConnectionCount()
+{
+    Tag* const tag = m_tagDatabase != nullptr ? m_tagDatabase->get(QString::fromLatin1(TotalRusTag)) : nullptr;
+    if (tag != nullptr) {
+        tag->setValue(QVariant(m_connection.size()));
+    }
+}
+
+void RGPCom::removeGLink(quint16 remoteId)
+{
+    GLinkConnection* const connection = m_connection.value(remoteId);
+    if (connection == nullptr) {
+        qDebug() << "Connection for RU" << remoteId << "not found.";
+        return;
+    }
+    if (sender() != nullptr && sender() != connection->gLink()) {
+        return; // the end of a transport that another one has replaced meanwhile
+    }
+    if (connection->setGLink(nullptr) == GLinkConnection::TCP) {
+        qDebug() << "GLink state error: " << addressOf(connection);
+    }
+}
+
+void RGPCom::addFallbackLink(quint16 remoteId)
+{
+    qDebug() << "RGPCom::addFallbackLink" << remoteId;
+    if (!m_connection.contains(remoteId)) {
+        insertConnection(remoteId, new GLinkConnection(remoteId, m_gFallbackLink, m_log, this));
+    }
+    m_connection.value(remoteId)->setFallbackLink(m_gFallbackLink);
+}
+
+void RGPCom::removeFallbackLink(quint16 remoteId)
+{
+    qDebug() << "RGPCom::removeFallbackLink" << remoteId;
+    GLinkConnection* const connection = m_connection.value(remoteId);
+    if (connection == nullptr) {
+        qDebug() << "Connection for RU" << remoteId << "not found.";
+        return;
+    }
+    if (connection->setFallbackLink(nullptr) == GLinkConnection::FALLBACK) {
+        qDebug() << "GLink state error: " << addressOf(connection);
+    }
+}
+
+void RGPCom::deleteConnection(quint16 ruId)
+{
+    GLinkConnection* const connection = m_connection.take(ruId);
+    if (connection == nullptr) {
+        qDebug() << "Request to delete unknown GlinkConnection.";
+        return;
+    }
+    connection->deleteLater(); // not at once: it may be the sender
+    showConnectionCount();
+}
+
+void RGPCom::messageSent(quint16 remoteId, quint32 refNr, GLinkTransportBase* channel)
+{
+    Q_UNUSED(channel)
+    GLinkConnection* const connection = m_connection.value(remoteId);
+    if (connection == nullptr) {
+        qDebug() << "RGPCom::messageSent(): UNKNOWN CONNECTION!";
+        return;
+    }
+    connection->messageSent(refNr);
+}
+
+void RGPCom::showConnected() const
+{
+    if (m_connection.isEmpty()) {
+        qDebug() << "  none";
+    }
+    for (auto unit = m_connection.constBegin(); unit != m_connection.constEnd(); ++unit) {
+        qDebug() << "  " << unit.key();
+    }
+}
+
+// --- From remote units ----------------------------------------------------------------------------------------------
+
+void RGPCom::dataFromGLink(quint16 remoteId, quint8 msgId, const QByteArray& data, GLinkTransportBase* const channel)
+{
+    switch (msgId) {
+    case GLINK_MSG_ID_INIT: handleInitMsg(GLinkInitMsg(data), channel); break;
+    case GLINK_MSG_ID_INITACK: qDebug() << "Received initack. WHY?"; break;
+    case GLINK_MSG_ID_SERVICE_FORWARD: emit sendServiceForwardToService(data, remoteId); break;
+    case GLINK_MSG_ID_M_STOP: handleMachineStop(remoteId); break;
+    case GLINK_MSG_ID_PERIODIC_DATA:
+        if (m_connection.contains(remoteId)) {
+            emit readyReadFromRGP(remoteId, msgId, data);
+        }
+        break;
+    case GLINK_MSG_ID_CMD:
+        if (m_connection.contains(remoteId)) {
+            emit readyReadCmdFromRGP(data);
+        }
+        break;
+    default: break;
+    }
+}
+
+void RGPCom::handleMachineStop(quint16 remoteId)
+{
+    const TagNumber armedRu = tagNumber(ArmedRuTag);
+    const TagNumber buState = tagNumber(BuStateTag);
+    if (!armedRu.isNumber || !buState.isNumber) {
+        myAssertFunc(SourceUnit, MachineStopTagsNotNumbers);
+    }
+    if (armedRu.value == remoteId && buState.value == BuStateArmed) {
+        emit machineStopActivatedOnArmedRemote();
+    }
+}
+
+RGPCom::TagNumber RGPCom::tagNumber(const char* tagName) const
+{
+    const Tag* const tag = m_tagDatabase != nullptr ? m_tagDatabase->get(QString::fromLatin1(tagName)) : nullptr;
+    if (tag == nullptr) {
+        return {0, true};
+    }
+    bool isNumber = false;
+    const unsigned int value = tag->getValue().toUInt(&isNumber);
+    return {value, isNumber};
+}
+
+quint16 RGPCom::getCommandReceiver() const
+{
+    return static_cast<quint16>(tagNumber(ArmedRuTag).value);
+}
+
+// --- INIT -----------------------------------------------------------------------------------------------------------
+
+void RGPCom::handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel)
+{
+    GLinkConnection* const connection = m_connection.value(init.remoteId);
+    if (connection == nullptr) {
+        qDebug() << "No glink connection, GLINK_MSG_ID_INITACK RU" << init.remoteId;
+        return;
+    }
+    const GLinkInitAck answer = verdictOn(init);
+    if (!connection->initChannel(channel)) {
+        return;
+    }
+    connection->enqueueMessage(GLINK_MSG_ID_INITACK, answer.serialize(), true);
+    if (answer.errorCode == INIT_ACCEPTED) {
+        sendKeptPeriodicData(connection);
+        m_lastReportedErrorRU = 0;
+    } else {
+        reportRefusal(init.remoteId, answer);
+    }
+}
+
+GLinkInitAck RGPCom::verdictOn(const GLinkInitMsg& init)
+{
+    if (!isRuPaired(init.remoteId) || !isBuId(init.baseId)) {
+        return {INIT_NOT_PAIRED, "This RU is not paired to this BU."};
+    }
+    QByteArray checksum;
+    if (getAppChecksum(checksum) && checksum != init.checksum()) {
+        return {INIT_CHECKSUM_MISMATCH, "Application SW checksum mismatch."};
+    }
+    return {INIT_ACCEPTED, QByteArray()};
+}
+
+void RGPCom::sendKeptPeriodicData(GLinkConnection* connection)
+{
+    for (const QByteArray& block : {m_periodicECData, m_periodicEGData}) {
+        if (!block.isEmpty()) {
+            connection->enqueueMessage(GLINK_MSG_ID_PERIODIC_DATA, block, true);
+        }
+    }
+}
+
+void RGPCom::reportRefusal(quint16 remoteId, const GLinkInitAck& answer)
+{
+    if (remoteId == m_lastReportedErrorRU) {
+        return;
+    }
+    qDebug() << "GLINK_MSG_ID_INITACK RU" << remoteId << "Error" << answer.errorCode << answer.errorString;
+    m_lastReportedErrorRU = remoteId;
+}
+
+bool RGPCom::isRuPaired(quint16 ruId) const
+{
+    return RemoteUnitCheck::isRuPaired(m_config, ruId);
+}
+
+bool RGPCom::isBuId(quint16 id) const
+{
+    return RemoteUnitCheck::isBuId(m_tagDatabase, id);
+}
+
+bool RGPCom::getAppChecksum(QByteArray& result)
+{
+    if (m_orderedList.valid()) {
+        m_checksumList = ApplicationChecksums::waitFor(m_orderedList);
+        m_orderedList = {};
+    }
+    return ApplicationChecksums::find(ApplicationManifest::root(), m_checksumList, result);
+}
+
+void RGPCom::populateChecksumList()
+{
+    if (QCoreApplication::instance() != nullptr) {
+        m_orderedList = ApplicationChecksums::request(ApplicationManifest::root());
+    }
+}
+
+void RGPCom::configChanged()
+{
+    const auto takeOver = [this](const ApplicationChecksumList& list) {
+        m_checksumList = list;
+        m_orderedList = {};
+    };
+    ApplicationChecksums::request(ApplicationManifest::root(), this, takeOver);
+}
+
+// --- To remote units ------------------------------------------------------------------------------------------------
+
+void RGPCom::send(quint16 remoteId, quint8 msgId, const QByteArray& data)
+{
+    GLinkConnection* const connection = m_connection.value(remoteId);
+    if (connection == nullptr) {
+        qDebug() << "Unknown receiver" << remoteId;
+        return;
+    }
+    connection->enqueueMessage(msgId, data, false);
+}
+
+void RGPCom::sendToAll(quint8 msgId, const QByteArray& data)
+{
+    for (GLinkConnection* const connection : qAsConst(m_connection)) {
+        connection->enqueueMessage(msgId, data, false);
+    }
 }
 
 void RGPCom::sendCmd(const QByteArray& data)
 {
-    Q_UNUSED(data)
-}
-
-void RGPCom::receivePeriodicFromECLink(QByteArray data)
-{
-    Q_UNUSED(data)
+    QMetaObject::invokeMethod(
+        this, [this, data] { sendToAll(GLINK_MSG_ID_CMD, data); }, Qt::QueuedConnection);
 }
 
 void RGPCom::receivePeriodicFromEGLink(QByteArray data)
 {
-    Q_UNUSED(data)
+    relayPeriodicData(PERIODIC_DATA_FROM_EG, data, &RGPCom::m_periodicEGData);
 }
 
-void RGPCom::configChanged() {}
+void RGPCom::receivePeriodicFromECLink(QByteArray data)
+{
+    relayPeriodicData(PERIODIC_DATA_FROM_EC, data, &RGPCom::m_periodicECData);
+}
+
+void RGPCom::relayPeriodicData(PeriodicDataOrigin origin, QByteArray data, QByteArray RGPCom::*kept)
+{
+    data.prepend(static_cast<char>(origin));
+    const auto keepAndSend = [this, data, kept] {
+        this->*kept = data;
+        sendToAll(GLINK_MSG_ID_PERIODIC_DATA, data);
+    };
+    QMetaObject::invokeMethod(this, keepAndSend, Qt::QueuedConnection);
+}
+
+void RGPCom::receiveFromService(QByteArray data)
+{
+    data.remove(0, ProcessDataShift);
+    data.append(ProcessDataShift, '\0');
+    emit sendToEGLink(data);
+}
+
+void RGPCom::recvServiceForward(QByteArray data, quint16 receiverRuId)
+{
+    const auto sendOn = [this, data, receiverRuId] {
+        send(receiverRuId, GLINK_MSG_ID_SERVICE_FORWARD, data);
+    };
+    QMetaObject::invokeMethod(this, sendOn, Qt::QueuedConnection);
+}
+
+void RGPCom::sendBaseStatusToRemote()
+{
+    const QByteArray status = BaseStatus::payload(m_tagDatabase);
+    QMetaObject::invokeMethod(
+        this, [this, status] { sendToAll(GLINK_MSG_BASE_STATUS, status); }, Qt::QueuedConnection);
+}

@@ -16,12 +16,10 @@ static_assert(BlockHeaderSize == 4, "the base controller expects the data at off
 constexpr int DataAckSize = 1;
 constexpr int FlowControlSize = RemoteIdSize;
 
-constexpr int GLinkMsgTypeOffset = 4;
-constexpr char GLinkMsgTypeAck = 1;
-
 bool isAcknowledgement(const QByteArray& frame)
 {
-    return frame.size() >= GfallbackServiceC::GLinkHeaderSize && frame.at(GLinkMsgTypeOffset) == GLinkMsgTypeAck;
+    return frame.size() >= GLinkFrame::HeaderSize &&
+           static_cast<quint8>(frame.at(GLinkFrame::MsgTypeOffset)) == GLINK_MSG_TYPE_ACK;
 }
 
 } // namespace

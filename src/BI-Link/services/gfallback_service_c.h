@@ -1,5 +1,6 @@
 #pragma once
 
+#include "glinkheader.h"
 #include "service_base.h"
 
 #include <QMap>
@@ -50,8 +51,7 @@ public:
 
     /// Longest message that is reassembled: the largest GLink frame. A longer one is discarded, so that a peer that
     /// never ends its message costs no more memory than this.
-    static constexpr int GLinkHeaderSize = 17;
-    static constexpr int MaxRxMessageSize = GLinkHeaderSize + 65535 + 4;
+    static constexpr int MaxRxMessageSize = GLinkFrame::HeaderSize + GLinkFrame::MaxPayloadSize + GLinkFrame::CrcSize;
 
     GfallbackServiceC(QObject* parent, serviceId_T id);
 

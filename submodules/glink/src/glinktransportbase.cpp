@@ -266,6 +266,13 @@ bool GLinkTransportBase::send_(quint16 remoteId, quint8 msgId, const QByteArray&
     return true;
 }
 
+void GLinkTransportBase::forgetMessage(quint32 refNr)
+{
+    if (m_expectedAck != NoAckExpected && m_txMsgRef == refNr) {
+        restartExchange(m_txPeerId);
+    }
+}
+
 bool GLinkTransportBase::sendMsg(QByteArray& frame)
 {
     CrcStd32::add(frame);

@@ -100,6 +100,9 @@ public slots:
     virtual void send(quint16 remoteId, quint8 msgId, const QByteArray& message, quint32 refNr) = 0;
     /// Sends a heartbeat unless one is in flight. Independent of the message in flight.
     virtual void sendHeartbeat();
+    /// Nobody waits for the acknowledgement of that message any more. If it is still in flight the way is free for the
+    /// next one; otherwise nothing happens. Ordered with the calls of send() around it.
+    void forgetMessage(quint32 refNr);
 
 signals:
     /// The link to that remote unit is gone.

@@ -1,0 +1,316 @@
+#include "glinkconnection.h"
+
+#include "glinkheader.h"
+#include "glinktransportfallback.h"
+#include "glinktransporttcp.h"
+
+#include <QDateTime>
+#include <QDebug>
+
+QVector<GLinkConnection*> GLinkConnection::s_fallbackUser;
+
+GLinkConnection::GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, GLinkTransportFallback* fallbackLink,
+                                 AppLog* log, QObject* parent)
+    : QObject(parent)
+    , m_peerId(peerId)
+    , m_gLink(gLink)
+    , m_gFallbackLink(fallbackLink)
+    , m_log(log)
+{}
+
+GLinkConnection::GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, AppLog* log, QObject* parent)
+    : GLinkConnection(peerId, nullptr, nullptr, log, parent)
+{
+    setGLink(gLink);
+}
+
+GLinkConnection::GLinkConnection(quint16 peerId, GLinkTransportFallback* fallbackLink, AppLog* log, QObject* parent)
+    : GLinkConnection(peerId, nullptr, nullptr, log, parent)
+{
+    setFallbackLink(fallbackLink);
+}
+
+GLinkConnection::~GLinkConnection()
+{
+    s_fallbackUser.removeAll(this);
+    if (m_gLink) {
+        m_gLink->deleteLater();
+    }
+}
+
+GLinkTransportTcp* GLinkConnection::gLink() const
+{
+    return m_gLink;
+}
+
+// --- Messages -------------------------------------------------------------------------------------------------------
+
+void GLinkConnection::enqueueMessage(quint8 msgId, const QByteArray& data, bool prepend)
+{
+    if (!hasLink()) {
+        dropWithoutLink(msgId);
+    } else if (isInFlight() || mustWaitForTcp(msgId)) {
+        queueMessage(msgId, data, prepend);
+    } else {
+        sendMessage(msgId, data);
+    }
+}
+
+void GLinkConnection::dropWithoutLink(quint8 msgId)
+{
+    if (m_queue.hasCommand()) {
+        qDebug() << "No connection: clearing command message queue." << msgId;
+        m_queue.clearCommands();
+    }
+    if (m_queue.hasOther()) {
+        if (msgId != GLINK_MSG_BASE_STATUS) {
+            qDebug() << "No connection: clearing non-command message queue." << msgId;
+        }
+        m_queue.clearOthers();
+    }
+}
+
+/// The fallback is being closed, and would carry the answer to the INIT over TCP to a unit that has left it.
+bool GLinkConnection::mustWaitForTcp(quint8 msgId) const
+{
+    return m_isFallbackClosing && (msgId == GLINK_MSG_ID_INITACK || m_queue.hasInitAck());
+}
+
+void GLinkConnection::queueMessage(quint8 msgId, const QByteArray& data, bool prepend)
+{
+    switch (m_queue.push(msgId, data, prepend)) {
+    case GLinkMessageQueue::Outcome::Queued: break;
+    case GLinkMessageQueue::Outcome::OldestDropped:
+        if (m_droppedLine.permits()) {
+            qDebug() << "GLinkConnection: message queue of RU" << m_peerId << "is full, oldest message dropped.";
+        }
+        break;
+    case GLinkMessageQueue::Outcome::CommandRefused:
+        if (m_refusedLine.permits()) {
+            qDebug() << "GLinkConnection: command queue of RU" << m_peerId << "is full, command refused.";
+        }
+        break;
+    }
+}
+
+quint32 GLinkConnection::updateRefNr()
+{
+    m_activeRefNr = m_nextRefNr;
+    m_nextRefNr = m_nextRefNr < MaxRefNr ? m_nextRefNr + 1 : 1;
+    if (m_activeLinkType == NONE) {
+        qWarning() << "GLinkConnection::updateRefNr() CALLED WITHOUT ACTIVE LINK!";
+    }
+    m_activeRefNr |= m_activeRefNrMask;
+    return m_activeRefNr;
+}
+
+void GLinkConnection::sendMessage(quint8 msgId, const QByteArray& data)
+{
+    GLinkTransportBase* const link = m_activeLink;
+    if (link == nullptr) {
+        return;
+    }
+    const quint32 refNr = updateRefNr();
+    const auto send = [link, peerId = m_peerId, msgId, data, refNr] {
+        link->send(peerId, msgId, data, refNr);
+    };
+    QMetaObject::invokeMethod(link, send, Qt::QueuedConnection);
+}
+
+void GLinkConnection::messageSent(quint32 refNr)
+{
+    if (isInFlight() && refNr == m_activeRefNr) {
+        m_activeRefNr = REF_NR_INACTIVE;
+        sendNextMessage();
+    } else if ((refNr & m_activeRefNrMask) == 0) {
+        // Of a link that is no longer in use. If it was the fallback, that one is free for the others now.
+        if ((refNr & FallbackRefNrMask) != 0) {
+            continueFallback();
+        }
+    } else if (isInFlight()) {
+        qDebug() << "Reference number mismatch in slot messageSent(): expected" << m_activeRefNr << ","
+                 << "got" << refNr;
+    } else {
+        qDebug() << "Slot messageSent() called with refNr" << refNr
+                 << ", but this->m_activeRefNr == REF_NR_INACTIVE! IGNORED.";
+    }
+}
+
+// --- Turns ----------------------------------------------------------------------------------------------------------
+
+GLinkConnection* GLinkConnection::getNextMessage(RPGComGLinkMessage& out)
+{
+    return m_queue.takeNext(out) ? this : nullptr;
+}
+
+GLinkConnection* GLinkConnection::getNextFallbackMessage(RPGComGLinkMessage& out)
+{
+    int startIndex = s_fallbackUser.indexOf(this) + 1;
+    if (startIndex == 0) {
+        logInvalidIndex();
+        startIndex = 1;
+    }
+    return takeFromFallbackUsers(startIndex, out);
+}
+
+GLinkConnection* GLinkConnection::takeFromFallbackUsers(int startIndex, RPGComGLinkMessage& out)
+{
+    const int count = s_fallbackUser.size();
+    const int first = startIndex < count ? startIndex : 0;
+    for (const bool isAnyKind : {false, true}) {
+        for (int i = 0; i < count; ++i) {
+            GLinkConnection* const user = s_fallbackUser.at((first + i) % count);
+            if (user->m_queue.hasCommand() || (isAnyKind && user->m_queue.hasOther())) {
+                return user->getNextMessage(out);
+            }
+        }
+    }
+    return nullptr;
+}
+
+void GLinkConnection::logInvalidIndex() const
+{
+    qDebug() << "GLinkConnection::getNextFallbackMessage: Invalid index, resetting...";
+    qDebug() << "GLinkConnection::getNextFallbackMessage: Searched for index of" << m_peerId;
+    qDebug() << "GLinkConnection::getNextFallbackMessage:  Fallback user count" << s_fallbackUser.size();
+    qDebug() << "GLinkConnection::getNextFallbackMessage:  Fallback user list:";
+    for (const GLinkConnection* user : qAsConst(s_fallbackUser)) {
+        qDebug() << "GLinkConnection::getNextFallbackMessage: " << user->m_peerId;
+    }
+    qDebug() << "GLinkConnection::getNextFallbackMessage:  End of fallback user list.";
+}
+
+void GLinkConnection::sendNextMessage()
+{
+    if (m_isFallbackClosing) {
+        return; // what waits goes out over TCP in a moment
+    }
+    RPGComGLinkMessage message;
+    GLinkConnection* const sender = m_gLink ? getNextMessage(message) : getNextFallbackMessage(message);
+    if (sender != nullptr) {
+        sender->sendMessage(message.msgId, message.data);
+    }
+}
+
+void GLinkConnection::continueFallback()
+{
+    RPGComGLinkMessage message;
+    GLinkConnection* const sender = takeFromFallbackUsers(0, message);
+    if (sender != nullptr) {
+        sender->sendMessage(message.msgId, message.data);
+    }
+}
+
+bool GLinkConnection::isOnlyFallbackUser() const
+{
+    return s_fallbackUser.size() == 1 && s_fallbackUser.first() == this;
+}
+
+// --- Links ----------------------------------------------------------------------------------------------------------
+
+GLinkConnection::LinkType GLinkConnection::setGLink(GLinkTransportTcp* link)
+{
+    if (link == nullptr) {
+        m_isGLinkInited = false;
+    } else if (m_gLink && m_gLink != link) {
+        supersede(m_gLink);
+    }
+    m_gLink = link;
+    return updateActiveLink();
+}
+
+GLinkConnection::LinkType GLinkConnection::setFallbackLink(GLinkTransportFallback* link)
+{
+    if (link == nullptr) {
+        m_isFallbackLinkInited = false;
+    }
+    m_gFallbackLink = link;
+    return updateActiveLink();
+}
+
+/// The unit has connected anew before its old connection, half open perhaps, was found dead. An answer to the INIT
+/// before is of no use on the new link, where the answer to its own INIT follows.
+void GLinkConnection::supersede(GLinkTransportTcp* link)
+{
+    m_queue.dropInitAcks();
+    QMetaObject::invokeMethod(link, &GLinkTransportTcp::close, Qt::QueuedConnection);
+}
+
+bool GLinkConnection::initChannel(GLinkTransportBase* channel)
+{
+    if (channel == nullptr) {
+        qFatal("NULL channel init!");
+    }
+    const bool isTcp = channel == m_gLink;
+    if (!isTcp && channel != m_gFallbackLink) {
+        qDebug() << "INIT FOR UNKNOWN CHANNEL! IGNORED.";
+        return false;
+    }
+    m_queue.dropInitAcks();
+    if (channel == m_activeLink) {
+        forgetMessageInFlight();
+    }
+    (isTcp ? m_isGLinkInited : m_isFallbackLinkInited) = true;
+    m_isFallbackClosing = isTcp && m_gFallbackLink && m_isFallbackLinkInited;
+    updateActiveLink();
+    if (isTcp && m_gFallbackLink) {
+        GLinkTransportFallback* const fallback = m_gFallbackLink;
+        QMetaObject::invokeMethod(
+            fallback, [fallback, peerId = m_peerId] { fallback->close(peerId); }, Qt::QueuedConnection);
+    }
+    return true;
+}
+
+GLinkConnection::Route GLinkConnection::bestRoute() const
+{
+    if (m_gFallbackLink && m_isFallbackLinkInited) {
+        return {FALLBACK, m_gFallbackLink, FallbackRefNrMask};
+    }
+    if (m_gLink && m_isGLinkInited) {
+        return {TCP, m_gLink, TcpRefNrMask};
+    }
+    return {NONE, nullptr, 0};
+}
+
+GLinkConnection::LinkType GLinkConnection::updateActiveLink()
+{
+    const Route route = bestRoute();
+    if (route.type != m_activeLinkType || route.link != m_activeLink) {
+        takeRoute(route);
+    }
+    if (!isInFlight() && (route.type == TCP || isOnlyFallbackUser())) {
+        sendNextMessage();
+    }
+    return m_activeLinkType;
+}
+
+void GLinkConnection::takeRoute(const Route& route)
+{
+    forgetMessageInFlight();
+    if (m_activeLinkType == NONE) {
+        m_disconnectTime = 0;
+    } else if (route.type == NONE) {
+        m_disconnectTime = QDateTime::currentMSecsSinceEpoch();
+    }
+    m_activeLinkType = route.type;
+    m_activeLink = route.link;
+    m_activeRefNrMask = route.refNrMask;
+    if (route.type != FALLBACK) {
+        m_isFallbackClosing = false;
+        s_fallbackUser.removeAll(this);
+    } else if (!s_fallbackUser.contains(this)) {
+        s_fallbackUser.append(this);
+    }
+}
+
+/// Nobody waits for its acknowledgement any more: the link in use changes, or an INIT has come over it. A TCP transport
+/// that stays would refuse the next message until it is told so; the fallback never refuses one.
+void GLinkConnection::forgetMessageInFlight()
+{
+    if (m_activeLinkType == TCP && isInFlight() && m_activeLink && m_activeLink == m_gLink) {
+        GLinkTransportTcp* const link = m_gLink;
+        QMetaObject::invokeMethod(
+            link, [link, refNr = m_activeRefNr] { link->forgetMessage(refNr); }, Qt::QueuedConnection);
+    }
+    m_activeRefNr = REF_NR_INACTIVE;
+}

@@ -1,0 +1,142 @@
+#pragma once
+
+#include "glinkmessagequeue.h"
+#include "onceaminute.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QPointer>
+#include <QVector>
+
+class AppLog;
+class GLinkTransportBase;
+class GLinkTransportFallback;
+class GLinkTransportTcp;
+
+/// One remote unit as the base unit sees it: its two possible links, which of them is in use, the message in flight,
+/// and the messages that wait for the acknowledgement of that one.
+///
+/// A link is usable once an INIT came over it. The fallback wins while it is usable: a unit that has TCP back keeps
+/// using the fallback until that is closed for it, which an INIT over TCP sets going.
+///
+/// All units on the fallback share its one transport and take turns, commands first. A unit that vanished there holds
+/// its own message in flight until its next INIT; its queues are bounded (see GLinkMessageQueue).
+///
+/// Threads and life: lives in the main thread and is used there only. The links live in threads of their own and are
+/// reached through queued calls. They are held guarded: a transport is deleted in the main thread or after it has been
+/// taken away here by setGLink(), so a link that still stands here cannot vanish between look and call, and what was
+/// queued to one that is gone goes with it.
+class GLinkConnection : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum LinkType {
+        NONE = 0,
+        FALLBACK = 1,
+        TCP = 2,
+    };
+
+    /// Reference numbers: bits 0 to 27 count from 1 to MaxRefNr, one bit above tells the link.
+    static constexpr quint32 REF_NR_INACTIVE = 0;
+    static constexpr quint32 MaxRefNr = 0x0FFFFFFE;
+    static constexpr quint32 TcpRefNrMask = 0x10000000;
+    static constexpr quint32 FallbackRefNrMask = 0x20000000;
+
+    /// Knows both links but uses none before an INIT.
+    GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, GLinkTransportFallback* fallbackLink, AppLog* log,
+                    QObject* parent);
+    GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, AppLog* log, QObject* parent);
+    GLinkConnection(quint16 peerId, GLinkTransportFallback* fallbackLink, AppLog* log, QObject* parent);
+    /// Schedules the TCP link for deletion, and leaves the fallback's turns.
+    ~GLinkConnection() override;
+
+    quint16 peerId() const { return m_peerId; }
+    LinkType activeLinkType() const { return m_activeLinkType; }
+    GLinkTransportTcp* gLink() const;
+    /// Where events of this unit may be recorded; null when nobody keeps such a record.
+    AppLog* log() const { return m_log; }
+    /// Time at which the unit lost its last link, ms since the epoch; 0 while it has one, and before it had any.
+    qint64 disconnectTime() const { return m_disconnectTime; }
+
+    /// Hands a message to the unit: sent at once when nothing is in flight, else queued. Without a link it is dropped,
+    /// and with it whatever still waits.
+    /// @param prepend  queue it before all others; no effect on commands and periodic data.
+    ///
+    /// The answer to an INIT over TCP, and what follows it, waits until the fallback has let go of the unit.
+    void enqueueMessage(quint8 msgId, const QByteArray& data, bool prepend);
+
+    /// The message sent under that number has been acknowledged. Sends the next one; for the unit's own message on the
+    /// fallback that may be another unit's. Numbers of forgotten messages are ignored.
+    void messageSent(quint32 refNr);
+
+    /// Attaches a link; null detaches it. A TCP link that another one replaces is told to close.
+    /// @return the type of link in use from now on.
+    LinkType setGLink(GLinkTransportTcp* link);
+    LinkType setFallbackLink(GLinkTransportFallback* link);
+
+    /// An INIT came over `channel`: the link becomes usable, and what was in flight on it is forgotten on both sides.
+    /// Null is fatal.
+    /// @return false, with nothing done, for a channel that is not (or no longer) one of this unit's links.
+    bool initChannel(GLinkTransportBase* channel);
+
+signals:
+    /// Not emitted by the connection itself.
+    void connectionLost(quint16 ruId);
+
+protected:
+    /// Numbers the message that is about to be sent, which becomes the one in flight. @return its number.
+    quint32 updateRefNr();
+    void sendMessage(quint8 msgId, const QByteArray& data);
+    /// Takes this unit's next message. @return this, or null when nothing waits.
+    GLinkConnection* getNextMessage(RPGComGLinkMessage& out);
+    /// Takes the next message of the units on the fallback, starting with the one after this. @return its unit, or
+    /// null.
+    GLinkConnection* getNextFallbackMessage(RPGComGLinkMessage& out);
+    void sendNextMessage();
+    LinkType updateActiveLink();
+
+    quint32 m_nextRefNr = 1;
+
+private:
+    struct Route
+    {
+        LinkType type;
+        GLinkTransportBase* link;
+        quint32 refNrMask;
+    };
+    Route bestRoute() const;
+    void takeRoute(const Route& route);
+
+    bool hasLink() const { return !m_activeLink.isNull(); }
+    bool isInFlight() const { return (m_activeRefNr & m_activeRefNrMask) != 0; }
+    bool isOnlyFallbackUser() const;
+    bool mustWaitForTcp(quint8 msgId) const;
+    void dropWithoutLink(quint8 msgId);
+    void queueMessage(quint8 msgId, const QByteArray& data, bool prepend);
+    void forgetMessageInFlight();
+    void supersede(GLinkTransportTcp* link);
+    void logInvalidIndex() const;
+
+    static GLinkConnection* takeFromFallbackUsers(int startIndex, RPGComGLinkMessage& out);
+    static void continueFallback();
+
+    /// Connections whose link in use is the fallback, in order of joining. Main thread only.
+    static QVector<GLinkConnection*> s_fallbackUser;
+
+    const quint16 m_peerId;
+    QPointer<GLinkTransportTcp> m_gLink;
+    bool m_isGLinkInited = false;
+    QPointer<GLinkTransportFallback> m_gFallbackLink;
+    bool m_isFallbackLinkInited = false;
+    bool m_isFallbackClosing = false; ///< TCP is there again, and the fallback has been asked to let go
+    QPointer<GLinkTransportBase> m_activeLink;
+    LinkType m_activeLinkType = NONE;
+    quint32 m_activeRefNrMask = 0;
+    qint64 m_disconnectTime = 0;
+    GLinkMessageQueue m_queue;
+    quint32 m_activeRefNr = REF_NR_INACTIVE; ///< of the message in flight
+    OnceAMinute m_droppedLine;
+    OnceAMinute m_refusedLine;
+    AppLog* m_log;
+};

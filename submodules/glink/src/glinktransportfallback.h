@@ -1,0 +1,60 @@
+#pragma once
+
+#include "glinktransportbase.h"
+
+/// GLink through the base controller, for remote units whose TCP link is gone. One instance serves all of them: its
+/// pipe is the fallback service of the internal link, which carries frames tagged with the id of the remote unit.
+///
+/// A unit joins with INIT and leaves with FALLBACK_DEINIT, when its TCP link has taken over (close()), when a frame is
+/// corrupt, or when the base controller rejects the channel. There are no heartbeats and no time-outs here: what a unit
+/// that vanished leaves in flight stays so until that unit's next INIT.
+///
+/// Threads and life: made by the hub and moved to a thread of its own; reached by queued calls only. The hub deletes it
+/// in the main thread, after its thread has ended.
+class GLinkTransportFallback : public GLinkTransportBase
+{
+    Q_OBJECT
+
+public:
+    /// Makes no list of application checksums: the verdict of handleInitMsg() is for information, the hub has its own.
+    GLinkTransportFallback(Configuration* config, TagDatabase* tagDatabase, QObject* parent);
+
+    bool handleInitMsg() override;
+    void handleInitAckMsg() override;
+    /// Hands the complete frame to the fallback service: an acknowledgement for the unit whose message it acknowledges,
+    /// every other frame for the unit of the last send. @return true: the service drops what it cannot carry.
+    bool sendMsg(QByteArray& frame) override;
+    /// Takes the link from the unit of the last send, which is not always the one whose frame was corrupt.
+    void handleCrcError() override;
+    void handleFallbackDeInit() override;
+
+public slots:
+    void run() override;
+    /// Sends at once, whatever is in flight: the connections of the units take turns among themselves.
+    void send(quint16 remoteId, quint8 msgId, const QByteArray& message, quint32 refNr) override;
+    void sendHeartbeat() override;
+
+    /// Bytes of a unit, a whole frame or a part of one. They are never joined with another unit's.
+    void dataFromServiceLayer(quint16 remoteId, const QByteArray& data);
+    /// The base controller has rejected the channel: the unit of the last send loses its link.
+    void linkDown();
+    /// The unit has a better link. Its message in flight, if it was the last one sent, counts as sent.
+    void close(quint16 remoteId);
+
+signals:
+    /// That unit introduced itself over the fallback.
+    void newConnection(quint16 remoteId);
+    void readyRead();
+    /// A frame for that unit.
+    void dataToServiceLayer(quint16 remoteId, const QByteArray& data);
+
+protected:
+    /// What another unit has in flight counts as sent, so that its queue goes on.
+    void restartExchange(quint16 remoteId) override;
+
+private:
+    void releaseUnit();
+    void closeUnitOfLastSend();
+
+    quint16 m_incomingPeerId = 0; ///< unit of the partial frame that is kept; m_rxPeerId changes with close() and INIT
+};
