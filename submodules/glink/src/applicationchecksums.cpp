@@ -27,7 +27,8 @@ constexpr auto InterruptionCheck = 50ms;
 
 /// A file that changed this recently may change once more without a new time stamp, because file systems stamp in
 /// steps (10 ms here, up to 2 s elsewhere). Its digest is not kept.
-constexpr auto SettlingTime = 2s;
+constexpr std::chrono::milliseconds DefaultSettlingTime = 2s;
+std::atomic<std::chrono::milliseconds> s_settlingTime{DefaultSettlingTime};
 
 std::chrono::nanoseconds sinceEpoch(const timespec& time)
 {
@@ -62,7 +63,7 @@ void addFile(const QString& path, QCryptographicHash& fingerprint, bool& isSettl
     addNumber(fingerprint, sinceEpoch(file.st_ctim).count());
 
     const auto age = std::chrono::system_clock::now().time_since_epoch() - sinceEpoch(file.st_ctim);
-    isSettled = isSettled && std::chrono::abs(age) > SettlingTime;
+    isSettled = isSettled && std::chrono::abs(age) > s_settlingTime.load();
 }
 
 FolderState stateOf(const QString& directory)
@@ -246,6 +247,11 @@ bool find(const QString& rootPath, const ApplicationChecksumList& list, QByteArr
     }
     result = list.value(directories.first());
     return true;
+}
+
+void setSettlingTime(std::chrono::milliseconds time)
+{
+    s_settlingTime = time;
 }
 
 quint64 hashCount()

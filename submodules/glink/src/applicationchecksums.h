@@ -4,6 +4,7 @@
 #include <QMap>
 #include <QString>
 
+#include <chrono>
 #include <functional>
 #include <future>
 
@@ -39,6 +40,9 @@ ApplicationChecksumList waitFor(const std::shared_future<ApplicationChecksumList
 /// @param result  the digest; empty, which never matches, for an application that is not in the list.
 /// @return false, `result` untouched, when none is installed.
 bool find(const QString& rootPath, const ApplicationChecksumList& list, QByteArray& result);
+
+/// For how long after its last change an application is hashed anew for every list; 2 s. For tests.
+void setSettlingTime(std::chrono::milliseconds time);
 
 /// How often an application has been hashed since the process started. For tests and diagnosis.
 quint64 hashCount();
