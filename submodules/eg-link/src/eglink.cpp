@@ -303,9 +303,6 @@ void EGLink::readPendingDatagrams()
         }
         handleDatagram(*datagram);
     }
-    if (m_sockets->hasPendingDatagrams()) {
-        QMetaObject::invokeMethod(this, &EGLink::readPendingDatagrams, Qt::QueuedConnection);
-    }
 }
 
 void EGLink::handleDatagram(QByteArray packet)

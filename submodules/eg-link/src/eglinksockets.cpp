@@ -5,6 +5,8 @@
 
 namespace {
 
+constexpr int LargestDatagram = 65536;
+
 /// The address by which the kernel knows the interface for multicast; null if it has none.
 QHostAddress ipv4AddressOf(const QNetworkInterface& interface)
 {
@@ -35,6 +37,7 @@ EGLinkSockets::EGLinkSockets(const QHostAddress& multicastAddr, quint16 remotePo
     , m_remotePort(remotePort)
     , m_localPort(localPort)
     , m_interfaceName(interfaceName)
+    , m_rxBuffer(LargestDatagram, '\0')
 {}
 
 EGLinkSockets::Result EGLinkSockets::rebuild()
@@ -96,18 +99,17 @@ bool EGLinkSockets::write(const QByteArray& packet)
 
 std::optional<QByteArray> EGLinkSockets::nextDatagram()
 {
-    if (!hasPendingDatagrams()) {
+    if (m_rxSocket == nullptr) {
         return std::nullopt;
     }
-    QByteArray datagram(static_cast<int>(qMax<qint64>(m_rxSocket->pendingDatagramSize(), 0)), Qt::Uninitialized);
-    const qint64 size = m_rxSocket->readDatagram(datagram.data(), datagram.size());
-    datagram.truncate(static_cast<int>(qMax<qint64>(size, 0)));
-    return datagram;
-}
-
-bool EGLinkSockets::hasPendingDatagrams() const
-{
-    return m_rxSocket != nullptr && m_rxSocket->hasPendingDatagrams();
+    // No look ahead whether a datagram is waiting: QUdpSocket announces the next one only after a read, a vain one
+    // included. Who returns unread from an announcement (the datagram was read already, or the kernel has dropped it
+    // for its checksum) never hears of another.
+    const qint64 size = m_rxSocket->readDatagram(m_rxBuffer.data(), m_rxBuffer.size());
+    if (size < 0) {
+        return std::nullopt;
+    }
+    return m_rxBuffer.left(static_cast<int>(size));
 }
 
 bool EGLinkSockets::needsRebuild() const

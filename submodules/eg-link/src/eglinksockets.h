@@ -35,8 +35,9 @@ public:
     bool write(const QByteArray& packet);
 
     /// Reads the next datagram whole, whatever its size. @return nothing when none is waiting.
+    ///
+    /// Every call arms `readyRead` again, so a reader may stop at any time and is called again while datagrams wait.
     std::optional<QByteArray> nextDatagram();
-    bool hasPendingDatagrams() const;
 
     /// @return true if the interface is usable now, but not as the sockets know it: it was absent when they were made,
     ///         has come back as another device, or its address has changed. Asks the kernel each time.
@@ -54,6 +55,7 @@ private:
     const quint16 m_remotePort;
     const quint16 m_localPort;
     const QString m_interfaceName;
+    QByteArray m_rxBuffer; ///< as large as a datagram can be, so that none is ever cut
 
     QUdpSocket* m_txSocket = nullptr;
     QUdpSocket* m_rxSocket = nullptr;
