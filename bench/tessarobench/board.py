@@ -81,9 +81,10 @@ class Board:
         """A descriptor of the far end of the UART, for one peer to own. Several may exist, one should read."""
         return os.dup(self._uart_far_end)
 
-    def peer_socket(self, kind: int = socket.SOCK_STREAM, family: int = socket.AF_INET) -> socket.socket:
+    def peer_socket(self, kind: int = socket.SOCK_STREAM, family: int = socket.AF_INET,
+                    protocol: int = 0) -> socket.socket:
         """A socket in the peers' world, on the far ends of eth0 and wlan0."""
-        return self._peers.run(socket.socket, family, kind)
+        return self._peers.run(socket.socket, family, kind, protocol)
 
     def local_socket(self, kind: int = socket.SOCK_DGRAM, family: int = socket.AF_INET) -> socket.socket:
         """A socket on the board itself, for the loopback interface."""
