@@ -127,7 +127,7 @@ void PairServer::newClientConnection()
     client->setReadBufferSize(ReadAheadBytes);
     connect(client, &QTcpSocket::disconnected, client, &QTcpSocket::deleteLater);
     connect(client, &QTcpSocket::readyRead, this, &PairServer::readData);
-    connect(client, &QTcpSocket::bytesWritten, this, &PairServer::readData);
+    connect(client, &QTcpSocket::bytesWritten, this, &PairServer::serveNextLater);
     limitClients();
 }
 
@@ -177,6 +177,12 @@ void PairServer::readData()
     }
     clientConnection->skip(decoding.size);
     serve(decoding.request);
+    serveNextLater();
+}
+
+/// Never at once: this is also called from within the sending of a reply.
+void PairServer::serveNextLater()
+{
     if (isClientOpen() && clientConnection->bytesAvailable() > 0) {
         m_nextRequest.start();
     }

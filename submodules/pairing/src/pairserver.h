@@ -77,6 +77,7 @@ signals:
 
 private slots:
     void newFileTransferConnection();
+    void serveNextLater();
 
 private:
     void listen(const PairServerPlace& place);

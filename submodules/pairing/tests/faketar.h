@@ -15,6 +15,7 @@ public:
         Waiting,   ///< notes the call and waits for `release`
         Hanging,   ///< makes the file that it was asked for and never ends
         Failing,   ///< ends with exit code 2
+        Writing,   ///< makes an archive of the three bytes "abc"
         Talking,   ///< writes to both output channels
         Reading,   ///< reads its standard input to the end, then says so
         Missing    ///< there is no tar at all
@@ -54,6 +55,7 @@ private:
         case Waiting: return note + "while [ ! -e $here/gate ]; do sleep 0.01; done";
         case Hanging: return ": > \"$2\"; echo $$ > $here/pid; exec sleep 60";
         case Failing: return "exit 2";
+        case Writing: return "printf abc > \"$2\"";
         case Talking: return "echo said aloud; echo complained >&2";
         case Reading: return "cat > $here/input; echo end of input";
         case Missing: break;

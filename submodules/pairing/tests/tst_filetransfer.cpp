@@ -12,6 +12,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto NeverStalls = 60s;
+/// Twice of what the kernel holds at most for a receiver that takes nothing.
+constexpr int LargeSize = 8 * 1024 * 1024;
 
 /// A connection that notes how the bytes are handed to it.
 class NotingSocket : public QTcpSocket
@@ -94,6 +96,7 @@ void TestFileTransfer::init()
     QTRY_VERIFY(m_server->hasPendingConnections());
     m_sender = static_cast<NotingSocket*>(m_server->nextPendingConnection());
     QTRY_COMPARE(m_receiver->state(), QAbstractSocket::ConnectedState);
+    m_receiver->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, 64 * 1024);
     auto file = std::make_unique<QTemporaryFile>();
     QVERIFY(file->open());
     m_file = std::move(file);
@@ -154,8 +157,7 @@ void TestFileTransfer::sendsTheWholeFileAndCloses()
 
 void TestFileTransfer::stalledReceiverCostsNoMemoryAndLaterGetsEverything()
 {
-    constexpr int Size = 32 * 1024 * 1024; // more than the kernel buffers of both ends can hold
-    m_file->write(QByteArray(Size, 'x'));
+    m_file->write(QByteArray(LargeSize, 'x'));
     m_receiver->setReadBufferSize(1);
     FileTransfer* transfer = newTransfer(NeverStalls);
     QSignalSpy finished(transfer, &FileTransfer::finished);
@@ -168,15 +170,15 @@ void TestFileTransfer::stalledReceiverCostsNoMemoryAndLaterGetsEverything()
         QTest::qWait(100); // a transfer that can go on would have gone on
         mostPending = std::max(mostPending, m_sender->bytesToWrite());
     }
-    QVERIFY(m_sender->writes < Size / 1024);
+    QVERIFY(m_sender->writes < LargeSize / 1024);
     QVERIFY2(mostPending <= 65 * 1024, qPrintable(QString::number(mostPending)));
     QVERIFY(finished.isEmpty());
 
     m_receiver->setReadBufferSize(0);
     qint64 received = 0;
-    while (received < Size) {
+    while (received < LargeSize) {
         received += m_receiver->readAll().size();
-        if (received < Size) {
+        if (received < LargeSize) {
             QVERIFY(m_receiver->waitForReadyRead(10) || !m_receiver->bytesAvailable());
             QCoreApplication::processEvents();
         }
@@ -187,7 +189,7 @@ void TestFileTransfer::stalledReceiverCostsNoMemoryAndLaterGetsEverything()
 
 void TestFileTransfer::stallLimitEndsTheTransfer()
 {
-    m_file->write(QByteArray(32 * 1024 * 1024, 'x'));
+    m_file->write(QByteArray(LargeSize, 'x'));
     const QString name = m_file->fileName();
     m_receiver->setReadBufferSize(1);
     FileTransfer* transfer = newTransfer(100ms);
@@ -205,8 +207,7 @@ void TestFileTransfer::stallLimitEndsTheTransfer()
 
 void TestFileTransfer::slowReceiverIsNotStalled()
 {
-    constexpr int Size = 16 * 1024 * 1024;
-    m_file->write(QByteArray(Size, 'x'));
+    m_file->write(QByteArray(LargeSize, 'x'));
     m_receiver->setReadBufferSize(256 * 1024);
     FileTransfer* transfer = newTransfer(300ms);
     QSignalSpy finished(transfer, &FileTransfer::finished);
@@ -216,7 +217,7 @@ void TestFileTransfer::slowReceiverIsNotStalled()
     transfer->start();
     // Takes some every 15 ms, well inside the limit, and altogether far longer than the limit.
     qint64 received = 0;
-    while (received < Size && finished.isEmpty()) {
+    while (received < LargeSize && finished.isEmpty()) {
         QTest::qWait(15);
         received += m_receiver->read(256 * 1024).size();
     }
@@ -228,7 +229,7 @@ void TestFileTransfer::slowReceiverIsNotStalled()
 
 void TestFileTransfer::receiverThatVanishesEndsTheTransfer()
 {
-    m_file->write(QByteArray(32 * 1024 * 1024, 'x'));
+    m_file->write(QByteArray(LargeSize, 'x'));
     const QString name = m_file->fileName();
     FileTransfer* transfer = newTransfer(NeverStalls);
     QSignalSpy finished(transfer, &FileTransfer::finished);
