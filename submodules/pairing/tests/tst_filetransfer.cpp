@@ -19,6 +19,8 @@ constexpr int LargeSize = 8 * 1024 * 1024;
 class NotingSocket : public QTcpSocket
 {
 public:
+    using QTcpSocket::QTcpSocket;
+
     int writes = 0;
     qint64 largestWrite = 0;
 
@@ -37,7 +39,7 @@ class NotingServer : public QTcpServer
 protected:
     void incomingConnection(qintptr descriptor) override
     {
-        auto* socket = new NotingSocket;
+        auto* socket = new NotingSocket(this);
         socket->setSocketDescriptor(descriptor);
         addPendingConnection(socket);
     }
