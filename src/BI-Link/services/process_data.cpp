@@ -41,6 +41,9 @@ void ProcessData::readData(QByteArray data, Link fromLink, quint8 messageClass)
 
 void ProcessData::storeAndSendProcessData()
 {
+    if (tagDatabase == nullptr) {
+        return;
+    }
     QByteArray record;
     record.reserve(StatusRecordSize);
     appendUint16(record, static_cast<unsigned short>(valueOf(IdentityTag)));
