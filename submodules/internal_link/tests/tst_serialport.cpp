@@ -63,6 +63,7 @@ private slots:
     void logsAStart();
     void survivesAPortThatCannotBeUsed_data();
     void survivesAPortThatCannotBeUsed();
+    void survivesAVanishedDevice();
     void releasesThreadAndDescriptor();
     void readsAgainAtOnce_data();
     void readsAgainAtOnce();
@@ -251,6 +252,25 @@ void TestSerialPort::survivesAPortThatCannotBeUsed()
 
     QCOMPARE(spy.lines(), log);
     QCOMPARE(reading.count(), 0);
+}
+
+void TestSerialPort::survivesAVanishedDevice()
+{
+    const LogSpy log;
+    open();
+    m_line->hangUp();
+
+    const auto failedReads = [&log] {
+        return log.count(QStringLiteral("Serial_port_read_thread_c: Error: No bytes")) +
+               log.count(QStringLiteral("Serial_port_read_thread_c: Info: No data waiting"));
+    };
+    QTRY_VERIFY(failedReads() > 10);
+
+    QByteArray bytes("lost\n");
+    m_port->sendData(bytes.data(), static_cast<unsigned int>(bytes.size()));
+    m_port.reset();
+    const int readsUntilThen = failedReads();
+    QCOMPARE(failedReads(), readsUntilThen); // nobody reads any more
 }
 
 void TestSerialPort::releasesThreadAndDescriptor()
