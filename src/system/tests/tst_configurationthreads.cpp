@@ -7,8 +7,11 @@
 #include <QtTest>
 
 #include <atomic>
+#include <fcntl.h>
 #include <functional>
 #include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
 
 /// A thread that repeats one action until it is destroyed, and then is joined.
 class Repeater
@@ -48,6 +51,7 @@ class TestConfigurationThreads : public QObject
 private slots:
     void lookupsNeverMeetAHalfFilledStore();
     void pairingOutrunsEveryOlderReload();
+    void olderReloadThatEndsLaterIsDropped();
     void foreignReloadLeavesTheRepairToTheOwner();
     void foreignReloadRepairsNeverLoseAPairing();
 
@@ -124,6 +128,38 @@ void TestConfigurationThreads::pairingOutrunsEveryOlderReload()
             QVERIFY(found);
         }
     }
+}
+
+void TestConfigurationThreads::olderReloadThatEndsLaterIsDropped()
+{
+    const LogSpy quiet;
+    m_files.putRemotes("0;7;10;20;30;40\n");
+    Configuration configuration(m_files.sources(), nullptr);
+
+    // The keys file, read last, becomes a pipe: the foreign reload has read the old remotes file and waits there.
+    const QByteArray keysFile = m_files.sources().keysFile.toLocal8Bit();
+    QVERIFY(QFile::remove(m_files.sources().keysFile));
+    QCOMPARE(mkfifo(keysFile.constData(), S_IRUSR | S_IWUSR), 0);
+    std::unique_ptr<QThread> slow(QThread::create([&] { configuration.reConfig(); }));
+    slow->start();
+    int pipe = -1;
+    const auto readerWaits = [&] {
+        pipe = pipe < 0 ? open(keysFile.constData(), O_WRONLY | O_NONBLOCK) : pipe;
+        return pipe >= 0;
+    };
+    QTRY_VERIFY(readerWaits());
+
+    QVERIFY(QFile::remove(m_files.sources().keysFile));
+    m_files.putKeys("");
+    configuration.updateRemotePairing(7, 1, 2, 3, 4);
+    close(pipe);
+    QVERIFY(slow->wait(5000));
+
+    unsigned int stored = 0;
+    QVERIFY(configuration.getRemoteTag(0, "PKY1", "", &stored));
+    QCOMPARE(stored, 1U);
+    bool found = false;
+    QCOMPARE(configuration.getRemoteTag(0, "PKY1", &found), QByteArray::fromHex("01000000"));
 }
 
 void TestConfigurationThreads::foreignReloadLeavesTheRepairToTheOwner()
