@@ -12,6 +12,7 @@
 #include <QTimer>
 #include <QWriteLocker>
 
+#include <array>
 #include <chrono>
 
 namespace {
@@ -26,14 +27,16 @@ constexpr std::chrono::milliseconds AddressCheckInterval{2000};
 constexpr int NumberBytes = 4;
 
 // Rows and columns of the files that the store itself knows.
-constexpr QLatin1String EgLinkAddressKey("EGDH");
-constexpr QLatin1String RemoteIdColumn("RUID");
-constexpr QLatin1String OriginColumn("from");
-constexpr QLatin1String ValueColumn("value");
-constexpr QLatin1String TagColumn("tag");
+const QLatin1String EgLinkAddressKey("EGDH");
+const QLatin1String RemoteIdColumn("RUID");
+const QLatin1String OriginColumn("from");
+const QLatin1String ValueColumn("value");
+const QLatin1String TagColumn("tag");
+const std::array<QLatin1String, 4> PairingKeyColumns = {QLatin1String("PKY1"), QLatin1String("PKY2"),
+                                                        QLatin1String("PKY3"), QLatin1String("PKY4")};
 
-constexpr QLatin1String FromBaseController("BC");
-constexpr QLatin1String FromRemoteSide("RGP");
+const QLatin1String FromBaseController("BC");
+const QLatin1String FromRemoteSide("RGP");
 
 QByteArray numberBytes(unsigned int number)
 {
@@ -142,7 +145,7 @@ void Configuration::reConfig()
 RemotesCheck Configuration::checkRemotes()
 {
     const QString path = m_sources.remotesFile;
-    const RemotesCheck check = checkRemotesConfigFile(path);
+    RemotesCheck check = checkRemotesConfigFile(path);
     if (QThread::currentThread() == thread()) {
         writeRepairedRemotes(path, check);
     } else if (check.repaired) {
@@ -281,10 +284,11 @@ bool Configuration::writeToConfigFile(unsigned short ruId, unsigned int k1, unsi
         remotes.setValue(rowKey, RemoteIdColumn, QString::number(ruId));
     }
     // All four words reach the file in one step: no power cut leaves a unit with words of two pairings.
-    bool complete = remotes.setValue(rowKey, QStringLiteral("PKY1"), QString::number(k1));
-    complete = remotes.setValue(rowKey, QStringLiteral("PKY2"), QString::number(k2)) && complete;
-    complete = remotes.setValue(rowKey, QStringLiteral("PKY3"), QString::number(k3)) && complete;
-    complete = remotes.setValue(rowKey, QStringLiteral("PKY4"), QString::number(k4)) && complete;
+    const std::array<unsigned int, PairingKeyColumns.size()> words = {k1, k2, k3, k4};
+    bool complete = true;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        complete = remotes.setValue(rowKey, PairingKeyColumns.at(i), QString::number(words.at(i))) && complete;
+    }
     return remotes.writeData() && complete;
 }
 

@@ -1,19 +1,10 @@
 #include "configuration.h"
 #include "configurationfiles.h"
-#include "fatalprobe.h"
 #include "filesizelimit.h"
 #include "logspy.h"
 
 #include <QSignalSpy>
-#include <QTimer>
 #include <QtTest>
-
-namespace {
-
-const QByteArray LoopbackAddress = QByteArray::fromHex("0100007F"); // 127.0.0.1, least significant byte first
-const QByteArray NoAddress = QByteArray::fromHex("00000000");
-
-} // namespace
 
 class TestConfiguration : public QObject
 {
@@ -49,24 +40,6 @@ private slots:
     void reloadCorrectsWhatItCannotRepair();
     void missingFilesLeaveAnEmptyStore();
     void reloadOfVanishedFilesEmptiesTheStore();
-
-    void pairingAppendsAnUnknownRemote();
-    void pairingFillsAnEmptyFile();
-    void pairingRenewsTheKeysOfAKnownRemote();
-    void pairingNeverTakesAnotherRemotesRow();
-    void pairingWithoutIdentityColumnIsFatal();
-    void pairingWithoutAKeyColumnStoresTheOtherWords();
-    void pairingReachesTheFileInOneStep();
-    void pairingThatCannotBeWrittenLeavesTheFile();
-    void writingAloneChangesNothingInMemory();
-
-    void interfaceAddressIsLeastSignificantByteFirst();
-    void addressIsStoredAtStart_data();
-    void addressIsStoredAtStart();
-    void addressCheckIsQuietWhileNothingChanges();
-    void addressCheckStoresAChangeAndTells();
-    void addressCheckTellsEveryTimeWithoutARow();
-    void addressIsCheckedEveryTwoSeconds();
 
 private:
     QByteArray appValue(const Configuration& configuration, const QString& key) const;
@@ -392,193 +365,6 @@ void TestConfiguration::reloadOfVanishedFilesEmptiesTheStore()
     QVERIFY(!found);
     unsigned int value = 0;
     QVERIFY(!configuration.getRemoteTag(0, "RUID", "", &value));
-}
-
-void TestConfiguration::pairingAppendsAnUnknownRemote()
-{
-    m_files->putRemotes("0;1;0;0;0;0\n1;2;0;0;0;0\n2;3;0;0;0;0\n3;4;0;0;0;0\n4;5;0;0;0;0\n");
-    Configuration configuration(m_files->sources(), nullptr);
-    QSignalSpy changed(&configuration, &Configuration::configurationChanged);
-    unsigned int seenBySlot = 0;
-    connect(&configuration, &Configuration::configurationChanged,
-            [&] { configuration.getRemoteTag(5, "PKY4", "", &seenBySlot); });
-
-    configuration.updateRemotePairing(9, 1, 22, 333, 4294967295U);
-    QCOMPARE(m_files->remoteRows(), QByteArray("0;1;0;0;0;0\n1;2;0;0;0;0\n2;3;0;0;0;0\n3;4;0;0;0;0\n4;5;0;0;0;0\n"
-                                               "5;9;1;22;333;4294967295\n"));
-    QCOMPARE(changed.count(), 1);
-    QCOMPARE(seenBySlot, 4294967295U); // the reload comes before the signal
-    bool found = false;
-    QCOMPARE(configuration.getRemoteTag(5, "RUID", &found), QByteArray::fromHex("09000000"));
-    QVERIFY(found);
-}
-
-void TestConfiguration::pairingFillsAnEmptyFile()
-{
-    Configuration configuration(m_files->sources(), nullptr);
-    configuration.updateRemotePairing(9, 1, 2, 3, 4);
-    configuration.updateRemotePairing(8, 5, 6, 7, 8);
-    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;1;2;3;4\n1;8;5;6;7;8\n"));
-    QCOMPARE(m_spy->lines().filter("Invalid"), QStringList());
-}
-
-void TestConfiguration::pairingRenewsTheKeysOfAKnownRemote()
-{
-    m_files->putRemotes("0;7;10;20;30;40\n1;9;11;21;31;41\n2;9;12;22;32;42\n");
-    Configuration configuration(m_files->sources(), nullptr);
-    configuration.updateRemotePairing(9, 1, 2, 3, 4);
-    QCOMPARE(m_files->remoteRows(), QByteArray("0;7;10;20;30;40\n1;9;1;2;3;4\n2;9;12;22;32;42\n"));
-    unsigned int value = 0;
-    QVERIFY(configuration.getRemoteTag(1, "PKY2", "", &value));
-    QCOMPARE(value, 2U);
-}
-
-void TestConfiguration::pairingNeverTakesAnotherRemotesRow()
-{
-    // The blank last line is a row whose key counts as 0: the key after it is row 1's.
-    m_files->putRemotes("0;7;10;20;30;40\n1;8;11;21;31;41\n\n");
-    Configuration configuration(m_files->sources(), nullptr);
-    configuration.writeToConfigFile(9, 1, 2, 3, 4);
-    QCOMPARE(m_files->remoteRows(), QByteArray("0;7;10;20;30;40\n1;8;11;21;31;41\n;;;;;\n2;9;1;2;3;4\n"));
-}
-
-void TestConfiguration::pairingWithoutIdentityColumnIsFatal()
-{
-    ConfigurationFiles::put(m_files->sources().remotesFile, "ruindex;PKY1\n;\n0;1\n");
-    Configuration configuration(m_files->sources(), nullptr);
-    m_spy.reset();
-    VERIFY_FATAL("src/system/configuration", 358, configuration.writeToConfigFile(9, 1, 2, 3, 4));
-    VERIFY_FATAL("src/system/configuration", 358, configuration.updateRemotePairing(9, 1, 2, 3, 4));
-    QVERIFY(QFile::remove(m_files->sources().remotesFile));
-    VERIFY_FATAL("src/system/configuration", 358, configuration.updateRemotePairing(9, 1, 2, 3, 4));
-}
-
-void TestConfiguration::pairingWithoutAKeyColumnStoresTheOtherWords()
-{
-    const QString path = m_files->sources().remotesFile;
-    ConfigurationFiles::put(path, "ruindex;RUID;PKY1;PKY3;PKY4\n;;;;\n");
-    Configuration configuration(m_files->sources(), nullptr);
-    QVERIFY(!configuration.writeToConfigFile(9, 1, 2, 3, 4));
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("ruindex;RUID;PKY1;PKY3;PKY4\n;;;;\n0;9;1;3;4\n"));
-    QVERIFY(m_spy->contains(
-        QString("Trying to change columnkey:  \"PKY2\"  that does not exists in file:  \"%1\"").arg(path)));
-}
-
-void TestConfiguration::pairingReachesTheFileInOneStep()
-{
-    m_files->putRemotes("0;9;10;20;30;40\n");
-    Configuration configuration(m_files->sources(), nullptr);
-    QFile reader(m_files->sources().remotesFile);
-    QVERIFY(reader.open(QIODevice::ReadOnly));
-    QVERIFY(configuration.updateRemotePairing(9, 1, 2, 3, 4));
-    QCOMPARE(reader.readAll(), ConfigurationFiles::remotesHeader() + "0;9;10;20;30;40\n"); // the old file, whole
-    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;1;2;3;4\n"));
-}
-
-void TestConfiguration::pairingThatCannotBeWrittenLeavesTheFile()
-{
-    m_files->putRemotes("0;9;10;20;30;40\n");
-    Configuration configuration(m_files->sources(), nullptr);
-    bool stored = true;
-    {
-        const FileSizeLimit full(20);
-        stored = configuration.updateRemotePairing(9, 1, 2, 3, 4);
-    }
-    QVERIFY(!stored);
-    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;10;20;30;40\n"));
-    unsigned int value = 0;
-    QVERIFY(configuration.getRemoteTag(0, "PKY1", "", &value));
-    QCOMPARE(value, 10U);
-}
-
-void TestConfiguration::writingAloneChangesNothingInMemory()
-{
-    Configuration configuration(m_files->sources(), nullptr);
-    QSignalSpy changed(&configuration, &Configuration::configurationChanged);
-    configuration.writeToConfigFile(9, 1, 2, 3, 4);
-    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;1;2;3;4\n"));
-    unsigned int value = 0;
-    QVERIFY(!configuration.getRemoteTag(0, "RUID", "", &value));
-    QCOMPARE(changed.count(), 0);
-}
-
-void TestConfiguration::interfaceAddressIsLeastSignificantByteFirst()
-{
-    const Configuration loopback(m_files->sources("lo"), nullptr);
-    QCOMPARE(loopback.getEGLinkIp(), LoopbackAddress);
-    const Configuration absent(m_files->sources(), nullptr);
-    QCOMPARE(absent.getEGLinkIp(), NoAddress);
-}
-
-void TestConfiguration::addressIsStoredAtStart_data()
-{
-    QTest::addColumn<QString>("interface");
-    QTest::addColumn<QByteArray>("address");
-    QTest::newRow("interface present") << "lo" << LoopbackAddress;
-    QTest::newRow("interface absent") << "no-such-eth" << NoAddress;
-}
-
-void TestConfiguration::addressIsStoredAtStart()
-{
-    QFETCH(QString, interface);
-    QFETCH(QByteArray, address);
-    m_files->putApp("EGDH;BC;16909060\n");
-    Configuration configuration(m_files->sources(interface), nullptr);
-    QCOMPARE(appValue(configuration, "EGDH"), address);
-    configuration.setAppTag("EGDH", "else");
-    configuration.reConfig();
-    QCOMPARE(appValue(configuration, "EGDH"), address);
-}
-
-void TestConfiguration::addressCheckIsQuietWhileNothingChanges()
-{
-    m_files->putApp("EGDH;local;\n");
-    Configuration configuration(m_files->sources("lo"), nullptr);
-    QSignalSpy changed(&configuration, &Configuration::eglinkIpChanged);
-    m_spy->clear();
-    configuration.verifyEGLinkIp();
-    configuration.verifyEGLinkIp();
-    QCOMPARE(changed.count(), 0);
-    QCOMPARE(m_spy->lines(), QStringList());
-}
-
-void TestConfiguration::addressCheckStoresAChangeAndTells()
-{
-    m_files->putApp("EGDH;local;\n");
-    Configuration configuration(m_files->sources("lo"), nullptr);
-    QSignalSpy changed(&configuration, &Configuration::eglinkIpChanged);
-    configuration.setAppTag("EGDH", QByteArray::fromHex("0200000A"));
-    configuration.verifyEGLinkIp();
-    QCOMPARE(changed.count(), 1);
-    QCOMPARE(appValue(configuration, "EGDH"), LoopbackAddress);
-    configuration.verifyEGLinkIp();
-    QCOMPARE(changed.count(), 1);
-}
-
-void TestConfiguration::addressCheckTellsEveryTimeWithoutARow()
-{
-    Configuration configuration(m_files->sources("lo"), nullptr);
-    QSignalSpy changed(&configuration, &Configuration::eglinkIpChanged);
-    configuration.verifyEGLinkIp();
-    configuration.verifyEGLinkIp();
-    QCOMPARE(changed.count(), 2);
-    QCOMPARE(appValue(configuration, "EGDH"), QByteArray("(not found)"));
-}
-
-void TestConfiguration::addressIsCheckedEveryTwoSeconds()
-{
-    Configuration configuration(m_files->sources("lo"), nullptr);
-    const QList<QTimer*> timers = configuration.findChildren<QTimer*>();
-    QCOMPARE(timers.size(), 1);
-    QCOMPARE(timers.first()->interval(), 2000);
-    QVERIFY(!timers.first()->isSingleShot());
-    QVERIFY(timers.first()->isActive());
-
-    QSignalSpy changed(&configuration, &Configuration::eglinkIpChanged);
-    timers.first()->setInterval(1); // the same timer, hurried
-    QTRY_VERIFY(changed.count() >= 2);
 }
 
 QTEST_GUILESS_MAIN(TestConfiguration)

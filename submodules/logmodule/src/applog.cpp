@@ -21,14 +21,14 @@ constexpr int NoFile = -1;
 QStringList existingFiles(const QString& directory, const QString& prefix)
 {
     const QString pattern = prefix + QStringLiteral("_*");
-    const QStringList files = QDir(directory).entryList({pattern});
+    QStringList files = QDir(directory).entryList({pattern});
     qDebug() << "Searching with pattern" << pattern;
     if (files.isEmpty()) {
         qDebug() << "No existing files.";
         return files;
     }
     qDebug() << "Existing files:";
-    for (const QString& file : files) {
+    for (const QString& file : qAsConst(files)) {
         qDebug() << file;
     }
     return files;

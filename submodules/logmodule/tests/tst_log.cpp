@@ -13,11 +13,11 @@ private slots:
 void TestLog::isAPlainChildOfItsParent()
 {
     QObject parent;
-    auto* child = new class log(&parent);
-    QCOMPARE(child->parent(), &parent);
-    QCOMPARE(child->metaObject()->className(), "log");
-    QCOMPARE(child->metaObject()->superClass(), &QObject::staticMetaObject);
-    QCOMPARE(child->metaObject()->methodCount(), QObject::staticMetaObject.methodCount());
+    const class log child(&parent);
+    QCOMPARE(child.parent(), &parent);
+    QCOMPARE(child.metaObject()->className(), "log");
+    QCOMPARE(child.metaObject()->superClass(), &QObject::staticMetaObject);
+    QCOMPARE(child.metaObject()->methodCount(), QObject::staticMetaObject.methodCount());
 }
 
 QTEST_GUILESS_MAIN(TestLog)

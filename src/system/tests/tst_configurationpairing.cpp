@@ -1,0 +1,156 @@
+#include "configuration.h"
+#include "configurationfiles.h"
+#include "fatalprobe.h"
+#include "filesizelimit.h"
+#include "logspy.h"
+
+#include <QSignalSpy>
+#include <QtTest>
+
+class TestConfigurationPairing : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void pairingAppendsAnUnknownRemote();
+    void pairingFillsAnEmptyFile();
+    void pairingRenewsTheKeysOfAKnownRemote();
+    void pairingNeverTakesAnotherRemotesRow();
+    void pairingWithoutIdentityColumnIsFatal();
+    void pairingWithoutAKeyColumnStoresTheOtherWords();
+    void pairingReachesTheFileInOneStep();
+    void pairingThatCannotBeWrittenLeavesTheFile();
+    void writingAloneChangesNothingInMemory();
+
+private:
+    QScopedPointer<ConfigurationFiles> m_files;
+    QScopedPointer<LogSpy> m_spy;
+};
+
+void TestConfigurationPairing::init()
+{
+    m_files.reset(new ConfigurationFiles);
+    m_spy.reset(new LogSpy);
+}
+
+void TestConfigurationPairing::cleanup()
+{
+    m_spy.reset();
+    m_files.reset();
+}
+
+void TestConfigurationPairing::pairingAppendsAnUnknownRemote()
+{
+    m_files->putRemotes("0;1;0;0;0;0\n1;2;0;0;0;0\n2;3;0;0;0;0\n3;4;0;0;0;0\n4;5;0;0;0;0\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    QSignalSpy changed(&configuration, &Configuration::configurationChanged);
+    unsigned int seenBySlot = 0;
+    connect(&configuration, &Configuration::configurationChanged,
+            [&] { configuration.getRemoteTag(5, "PKY4", "", &seenBySlot); });
+
+    configuration.updateRemotePairing(9, 1, 22, 333, 4294967295U);
+    QCOMPARE(m_files->remoteRows(), QByteArray("0;1;0;0;0;0\n1;2;0;0;0;0\n2;3;0;0;0;0\n3;4;0;0;0;0\n4;5;0;0;0;0\n"
+                                               "5;9;1;22;333;4294967295\n"));
+    QCOMPARE(changed.count(), 1);
+    QCOMPARE(seenBySlot, 4294967295U); // the reload comes before the signal
+    bool found = false;
+    QCOMPARE(configuration.getRemoteTag(5, "RUID", &found), QByteArray::fromHex("09000000"));
+    QVERIFY(found);
+}
+
+void TestConfigurationPairing::pairingFillsAnEmptyFile()
+{
+    Configuration configuration(m_files->sources(), nullptr);
+    configuration.updateRemotePairing(9, 1, 2, 3, 4);
+    configuration.updateRemotePairing(8, 5, 6, 7, 8);
+    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;1;2;3;4\n1;8;5;6;7;8\n"));
+    QCOMPARE(m_spy->lines().filter("Invalid"), QStringList());
+}
+
+void TestConfigurationPairing::pairingRenewsTheKeysOfAKnownRemote()
+{
+    m_files->putRemotes("0;7;10;20;30;40\n1;9;11;21;31;41\n2;9;12;22;32;42\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    configuration.updateRemotePairing(9, 1, 2, 3, 4);
+    QCOMPARE(m_files->remoteRows(), QByteArray("0;7;10;20;30;40\n1;9;1;2;3;4\n2;9;12;22;32;42\n"));
+    unsigned int value = 0;
+    QVERIFY(configuration.getRemoteTag(1, "PKY2", "", &value));
+    QCOMPARE(value, 2U);
+}
+
+void TestConfigurationPairing::pairingNeverTakesAnotherRemotesRow()
+{
+    // The blank last line is a row whose key counts as 0: the key after it is row 1's.
+    m_files->putRemotes("0;7;10;20;30;40\n1;8;11;21;31;41\n\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    configuration.writeToConfigFile(9, 1, 2, 3, 4);
+    QCOMPARE(m_files->remoteRows(), QByteArray("0;7;10;20;30;40\n1;8;11;21;31;41\n;;;;;\n2;9;1;2;3;4\n"));
+}
+
+void TestConfigurationPairing::pairingWithoutIdentityColumnIsFatal()
+{
+    ConfigurationFiles::put(m_files->sources().remotesFile, "ruindex;PKY1\n;\n0;1\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    m_spy.reset();
+    VERIFY_FATAL("src/system/configuration", 358, configuration.writeToConfigFile(9, 1, 2, 3, 4));
+    VERIFY_FATAL("src/system/configuration", 358, configuration.updateRemotePairing(9, 1, 2, 3, 4));
+    QVERIFY(QFile::remove(m_files->sources().remotesFile));
+    VERIFY_FATAL("src/system/configuration", 358, configuration.updateRemotePairing(9, 1, 2, 3, 4));
+}
+
+void TestConfigurationPairing::pairingWithoutAKeyColumnStoresTheOtherWords()
+{
+    const QString path = m_files->sources().remotesFile;
+    ConfigurationFiles::put(path, "ruindex;RUID;PKY1;PKY3;PKY4\n;;;;\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    QVERIFY(!configuration.writeToConfigFile(9, 1, 2, 3, 4));
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("ruindex;RUID;PKY1;PKY3;PKY4\n;;;;\n0;9;1;3;4\n"));
+    QVERIFY(m_spy->contains(
+        QString("Trying to change columnkey:  \"PKY2\"  that does not exists in file:  \"%1\"").arg(path)));
+}
+
+void TestConfigurationPairing::pairingReachesTheFileInOneStep()
+{
+    m_files->putRemotes("0;9;10;20;30;40\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    QFile reader(m_files->sources().remotesFile);
+    QVERIFY(reader.open(QIODevice::ReadOnly));
+    QVERIFY(configuration.updateRemotePairing(9, 1, 2, 3, 4));
+    QCOMPARE(reader.readAll(), ConfigurationFiles::remotesHeader() + "0;9;10;20;30;40\n"); // the old file, whole
+    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;1;2;3;4\n"));
+}
+
+void TestConfigurationPairing::pairingThatCannotBeWrittenLeavesTheFile()
+{
+    m_files->putRemotes("0;9;10;20;30;40\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    bool stored = true;
+    {
+        const FileSizeLimit full(20);
+        stored = configuration.updateRemotePairing(9, 1, 2, 3, 4);
+    }
+    QVERIFY(!stored);
+    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;10;20;30;40\n"));
+    unsigned int value = 0;
+    QVERIFY(configuration.getRemoteTag(0, "PKY1", "", &value));
+    QCOMPARE(value, 10U);
+}
+
+void TestConfigurationPairing::writingAloneChangesNothingInMemory()
+{
+    Configuration configuration(m_files->sources(), nullptr);
+    QSignalSpy changed(&configuration, &Configuration::configurationChanged);
+    configuration.writeToConfigFile(9, 1, 2, 3, 4);
+    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;1;2;3;4\n"));
+    unsigned int value = 0;
+    QVERIFY(!configuration.getRemoteTag(0, "RUID", "", &value));
+    QCOMPARE(changed.count(), 0);
+}
+
+QTEST_GUILESS_MAIN(TestConfigurationPairing)
+#include "tst_configurationpairing.moc"
