@@ -70,7 +70,8 @@ public:
     void setAppTag(QString key, QByteArray value);
 
     /// Compares `ruId` with each remote's stored "RUID" read as decimal text. The cells are 4 binary bytes, so the
-    /// reading normally yields 0 and only 0 matches. Peers rely on this answer: it stays as it is.
+    /// reading normally yields 0 and only 0 matches. This is known and meant to stay: who needs the true answer
+    /// compares the numbers of getRemoteTag.
     bool isRemotePaired(unsigned short ruId) const;
 
     /// Stores a remote unit's pairing key on disk, reloads and emits configurationChanged(). Main thread only.
