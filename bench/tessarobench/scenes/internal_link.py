@@ -39,6 +39,8 @@ def images(stage: Stage) -> None:
     for state, name in ((16, "DISARMED"), (17, "ARMED"), (16, "DISARMED")):
         bench.bc.set(bu_state=state, armed_ru=1001 if state == 17 else 0)
         stage.expect(f"the base unit is {name}", lambda: bench.api.tag("BU_STATE") == str(state))
+    stage.expect("no remote unit is armed", lambda: bench.api.tag("ARMED_RU") == "0")
+    bench.api.get()  # pushes that were still on their way have come before its answer
     statuses = bench.api.statuses
     stage.say("The same image once more changes nothing.")
     stage.expect("the base unit acknowledges it", lambda sending=bench.bc.send_image(): sending.acked)
