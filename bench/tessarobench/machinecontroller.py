@@ -41,7 +41,6 @@ class MachineController:
         self._serial = self._next_command = 0
         self._last_command: Optional[tuple[int, int]] = None
         self._cycle: Optional[Timer] = None
-        self._cycle_data = b""
         udp.setblocking(False)
         udp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         udp.bind(("", port))
@@ -103,9 +102,8 @@ class MachineController:
 
     def _begin_cycle(self, data: bytes, period: float) -> None:
         self._end_cycle()
-        self._cycle_data = data
-        self._cycle = self._loop.every(period, self._send_cycle)
-        self._send_cycle()
+        self._cycle = self._loop.every(period, lambda: self._send_set(data, None, None, eglink.PART_SIZE, again=True))
+        self._send_set(data, None, None, eglink.PART_SIZE)
 
     def _end_cycle(self) -> None:
         if self._cycle:
@@ -113,18 +111,16 @@ class MachineController:
             self._journal.add(self.link, BENCH, "silence")
         self._cycle = None
 
-    def _send_cycle(self) -> None:
-        self._send_set(self._cycle_data, None, None, eglink.PART_SIZE)
-
     def _take_serial(self) -> int:
         self._serial = (self._serial + 1) & 0xFFFF
         return self._serial
 
-    def _send_set(self, data: bytes, order: Optional[Iterable[int]], serial: Optional[int], size: int) -> int:
+    def _send_set(self, data: bytes, order: Optional[Iterable[int]], serial: Optional[int], size: int,
+                  again: bool = False) -> int:
         payloads = eglink.parts(data, size)
         serial = self._take_serial() if serial is None else serial
         for index in range(len(payloads)) if order is None else order:
-            self._send("VRPO", payloads[index], serial, {})
+            self._send("VRPO", payloads[index], serial, {}, **({"again": True} if again else {}))
         return serial
 
     def _send_command(self, text: bytes, number: Optional[int]) -> int:
@@ -133,13 +129,14 @@ class MachineController:
         self._send("VRCO", eglink.command(number, text), None, {})
         return number
 
-    def _send(self, kind: str, payload: bytes, serial: Optional[int], fields: dict) -> int:
+    def _send(self, kind: str, payload: bytes, serial: Optional[int], fields: dict, **remarks) -> int:
         packet = Packet(kind, self._take_serial() if serial is None else serial, payload,
                         **{"origin": self.origin, **fields})
         raw = packet.pack()
         outcome = self.to_base_unit.apply(raw, self._transmit)
-        fate = {} if outcome == "passed" else {"fate": outcome}
-        self._journal.add(self.link, TO_BASE_UNIT, kind, raw, **eglink.describe(packet), **fate)
+        if outcome != "passed":
+            remarks["fate"] = outcome
+        self._journal.add(self.link, TO_BASE_UNIT, kind, raw, **eglink.describe(packet), **remarks)
         return packet.serial
 
     def _send_raw(self, datagram: bytes) -> None:

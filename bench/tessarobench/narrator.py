@@ -9,7 +9,8 @@ from typing import Callable, Optional, TextIO
 from .journal import BENCH, FROM_BASE_UNIT, TO_BASE_UNIT, Event, Journal
 
 # Who sits at the other end of a link. Peers of other modules add theirs.
-PEERS = {"uart": "base controller", "api": "local tool", "gpio": "relay", "server": "log"}
+PEERS = {"uart": "base controller", "api": "local tool", "gpio": "relay", "server": "log",
+         "eglink": "machine control.", "eth0": "wired network"}
 
 _ARROWS = {FROM_BASE_UNIT: "base unit -> ", TO_BASE_UNIT: "base unit <- ", BENCH: "(bench)      "}
 
@@ -60,10 +61,29 @@ def tell_server(event: Event) -> Optional[str]:
     return event.text if event.text.startswith(("Starting TZ-400", "Internal link fail", "Fatal")) else None
 
 
+def tell_eglink(event: Event) -> Optional[str]:
+    """Periodic data only when they are new."""
+    marks = " (again)" if event.detail.get("again") else ""
+    marks += f" ({event.fate})" if "fate" in event.detail else ""
+    if event.kind in ("VRPI", "VRPO"):
+        what = f"part {event.index}, {event.size} bytes" if "index" in event.detail else f"{len(event.payload)} bytes"
+        return None if event.detail.get("again") else f"{event.kind} periodic data: {what}{marks}"
+    if event.kind in ("VRCI", "VRCO") and "command" in event.detail:
+        return f"{event.kind} command {event.id}: {event.command!r}{marks}"
+    if event.kind in ("VRAI", "VRAO") and "id" in event.detail:
+        return f"{event.kind} acknowledges command {event.id}{marks}"
+    return f"{event.kind} {_fields(event, 'text', 'size')}{marks}"
+
+
+def tell_interface(event: Event) -> str:
+    return f"{event.kind} {_fields(event, 'to')}"
+
+
 # How the events of a link are worded: a text, or None for one that is not worth a line. A link without a function is
 # told by kind and fields. Peers of other modules add theirs.
 TELLERS: dict[str, Callable[[Event], Optional[str]]] = {
-    "uart": tell_uart, "api": tell_api, "gpio": tell_gpio, "server": tell_server}
+    "uart": tell_uart, "api": tell_api, "gpio": tell_gpio, "server": tell_server,
+    "eglink": tell_eglink, "eth0": tell_interface, "wlan0": tell_interface}
 
 
 class Narrator:
