@@ -45,6 +45,7 @@ class BaseController:
     `image`        the registers; `send_image` sends them as they are
     `to_base_unit`, `from_base_unit`   what happens to frames on the way; `acks` what happens to the acknowledgements
                    that it sends (before `to_base_unit`)
+    `answers_config`, `answers_repeats`   whether it answers those requests at all, and a repeated one once more
     `deaf`         when true, received frames are journalled and otherwise ignored
     `handlers`     service id -> function(payload) for services that others add, such as the fallback relay
     """
@@ -54,7 +55,7 @@ class BaseController:
         self._loop, self._journal = loop, journal
         self.image = image
         self.config: dict[str, Union[int, bytes]] = dict(config or {})
-        self.answers_config = True
+        self.answers_config, self.answers_repeats = True, False
         self.deaf = False
         self.to_base_unit, self.from_base_unit, self.acks = Impairment(loop), Impairment(loop), Impairment(loop)
         self.handlers: dict[int, Callable[[bytes], None]] = {}
@@ -64,6 +65,8 @@ class BaseController:
         self._retry: Optional[Timer] = None
         self._next_number = 0
         self._last_frame: bytes = b""
+        self._answered: Optional[il.Packet] = None
+        self._answered_at = 0.0
         self._periodic: list[Timer] = []
         self.line = SerialLine(loop, fd, self._bytes_received)
 
@@ -108,7 +111,7 @@ class BaseController:
 
     def send_bytes(self, raw: bytes) -> None:
         """Raw bytes on the line, unimpaired."""
-        self._journal_bench("raw", raw, size=len(raw))
+        self._journal_bench("raw bytes", raw, size=len(raw))
         self._loop.call(self.line.write, raw)
 
     @property
@@ -207,10 +210,13 @@ class BaseController:
         if packet.service in self.handlers:
             self.handlers[packet.service](packet.payload)
 
-    def _acknowledge(self, packet: il.Packet) -> None:
-        if self.acks.apply(il.frame(packet), lambda raw: self._send_ack(packet, raw)) == "dropped":
+    def _acknowledge(self, packet: il.Packet) -> bool:
+        """Sends an acknowledgement, as `acks` decides; false when it was lost or damaged there."""
+        outcome = self.acks.apply(il.frame(packet), lambda raw: self._send_ack(packet, raw))
+        if outcome == "dropped":
             kind, detail = il.describe(packet, from_base_unit=False)
             self._journal.add(LINK, TO_BASE_UNIT, kind, **detail, fate="dropped")
+        return outcome not in ("dropped", "corrupted") and self.to_base_unit.faultless
 
     def _send_ack(self, packet: il.Packet, raw: bytes) -> None:
         if raw == il.frame(packet):
@@ -220,11 +226,18 @@ class BaseController:
             self.line.write(raw)
 
     def _asked(self, packet: il.Packet) -> None:
-        if not self.answers_config:
+        """A repeated question whose answer has left already gets no second one: answers carry no key, so the base unit
+        would take it for the next key's. (Ours may be late on a busy machine; the question is repeated after 50 ms.)"""
+        if not self.answers_config or self._already_answered(packet):
             return
         value = self.config.get(packet.payload.decode("latin-1"), 0)
         answer = value if isinstance(value, bytes) else (value & 0xFFFFFFFF).to_bytes(4, "little")
-        self._acknowledge(il.Packet(il.ACK, packet.number, packet.service, answer))
+        if self._acknowledge(il.Packet(il.ACK, packet.number, packet.service, answer)):
+            self._answered, self._answered_at = packet, self._journal.now
+
+    def _already_answered(self, packet: il.Packet) -> bool:
+        recent = self._journal.now - self._answered_at < ATTEMPTS * RETRY_SECONDS
+        return packet == self._answered and recent and not self.answers_repeats
 
     def _acknowledged(self, packet: il.Packet) -> None:
         if self._queue and self._queue[0].number == packet.number and self._queue[0].service == packet.service:

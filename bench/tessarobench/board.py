@@ -8,6 +8,7 @@ do not see each other; a board costs a few hundredths of a second, and nothing o
 from __future__ import annotations
 
 import fcntl
+import itertools
 import os
 import shutil
 import socket
@@ -162,12 +163,15 @@ class Board:
         self.eth0 = Interface("eth0", "10.42.20.1/24", "10.42.20.2/24", multicast=True)
         self.wlan0 = Interface("wlan0", "192.168.32.1/24", "192.168.32.2/24")
         interfaces = (self.eth0, self.wlan0)
+        indexes = itertools.count(20)
         without_ipv6(self._world)
         without_ipv6(self._peers)
         for interface in interfaces:
-            interface.attach(self._world, self._peers, self.loop, self.journal)
+            interface.attach(self._world, self._peers, self.loop, self.journal, indexes)
         ip(self._world, "link set lo up", *(line for each in interfaces for line in each.creation()))
         ip(self._peers, "link set lo up", *(line for each in interfaces for line in each.far_setup()))
+        for interface in interfaces:
+            interface.wait_ready()
 
     def _describe(self) -> str:
         return "journal, newest last:\n" + self.journal.tail()

@@ -21,14 +21,19 @@ class Impairment:
     they are delayed; `reorder=True` lets a delayed one be overtaken, as datagrams may be.
     """
 
-    def __init__(self, loop: Loop, seed: int = 1, *, loss: float = 0, corrupt: float = 0, duplicate: float = 0,
-                 delay: tuple[float, float] = (0, 0), reorder: bool = False):
-        self._loop, self._random = loop, random.Random(seed)
-        self.loss, self.corrupt, self.duplicate, self.delay, self.reorder = loss, corrupt, duplicate, delay, reorder
-        self.mute = False
+    def __init__(self, loop: Loop, reorder: bool = False):
+        self._loop, self._random = loop, random.Random(1)
+        self.reorder, self.mute = reorder, False
         self._script: collections.deque[Fate] = collections.deque()
         self._waiting = 0
         self._busy_until = 0.0
+        self.chances()
+
+    def chances(self, seed: int = 1, *, loss: float = 0, corrupt: float = 0, duplicate: float = 0,
+                delay: tuple[float, float] = (0, 0)) -> None:
+        """What happens at random from now on: probabilities per unit, and the range of its delay in seconds."""
+        self._random = random.Random(seed)
+        self.loss, self.corrupt, self.duplicate, self.delay = loss, corrupt, duplicate, delay
 
     def script(self, *fates: Fate) -> None:
         """What happens to the next units, in order."""
@@ -36,9 +41,14 @@ class Impairment:
 
     def clear(self) -> None:
         """Back to a faultless link. Units that are under way still arrive."""
-        self.loss = self.corrupt = self.duplicate = 0
-        self.delay, self.mute = (0, 0), False
+        self.chances()
+        self.mute = False
         self._script.clear()
+
+    @property
+    def faultless(self) -> bool:
+        """Whether the next unit passes unharmed and at once."""
+        return not (self.mute or self._script or self.loss or self.corrupt or self.duplicate or any(self.delay))
 
     def apply(self, data: bytes, deliver: Callable[[bytes], None]) -> str:
         """Hands `data` to `deliver` never, once or twice, now or later. Returns a word for the journal."""

@@ -16,13 +16,13 @@ class Event:
     """One thing that happened on one link.
 
     `kind` is a short fixed word (the ledger counts by it), `detail` the decoded fields, `data` the bytes as they stood
-    on the wire (empty where the link has none), `time` seconds since the journal began.
+    on the wire (empty where the link has none), `time` seconds since the journal began. Details read as attributes.
     """
 
-    __slots__ = ("number", "time", "link", "direction", "kind", "detail", "data")
+    __slots__ = ("index", "time", "link", "direction", "kind", "detail", "data")
 
-    def __init__(self, number: int, when: float, link: str, direction: str, kind: str, detail: dict, data: bytes):
-        self.number, self.time, self.link, self.direction = number, when, link, direction
+    def __init__(self, index: int, when: float, link: str, direction: str, kind: str, detail: dict, data: bytes):
+        self.index, self.time, self.link, self.direction = index, when, link, direction
         self.kind, self.detail, self.data = kind, detail, data
 
     def __getattr__(self, name: str) -> Any:
@@ -50,7 +50,7 @@ class Journal:
         self._began = time.monotonic()
         self._wall_began = time.time()
         self._events: collections.deque[Event] = collections.deque(maxlen=keep)
-        self._numbers = itertools.count()
+        self._indexes = itertools.count()
         self.counters: collections.Counter = collections.Counter()
         self.listeners: list[Callable[[Event], None]] = []
 
@@ -64,7 +64,7 @@ class Journal:
         return self._wall_began
 
     def add(self, link: str, direction: str, kind: str, data: bytes = b"", **detail: Any) -> Event:
-        event = Event(next(self._numbers), self.now, link, direction, kind, detail, bytes(data))
+        event = Event(next(self._indexes), self.now, link, direction, kind, detail, bytes(data))
         self._events.append(event)
         self.counters[link, direction, kind] += 1
         for listener in self.listeners:
@@ -73,7 +73,7 @@ class Journal:
 
     def mark(self) -> int:
         """A place in the journal: `since=mark` selects what came afterwards."""
-        return self._events[-1].number + 1 if self._events else 0
+        return self._events[-1].index + 1 if self._events else 0
 
     def select(self, link: Optional[str] = None, direction: Optional[str] = None, kind: Optional[str] = None,
                since: int = 0, **detail: Any) -> list[Event]:
@@ -97,7 +97,7 @@ class Journal:
 
     def _newest_first(self, since: int) -> Iterator[Event]:
         for event in reversed(tuple(self._events)):
-            if event.number < since:
+            if event.index < since:
                 return
             yield event
 

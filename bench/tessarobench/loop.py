@@ -31,6 +31,15 @@ class Timer:
         self.cancelled = True
 
 
+def _hurry() -> None:
+    """Peers answer as promptly as hardware does, also on a machine that is busy building: where we may, the thread
+    runs ahead of all ordinary ones. (A base controller that is 150 ms late is a lost link.)"""
+    try:
+        os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))
+    except PermissionError:
+        pass
+
+
 class _Waiter:
     __slots__ = ("predicate", "result", "error", "done")
 
@@ -173,6 +182,7 @@ class Loop:
         os.eventfd_read(self._wake)
 
     def _run(self) -> None:
+        _hurry()
         while self._running:
             for key, events in self._selector.select(self._time_to_next_timer()):
                 self._dispatch(key, events)

@@ -36,7 +36,7 @@ def tell_uart(event: Event) -> Optional[str]:
     if event.kind == "answer":
         return f"it is {int.from_bytes(event.value, 'little')} ({event.value.hex(' ')}){marks}"
     payload = event.detail.get("payload")
-    return f"{event.kind} {payload.hex(' ') if payload is not None else _fields(event, 'size')}{marks}"
+    return event.kind + (f" {payload.hex(' ')}" if payload is not None else "") + marks
 
 
 def tell_api(event: Event) -> Optional[str]:

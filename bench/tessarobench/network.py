@@ -2,16 +2,21 @@
 
 from __future__ import annotations
 
+import fcntl
 import os
 import shutil
+import socket
+import struct
 import subprocess
-from typing import Optional
+import time
+from typing import Iterator, Optional
 
 from .journal import BENCH, Journal
 from .loop import Loop
 from .namespaces import World
 
 _SEARCH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
+_SIOCGIFFLAGS, _IFF_RUNNING = 0x8913, 0x40
 MULTICAST = "239.0.0.0/8"
 
 
@@ -39,6 +44,13 @@ def _write(path: str, text: str) -> None:
         file.write(text)
 
 
+def _running(name: str) -> bool:
+    """Whether the interface of this name is up and has a carrier, in the world of the calling thread."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_socket:
+        answer = fcntl.ioctl(any_socket, _SIOCGIFFLAGS, struct.pack("16sh22x", name.encode(), 0))
+    return bool(struct.unpack("16sh22x", answer)[1] & _IFF_RUNNING)
+
+
 class Interface:
     """One interface of the board and the far end of its cable.
 
@@ -47,6 +59,7 @@ class Interface:
 
     def __init__(self, name: str, address: str, far_address: str, multicast: bool = False):
         self.name, self.address, self.far_address, self.multicast = name, address, far_address, multicast
+        self._indexes: Iterator[int] = iter(())
         self._board: Optional[World] = None
         self._far: Optional[World] = None
         self._journal: Optional[Journal] = None
@@ -61,15 +74,27 @@ class Interface:
     def host(self) -> str:
         return self.address.split("/")[0]
 
-    def attach(self, board: World, far: World, loop: Loop, journal: Journal) -> None:
-        self._board, self._far, self._loop, self._journal = board, far, loop, journal
+    def attach(self, board: World, far: World, loop: Loop, journal: Journal, indexes: Iterator[int]) -> None:
+        """Says where the two ends lie; `indexes` yields the numbers of the board's devices."""
+        self._board, self._far, self._loop, self._journal, self._indexes = board, far, loop, journal, indexes
 
     def creation(self) -> list[str]:
-        return [f"link add {self.name} type veth peer name {self.name} netns {self._far.network_path}",
+        # The kernel announces a new carrier at once only where both ends differ in number, else after up to a second;
+        # and no two devices of a board ever have the same number.
+        return [f"link add {self.name} index {next(self._indexes)} type veth peer name {self.name} "
+                f"netns {self._far.network_path}",
                 f"addr add {self.address} dev {self.name}", *self._up_commands()]
 
     def far_setup(self) -> list[str]:
         return [f"addr add {self.far_address} dev {self.name}", *self._up_commands()]
+
+    def wait_ready(self, timeout: float = 5.0) -> None:
+        """The kernel brings a carrier up in its own time, and drops what is sent before."""
+        until = time.monotonic() + timeout
+        while not (self._board.run(_running, self.name) and self._far.run(_running, self.name)):
+            if time.monotonic() > until:
+                raise TimeoutError(f"{self.name} gets no carrier")
+            time.sleep(0.001)
 
     def down(self) -> None:
         """Takes the interface down on the board."""
@@ -79,6 +104,7 @@ class Interface:
     def up(self) -> None:
         self._note("up")
         ip(self._board, *self._up_commands())
+        self.wait_ready()
 
     def unplug(self) -> None:
         """Pulls the cable: the board's interface stays up and has no carrier."""
@@ -88,6 +114,7 @@ class Interface:
     def plug(self) -> None:
         self._note("plugged")
         ip(self._far, *self._up_commands())
+        self.wait_ready()
 
     def vanish(self) -> None:
         """Removes the interface, and with it the cable: all memberships and routes on it are lost at both ends."""
@@ -99,6 +126,7 @@ class Interface:
         self._note("reappeared")
         ip(self._board, *self.creation())
         ip(self._far, *self.far_setup())
+        self.wait_ready()
 
     def remove_address(self) -> None:
         self._note("address removed")

@@ -6,6 +6,7 @@ import os
 import resource
 import signal
 import subprocess
+import time
 from typing import NamedTuple, Optional
 
 from .journal import BENCH, FROM_BASE_UNIT, Journal
@@ -14,7 +15,6 @@ from .namespaces import World
 
 LINK = "server"
 STAMP_LENGTH = len("20220327 17:52:59.123")
-_TICKS = os.sysconf("SC_CLK_TCK")
 _PAGE = os.sysconf("SC_PAGESIZE")
 
 
@@ -23,6 +23,11 @@ class LogLine(NamedTuple):
 
     stamp: str
     text: str
+
+    @property
+    def plain(self) -> str:
+        """The text without the quotes that the server's log puts around its strings."""
+        return self.text.replace('"', "")
 
 
 class Usage(NamedTuple):
@@ -33,6 +38,11 @@ class Usage(NamedTuple):
     threads: int
     descriptors: int
     wakeups: int
+
+
+def _cpu_clock(pid: int) -> int:
+    """The clock of the CPU time of all threads of a process, to the nanosecond (see clock_getcpuclockid)."""
+    return (~pid << 3) | 2
 
 
 def split_line(raw: str) -> LogLine:
@@ -97,7 +107,9 @@ class ServerProcess:
             self.wait_exit(5.0)
 
     def pause(self) -> None:
+        """Stops all its threads (SIGSTOP) and waits until they stand."""
         self.signal(signal.SIGSTOP)
+        self._loop.wait_for(lambda: self._stat()[0] == "T", 5.0, "the stop of the server", poll=0.002)
 
     def resume(self) -> None:
         self.signal(signal.SIGCONT)
@@ -116,21 +128,27 @@ class ServerProcess:
     def wait_log(self, text: str, timeout: float = 5.0, since: int = 0, whole: bool = False) -> int:
         """Waits for a log line that contains `text` (or, with `whole`, is `text`) at index `since` or later.
 
-        Returns the index after that line, so that a sequence reads as `n = wait_log(a); n = wait_log(b, since=n)`.
+        `text` may leave out the quotes that the log puts around strings. Returns the index after that line, so that a sequence of lines reads as
+        `n = wait_log(a); n = wait_log(b, since=n)`.
         """
         return self._loop.wait_for(lambda: self._find(text, since, whole), timeout, f"the log line {text!r}")
 
     def logged(self, text: str, since: int = 0) -> int:
         """How many lines contain `text`."""
-        return sum(text in line.text for line in self.log[since:])
+        return sum(text in line.text or text in line.plain for line in self.log[since:])
 
     def texts(self, since: int = 0) -> list[str]:
+        """The lines without their time stamps."""
         return [line.text for line in self.log[since:]]
+
+    def plain_texts(self, since: int = 0) -> list[str]:
+        """The lines without their time stamps and without quotes."""
+        return [line.plain for line in self.log[since:]]
 
     def _find(self, text: str, since: int, whole: bool) -> Optional[int]:
         for index in range(since, len(self.log)):
-            line = self.log[index].text
-            if line == text or (not whole and text in line):
+            line = self.log[index]
+            if text in (line.text, line.plain) or (not whole and (text in line.text or text in line.plain)):
                 return index + 1
         return None
 
@@ -138,11 +156,15 @@ class ServerProcess:
 
     def usage(self) -> Usage:
         """Figures of /proc, now."""
-        with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
-            fields = file.read().rpartition(")")[2].split()
-        user, system, threads, resident_pages = (int(fields[i]) for i in (11, 12, 17, 21))
-        return Usage((user + system) / _TICKS, resident_pages * _PAGE, threads,
+        fields = self._stat()
+        threads, resident_pages = int(fields[17]), int(fields[21])
+        return Usage(time.clock_gettime(_cpu_clock(self.pid)), resident_pages * _PAGE, threads,
                      len(os.listdir(f"/proc/{self.pid}/fd")), self._wakeups())
+
+    def _stat(self) -> list[str]:
+        """The fields of /proc/PID/stat from the state on."""
+        with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
+            return file.read().rpartition(")")[2].split()
 
     def _wakeups(self) -> int:
         total = 0
