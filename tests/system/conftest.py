@@ -9,7 +9,7 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(REPOSITORY / "bench"))
 
 from tessarobench import namespaces  # noqa: E402
-from tessarobench.installation import Installation  # noqa: E402
+from tessarobench.installation import CONFIG_VALUES, Installation  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -41,5 +41,7 @@ def bench(server_path):
 
 @pytest.fixture
 def running(bench):
-    """The same with the server running beside a willing base controller: link in RUN, settings exchanged."""
-    return bench.start_to_run()
+    """The same with the server running beside a willing base controller: link in RUN, settings exchanged and shown."""
+    bench.start_to_run()
+    bench.wait_for(lambda: bench.api.statuses == len(CONFIG_VALUES), what="one push for each setting that was fetched")
+    return bench
