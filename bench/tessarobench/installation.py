@@ -13,6 +13,7 @@ from .board import EXAMPLES, Board
 from .csvfile import Table
 from .machinecontroller import MachineController
 from .processimage import ProcessImage
+from .servicetool import ANSWER_SECONDS, ServiceTool
 
 INPUT_TAGS = Path(".config/baseInternalInputTags.csv")
 OUTPUT_TAGS = Path(".config/baseInternalOutputTags.csv")
@@ -69,6 +70,22 @@ class Installation(Board):
         """One more controller on the group, for the caller to close."""
         return MachineController(self.loop, self.peer_socket(socket.SOCK_DGRAM), self.journal, self.eth0.far_host,
                                  **options)
+
+    @cached_property
+    def tool(self) -> ServiceTool:
+        """The service tool on the private network."""
+        return self.service_tool()
+
+    def service_tool(self, timeout: float = ANSWER_SECONDS) -> ServiceTool:
+        """One more of them. Like all others it is closed with the board."""
+        return self.closing(ServiceTool(self._reach, timeout, self.journal, self.loop))
+
+    def _reach(self, port: int) -> socket.socket:
+        """A connection from the private network to a port of the base unit."""
+        connection = self.peer_socket()
+        connection.settimeout(ANSWER_SECONDS)
+        connection.connect((self.wlan0.host, port))
+        return connection
 
     # --- the way to normal operation -------------------------------------------------------------------------------
 
