@@ -1,6 +1,6 @@
 #include "applicationchecksums.h"
 
-#include "applicationmanifest.h"
+#include "manifestindex.h"
 #include "md5checksum.h"
 
 #include <QCoreApplication>
@@ -131,7 +131,9 @@ private:
     std::atomic<QThread*> m_servingThread{nullptr};
     std::atomic<bool> m_isClosing{false};
     std::atomic<quint64> m_hashCount{0};
-    QMap<QString, Digest> m_digests; ///< by folder; touched by the pool's thread only
+    // Touched by the pool's thread only.
+    ManifestIndex m_manifests;
+    QMap<QString, Digest> m_digests; ///< by folder
 };
 
 std::shared_ptr<Job> Workshop::order(const QString& root)
@@ -186,7 +188,7 @@ void Workshop::serve(Job& job)
 ApplicationChecksumList Workshop::listOf(const QString& root)
 {
     ApplicationChecksumList list;
-    const QStringList directories = ApplicationManifest::remoteUnitUserApplications(root);
+    const QStringList directories = m_manifests.remoteUnitUserApplications(root);
     for (const QString& directory : directories) {
         if (!m_isClosing) {
             list.insert(directory, digestOf(directory));
@@ -241,7 +243,8 @@ ApplicationChecksumList waitFor(const std::shared_future<ApplicationChecksumList
 
 bool find(const QString& rootPath, const ApplicationChecksumList& list, QByteArray& result)
 {
-    const QStringList directories = ApplicationManifest::remoteUnitUserApplications(rootPath);
+    static thread_local ManifestIndex index;
+    const QStringList directories = index.remoteUnitUserApplications(rootPath);
     if (directories.isEmpty()) {
         return false;
     }

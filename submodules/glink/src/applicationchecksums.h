@@ -36,7 +36,8 @@ void request(const QString& rootPath, QObject* context, std::function<void(const
 /// @return the list; empty after an interruption.
 ApplicationChecksumList waitFor(const std::shared_future<ApplicationChecksumList>& list);
 
-/// Looks for the first remote-unit application below `rootPath`, on the disk, and for its digest in `list`.
+/// Looks for the first remote-unit application below `rootPath`, on the disk, and for its digest in `list`. Each thread
+/// remembers where it found it, so that looking again costs little while no folder changed.
 /// @param result  the digest; empty, which never matches, for an application that is not in the list.
 /// @return false, `result` untouched, when none is installed.
 bool find(const QString& rootPath, const ApplicationChecksumList& list, QByteArray& result);

@@ -25,6 +25,10 @@ inline QByteArray initAck()
 {
     return QByteArray::fromHex("2a0001020001020304000000006de85fe8") + QByteArray(42 + 4, '\0');
 }
+inline QByteArray initAckAck()
+{
+    return QByteArray::fromHex("000001020101020304000000007852391d00000000");
+}
 /// "abc" on stream 0.
 inline QByteArray command()
 {

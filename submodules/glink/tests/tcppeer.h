@@ -1,10 +1,26 @@
 #pragma once
 
 #include <QByteArray>
+#include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QList>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QVector>
+#include <QTimer>
+
+/// Runs the event loop until the condition holds, for 20 s at most. Looks after every event, where QTRY_VERIFY looks
+/// every 50 ms.
+template<typename Condition>
+bool waitUntil(Condition condition)
+{
+    QTimer wakeUp;
+    wakeUp.start(1);
+    const QDeadlineTimer deadline(20000);
+    while (!condition() && !deadline.hasExpired()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+    }
+    return condition();
+}
 
 /// Keeps the descriptors of accepted connections, as GLinkServer does before it makes a transport of them.
 class DescriptorServer : public QTcpServer

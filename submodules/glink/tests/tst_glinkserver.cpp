@@ -1,0 +1,463 @@
+#include "applicationmanifest.h"
+#include "fatalprobe.h"
+#include "glinkframes.h"
+#include "glinkserver.h"
+#include "logspy.h"
+#include "rgpcom.h"
+#include "tcppeer.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+#include <QtTest>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int UnitId = 0x0203; // the unit of Frames::init()
+constexpr int InitId = 1;
+constexpr int InitAckId = 2;
+constexpr int PowerOffId = 6;
+constexpr int Message = 0;
+constexpr int Ack = 1;
+
+/// Threads of connections.
+int threadCount()
+{
+    int count = 0;
+    const QStringList tasks = QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& task : tasks) {
+        QFile name("/proc/self/task/" + task + "/comm");
+        count += name.open(QIODevice::ReadOnly) && name.readAll() == "glink-tcp\n" ? 1 : 0;
+    }
+    return count;
+}
+
+int descriptorCount()
+{
+    return QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
+}
+
+qint64 residentBytes()
+{
+    QFile statm("/proc/self/statm");
+    return statm.open(QIODevice::ReadOnly) ? statm.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE)
+                                           : 0;
+}
+
+/// 256 MiB that take no room on the disk, and half a second to hash.
+void installLargeApplication(const QString& root)
+{
+    QDir(root).mkpath("app");
+    QFile manifest(root + "/app/manifest.csv");
+    QFile large(root + "/app/large");
+    if (!manifest.open(QIODevice::WriteOnly) || manifest.write("target;ru\ntype;user\n") < 0 ||
+        !large.open(QIODevice::WriteOnly) || !large.resize(256 * 1024 * 1024)) {
+        qFatal("cannot install the test's application");
+    }
+    ApplicationManifest::setRoot(root);
+}
+
+/// A unit that sends periodic data as fast as the socket takes it, and reads what comes back, in a thread of its own.
+class Babbler
+{
+public:
+    explicit Babbler(quint16 port)
+        : m_thread([this, port] { run(port); })
+    {}
+    ~Babbler()
+    {
+        m_isStopping = true;
+        m_thread.join();
+    }
+    qint64 writtenBytes() const { return m_writtenBytes; }
+
+private:
+    void run(quint16 port)
+    {
+        const int peer = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            babble(peer);
+        }
+        ::close(peer);
+    }
+
+    void babble(int peer)
+    {
+        const QByteArray frames = Frames::periodicData().repeated(100);
+        int offset = 0;
+        char ignored[65536];
+        while (!m_isStopping) {
+            pollfd ready{peer, POLLIN | POLLOUT, 0};
+            poll(&ready, 1, 10);
+            if ((ready.revents & POLLIN) != 0 && recv(peer, ignored, sizeof(ignored), MSG_DONTWAIT) <= 0) {
+                return;
+            }
+            if ((ready.revents & POLLOUT) != 0) {
+                const ssize_t count = ::send(peer, frames.constData() + offset, size_t(frames.size() - offset),
+                                             MSG_DONTWAIT | MSG_NOSIGNAL);
+                offset = (offset + int(qMax<ssize_t>(count, 0))) % frames.size();
+                m_writtenBytes += qMax<ssize_t>(count, 0);
+            }
+        }
+    }
+
+    std::atomic<bool> m_isStopping{false};
+    std::atomic<qint64> m_writtenBytes{0};
+    std::thread m_thread;
+};
+
+} // namespace
+
+/// The server with the real hub, which knows no units and refuses every INIT with code 1: a refused unit stays
+/// connected.
+class TestGLinkServer : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void itListensAndSaysSo();
+    void aPortThatIsTakenIsFatal();
+    void anIntroducedUnitIsAnsweredByTheHub();
+    void twoUnitsAreServedInTwoThreadsAndCloseApart();
+    void everythingIsFreedWhenAConnectionEnds();
+    void aReconnectStormLeavesNothingBehind();
+    void aSupersededConnectionDoesNotDetachItsSuccessor();
+    void randomBytesOnAThousandConnectionsLeaveTheOthersServed();
+    void aBabblingUnitDoesNotKeepTheOthersWaiting();
+    void oneConnectionTooManyIsClosedAtOnce();
+    void acceptingGoesOnAfterDescriptorsRanOut();
+    void shutdownEndsAllConnectionsInTime();
+    void aTransportThatSomebodyElseDestroysTakesItsThreadAlong();
+    void aLargeApplicationIsHashedOnceAndDelaysNobody();
+
+private:
+    std::unique_ptr<TcpPeer> newPeer();
+    bool isAnswered(TcpPeer& peer);
+    bool receives(TcpPeer& peer, int count, int msgId, int msgType);
+
+    QScopedPointer<LogSpy> m_log;
+    QScopedPointer<RGPCom> m_hub;
+    QScopedPointer<GLinkServer> m_server;
+};
+
+void TestGLinkServer::init()
+{
+    GLinkServer::setListenAddress(QHostAddress::LocalHost);
+    ApplicationManifest::setRoot("/nonexistent");
+    m_log.reset(new LogSpy);
+    m_hub.reset(new RGPCom(nullptr, nullptr, nullptr));
+    m_server.reset(new GLinkServer(m_hub.data(), 0, nullptr, nullptr, nullptr));
+    m_server->startServer();
+}
+
+void TestGLinkServer::cleanup()
+{
+    m_server.reset();
+    m_hub.reset();
+    m_log.reset();
+    GLinkServer::setListenAddress(QHostAddress());
+    ApplicationManifest::setRoot(QString());
+}
+
+std::unique_ptr<TcpPeer> TestGLinkServer::newPeer()
+{
+    auto peer = std::make_unique<TcpPeer>();
+    peer->connectTo(*m_server);
+    return peer;
+}
+
+/// Waits for so many frames of that id and type.
+bool TestGLinkServer::receives(TcpPeer& peer, int count, int msgId, int msgType)
+{
+    return waitUntil([&] { return peer.count(msgId, msgType) >= count; });
+}
+
+/// Sends a message and waits for its acknowledgement.
+bool TestGLinkServer::isAnswered(TcpPeer& peer)
+{
+    const int before = peer.count(PowerOffId, Ack);
+    peer.write(Frames::powerOff());
+    return receives(peer, before + 1, PowerOffId, Ack);
+}
+
+void TestGLinkServer::itListensAndSaysSo()
+{
+    QVERIFY(m_server->isListening());
+    QCOMPARE(m_log->lines(QtDebugMsg).last(),
+             QString("GLinkServer listening to address  \"127.0.0.1\"  port  %1").arg(m_server->serverPort()));
+}
+
+void TestGLinkServer::aPortThatIsTakenIsFatal()
+{
+    const quint16 port = m_server->serverPort();
+    const FatalOutcome outcome = outcomeOf([&] {
+        GLinkServer second(m_hub.data(), port, nullptr, nullptr, nullptr);
+        second.startServer();
+    });
+
+    QVERIFY(outcome.diedOfAbort);
+    QVERIFY2(outcome.log.endsWith("Could not start GLinkServer\n"), qPrintable(outcome.log));
+}
+
+void TestGLinkServer::anIntroducedUnitIsAnsweredByTheHub()
+{
+    const auto peer = newPeer();
+
+    peer->write(Frames::init());
+
+    QVERIFY(receives(*peer, 1, InitId, Ack));
+    QVERIFY(receives(*peer, 1, InitAckId, Message));
+    QCOMPARE(peer->frames().at(1).mid(17, 42),
+             QByteArray::fromHex("0100") + "This RU is not paired to this BU." + QByteArray(7, '\0'));
+}
+
+void TestGLinkServer::twoUnitsAreServedInTwoThreadsAndCloseApart()
+{
+    const auto first = newPeer();
+    const auto second = newPeer();
+    QVERIFY(isAnswered(*first));
+    QVERIFY(isAnswered(*second));
+    QCOMPARE(m_server->connectionCount(), 2);
+    QCOMPARE(threadCount(), 2);
+
+    first->write("garbage" + Frames::init());
+
+    QTRY_VERIFY(!first->isConnected());
+    QTRY_COMPARE(m_server->connectionCount(), 1);
+    QTRY_COMPARE(threadCount(), 1);
+    QVERIFY(isAnswered(*second));
+}
+
+void TestGLinkServer::everythingIsFreedWhenAConnectionEnds()
+{
+    const auto other = newPeer();
+    QVERIFY(isAnswered(*other));
+    const int descriptors = descriptorCount();
+    auto peer = newPeer();
+    QVERIFY(isAnswered(*peer));
+
+    peer.reset();
+
+    QTRY_COMPARE(m_server->connectionCount(), 1);
+    QTRY_COMPARE(descriptorCount(), descriptors);
+    QTRY_COMPARE(threadCount(), 1);
+}
+
+void TestGLinkServer::aReconnectStormLeavesNothingBehind()
+{
+    QVERIFY(isAnswered(*newPeer()));
+    QTRY_COMPARE(m_server->connectionCount(), 0);
+    const int descriptors = descriptorCount();
+
+    for (int cycle = 0; cycle < 100; ++cycle) {
+        const auto peer = newPeer();
+        peer->write(Frames::init());
+        QVERIFY(receives(*peer, 1, InitId, Ack));
+    }
+
+    QTRY_COMPARE(m_server->connectionCount(), 0);
+    QTRY_COMPARE(descriptorCount(), descriptors);
+    QTRY_COMPARE(threadCount(), 0);
+}
+
+void TestGLinkServer::aSupersededConnectionDoesNotDetachItsSuccessor()
+{
+    const auto halfOpen = newPeer();
+    halfOpen->write(Frames::init());
+    QVERIFY(receives(*halfOpen, 1, InitAckId, Message));
+
+    const auto current = newPeer();
+    current->write(Frames::init());
+    QVERIFY(receives(*current, 1, InitAckId, Message));
+    current->write(Frames::initAckAck());
+    QTRY_COMPARE(m_server->connectionCount(), 1);
+    QTRY_VERIFY(!halfOpen->isConnected());
+
+    m_hub->send(UnitId, GLINK_MSG_ID_POWER_OFF, "x");
+    QVERIFY(receives(*current, 1, PowerOffId, Message));
+}
+
+void TestGLinkServer::randomBytesOnAThousandConnectionsLeaveTheOthersServed()
+{
+    const auto healthy = newPeer();
+    std::mt19937 random(20240607);
+    for (int batch = 0; batch < 20; ++batch) {
+        std::vector<std::unique_ptr<TcpPeer>> peers(50);
+        for (auto& peer : peers) {
+            peer = newPeer();
+            QByteArray noise(1 + int(random() % 200), '\0');
+            std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
+            peer->write(noise);
+        }
+        QVERIFY(isAnswered(*healthy));
+    }
+
+    QTRY_COMPARE(m_server->connectionCount(), 1);
+    QVERIFY(isAnswered(*healthy));
+    QVERIFY(healthy->isConnected());
+}
+
+void TestGLinkServer::aBabblingUnitDoesNotKeepTheOthersWaiting()
+{
+    const auto healthy = newPeer();
+    Babbler babbler(m_server->serverPort());
+    QTRY_VERIFY(babbler.writtenBytes() > 100000);
+    const qint64 memoryBefore = residentBytes();
+    QElapsedTimer timer;
+    qint64 longest = 0;
+
+    for (int i = 1; i <= 50; ++i) {
+        timer.start();
+        healthy->write(Frames::init());
+        QVERIFY(receives(*healthy, i, InitAckId, Message));
+        longest = qMax(longest, timer.elapsed());
+        QTest::qWait(5);
+    }
+
+    QVERIFY2(longest < 2000, qPrintable(QString("%1 ms").arg(longest)));
+    const qint64 growth = residentBytes() - memoryBefore;
+    QVERIFY2(growth < 16 * 1024 * 1024, qPrintable(QString("%1 bytes").arg(growth)));
+    QVERIFY(babbler.writtenBytes() > 200000);
+}
+
+void TestGLinkServer::oneConnectionTooManyIsClosedAtOnce()
+{
+    m_server->setConnectionLimit(2);
+    auto first = newPeer();
+    const auto second = newPeer();
+    QTRY_COMPARE(m_server->connectionCount(), 2);
+
+    const auto third = newPeer();
+    QTRY_VERIFY(!third->isConnected());
+    const auto fourth = newPeer();
+    QTRY_VERIFY(!fourth->isConnected());
+    QCOMPARE(m_log->lines(QtWarningMsg), QStringList{"GLinkServer: 2 connections, refusing more."});
+    QVERIFY(isAnswered(*second));
+
+    first.reset();
+    QTRY_COMPARE(m_server->connectionCount(), 1);
+    QVERIFY(isAnswered(*newPeer()));
+}
+
+void TestGLinkServer::acceptingGoesOnAfterDescriptorsRanOut()
+{
+    QSignalSpy acceptErrors(m_server.data(), &QTcpServer::acceptError);
+    const int client = socket(AF_INET, SOCK_STREAM, 0);
+    QVERIFY(client >= 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(m_server->serverPort());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    rlimit limit = {};
+    QCOMPARE(getrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    const rlimit few{rlim_t(client) + 10, limit.rlim_max};
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &few), 0);
+    QVector<int> fillers;
+    for (int filler = dup(client); filler >= 0; filler = dup(client)) {
+        fillers.append(filler);
+    }
+    QCOMPARE(::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    QTRY_VERIFY(!acceptErrors.isEmpty());
+    QCOMPARE(m_server->connectionCount(), 0);
+    std::for_each(fillers.begin(), fillers.end(), ::close);
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    QTRY_COMPARE(m_server->connectionCount(), 1);
+    ::close(client);
+    QTRY_COMPARE(m_server->connectionCount(), 0);
+}
+
+void TestGLinkServer::shutdownEndsAllConnectionsInTime()
+{
+    const QTemporaryDir applications;
+    installLargeApplication(applications.path());
+    std::vector<std::unique_ptr<TcpPeer>> peers(20);
+    for (auto& peer : peers) {
+        peer = newPeer();
+        peer->write(Frames::powerOff() + Frames::command().left(20));
+        QVERIFY(receives(*peer, 1, PowerOffId, Ack));
+    }
+    // One waits for the digest of a large application at this moment.
+    peers.front()->write(Frames::command().mid(20) + Frames::init());
+    QTRY_COMPARE(peers.front()->frames().size(), 2);
+    QElapsedTimer timer;
+    timer.start();
+
+    m_server->closeConnections();
+
+    QVERIFY2(timer.elapsed() < 1500, qPrintable(QString::number(timer.elapsed())));
+    QVERIFY(!m_server->isListening());
+    QTRY_COMPARE(m_server->connectionCount(), 0);
+    for (auto& peer : peers) {
+        QTRY_VERIFY(!peer->isConnected());
+    }
+    QTRY_COMPARE(threadCount(), 0);
+    QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+}
+
+void TestGLinkServer::aTransportThatSomebodyElseDestroysTakesItsThreadAlong()
+{
+    const auto peer = newPeer();
+    peer->write(Frames::init());
+    QVERIFY(receives(*peer, 1, InitAckId, Message));
+
+    m_hub->deleteConnection(UnitId); // which deletes its link
+
+    QTRY_COMPARE(m_server->connectionCount(), 0);
+    QTRY_VERIFY(!peer->isConnected());
+}
+
+void TestGLinkServer::aLargeApplicationIsHashedOnceAndDelaysNobody()
+{
+    ApplicationChecksums::setSettlingTime(std::chrono::milliseconds(0));
+    const QTemporaryDir applications;
+    installLargeApplication(applications.path());
+    const quint64 hashesBefore = ApplicationChecksums::hashCount();
+    QTimer rhythm;
+    int ticks = 0;
+    connect(&rhythm, &QTimer::timeout, this, [&] { ++ticks; });
+
+    const auto first = newPeer();
+    rhythm.start(5);
+    first->write(Frames::init());
+    QVERIFY(receives(*first, 1, InitId, Ack)); // its thread waited for the digest
+    QVERIFY2(ticks >= 5, qPrintable(QString::number(ticks)));
+    for (int i = 0; i < 20; ++i) {
+        const auto peer = newPeer();
+        peer->write(Frames::init());
+        QVERIFY(receives(*peer, 1, InitId, Ack));
+    }
+
+    QCOMPARE(ApplicationChecksums::hashCount() - hashesBefore, 1ULL);
+    ApplicationChecksums::setSettlingTime(std::chrono::seconds(2));
+}
+
+QTEST_GUILESS_MAIN(TestGLinkServer)
+#include "tst_glinkserver.moc"

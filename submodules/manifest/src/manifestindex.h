@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+/// Answers again and again which applications for remote units are installed, without reading all folders each time.
+///
+/// Remembers the last answer together with the times and inodes of all folders and manifests that it came from. While
+/// those are unchanged, so is the answer: asking costs one look at each folder instead of reading it. What changed
+/// within the last two seconds is not trusted, as file systems stamp in steps.
+///
+/// Not shared between threads; each keeps its own.
+class ManifestIndex
+{
+public:
+    /// The same as ApplicationManifest::remoteUnitUserApplications().
+    QStringList remoteUnitUserApplications(const QString& rootPath);
+
+    /// How often the folders were read. For tests.
+    int walkCount() const { return m_walkCount; }
+
+private:
+    void walk(const QString& rootPath);
+
+    QString m_rootPath;
+    QStringList m_watchedPaths; ///< root, all folders below it, all manifests
+    QByteArray m_fingerprint;   ///< of the watched paths; empty when the answer is not to be trusted again
+    QStringList m_applications;
+    int m_walkCount = 0;
+};
