@@ -230,7 +230,7 @@ def test_a_reconfig_from_the_base_controller_repeats_the_settings(running):
     assert running.journal.count(link="gpio", kind="drive", since=mark) == 0, "the relay must stay closed"
 
 
-@pytest.mark.parametrize("code", [101, 102, 103, 200, 202, 1, 255])
+@pytest.mark.parametrize("code", [101, 102, 103, 200, 201, 202, 1, 255])
 def test_event_codes_that_mean_nothing_here_change_nothing(running, code):
     mark, log = running.journal.mark(), len(running.server.log)
     sending = running.bc.event(code)

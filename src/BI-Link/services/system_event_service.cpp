@@ -46,6 +46,12 @@ constexpr StateChange StateChanges[] = {
 };
 // clang-format on
 
+/// Whether only this side may raise it: from the controller such a code is told and changes nothing.
+bool isInternal(Service::Events event)
+{
+    return event == Service::ACK_RECIEVED || event == Service::BI_FAIL || event == Service::CONFIG_FINISHED;
+}
+
 } // namespace
 
 SystemEventService::SystemEventService(QObject* parent, quint8 id, Configuration* config)
@@ -96,7 +102,13 @@ void SystemEventService::readData(QByteArray data, Link fromLink, quint8 message
     Q_UNUSED(messageClass)
     const char code = data.isEmpty() ? '\0' : data.at(0);
     qDebug() << "rses: " << data << " - " << code << " - system event service ";
-    newEvent(static_cast<Events>(code));
+    const auto event = static_cast<Events>(code);
+    if (isInternal(event)) {
+        qDebug() << "SystemEventService::newEvent" << Events2String(event);
+        emit systemNewEvent(event);
+        return;
+    }
+    newEvent(event);
 }
 
 void SystemEventService::sendReset()

@@ -53,7 +53,8 @@ public:
     void reConfig();
 
 public slots:
-    /// An event from the base controller. An empty payload counts as RESET.
+    /// An event from the base controller. An empty payload counts as RESET; the codes that only this side may raise are
+    /// told by `systemNewEvent` and change no state.
     void readData(QByteArray data, Link fromLink, quint8 messageClass) override;
 
     void sendReset();

@@ -38,6 +38,8 @@ private slots:
     void configChangedWorksWithoutAStore();
     void eventFromTheControllerIsItsFirstByte_data();
     void eventFromTheControllerIsItsFirstByte();
+    void internalCodesFromTheControllerAreToldAndChangeNothing_data();
+    void internalCodesFromTheControllerAreToldAndChangeNothing();
 
 private:
     void trace();
@@ -322,6 +324,29 @@ void TestSystemEventService::eventFromTheControllerIsItsFirstByte()
 
     QCOMPARE(m_log->lines().first(), log);
     QCOMPARE(m_trace.join(QStringLiteral(", ")), expected);
+}
+
+void TestSystemEventService::internalCodesFromTheControllerAreToldAndChangeNothing_data()
+{
+    QTest::addColumn<int>("state");
+    QTest::addColumn<int>("code");
+
+    for (const int state : {0, 1}) {
+        for (const int code : {200, 201, 202}) {
+            QTest::addRow("%d in state %d", code, state) << state << code;
+        }
+    }
+}
+
+void TestSystemEventService::internalCodesFromTheControllerAreToldAndChangeNothing()
+{
+    QFETCH(int, state);
+    QFETCH(int, code);
+    bringTo(static_cast<Service::SEStates>(state));
+
+    m_service->readData(QByteArray(1, static_cast<char>(code)), Internal, 1);
+
+    QCOMPARE(m_trace, QStringList{QStringLiteral("event %1").arg(code)});
 }
 
 QTEST_GUILESS_MAIN(TestSystemEventService)
