@@ -141,3 +141,12 @@ def test_a_lost_address_comes_back(linked):
     wait_count(bench, "VRPI", since=since, source="10.42.20.78")
     new_acknowledgement(bench, since)
     wait_reported(bench, OPERATIONAL, timeout=8)
+
+
+@pytest.mark.parametrize("outage", [None, "down", "vanish"])
+def test_the_server_ends_in_order_whatever_the_interface_does(linked, outage):
+    bench = linked
+    if outage:
+        getattr(bench.eth0, outage)()
+        wait_reported(bench, LINK_ERROR)
+    assert bench.server.stop() == 0

@@ -208,9 +208,13 @@ void TestEGLink::switchingCommandsOffForgetsThem()
     QVERIFY(!link.timerOf(100)->isActive());
     link.setEmap(Everything);
     link.sent.clear();
+    link.forgetSignals();
 
-    link.resendVRCIMessage();
+    for (int tick = 1; tick <= 20; ++tick) {
+        link.resendVRCIMessage();
+    }
     QCOMPARE(link.sent.size(), 0);
+    QCOMPARE(link.raised(), QList<int>());
     link.receiveCmd("third");
     QCOMPARE(link.sent.value(0).mid(16, 6).toHex(), QByteArray("000000000000")); // ids begin with 0 again
     link.handleDatagram(vrco(2, 77, "y"));                                       // and so any id of theirs is accepted

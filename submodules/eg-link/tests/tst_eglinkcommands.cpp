@@ -20,6 +20,7 @@ private slots:
     void commandOnTheWire();
     void commandIsSentTwentyTimesAndGivenUp();
     void resendsComeByThemselves();
+    void stoppedTimerRepeatsNothing();
     void acknowledgedCommandIsNotRepeated();
     void wrongAcknowledgementKeepsTheCommandGoing();
     void acknowledgementAfterTheTimeout();
@@ -85,6 +86,15 @@ void TestEGLinkCommands::resendsComeByThemselves()
     QCOMPARE(log.count("EGLink::resendVRCIMessage(): 200 ms."), 1);
 }
 
+void TestEGLinkCommands::stoppedTimerRepeatsNothing()
+{
+    StartedLink link(CommandsOnly);
+    link.receiveCmd("stop");
+    link.timerOf(100)->stop();
+    link.resendVRCIMessage();
+    QCOMPARE(link.sent.size(), 1);
+}
+
 void TestEGLinkCommands::acknowledgedCommandIsNotRepeated()
 {
     StartedLink link(CommandsOnly);
@@ -93,8 +103,11 @@ void TestEGLinkCommands::acknowledgedCommandIsNotRepeated()
     link.resendVRCIMessage();
     link.handleDatagram(vrao(1, 0));
     QVERIFY(!link.timerOf(100)->isActive());
-    link.resendVRCIMessage();
+    for (int tick = 1; tick <= 20; ++tick) {
+        link.resendVRCIMessage(); // as a tick would that was under way when the acknowledgement came
+    }
     QCOMPARE(link.sent.size(), 2);
+    QCOMPARE(link.raised(), QList<int>());
 
     link.handleDatagram(vrao(2, 0)); // the answer to the repetition
     QCOMPARE(link.raised(), QList<int>());
