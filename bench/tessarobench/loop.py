@@ -196,10 +196,11 @@ class Loop:
         return max(0.0, self._timers[0][0] - time.monotonic())
 
     def _dispatch(self, key: selectors.SelectorKey, events: int) -> None:
+        # An earlier callback of the same batch may have changed or removed the registration; what is still ready then
+        # is reported again.
         readable, writable = key.data
-        if events & selectors.EVENT_READ and readable:
+        if events & selectors.EVENT_READ and readable and self._selector.get_map().get(key.fd) is key:
             self._guard(readable)
-        # The first callback may have changed or removed the registration.
         if events & selectors.EVENT_WRITE and writable and self._selector.get_map().get(key.fd) is key:
             self._guard(writable)
 
