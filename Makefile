@@ -5,7 +5,7 @@ BUILD_TYPE ?= RelWithDebInfo
 PYTHON     := /usr/bin/python3
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test format lint clean
+.PHONY: help build run test unit-test tool-test system-test sanitize fuzz format lint clean
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
@@ -31,6 +31,21 @@ tool-test: ## the tools for installers and operators
 system-test: build ## the real binary on the simulated installation
 	@scripts/ensure-packages test
 	@bench/sandbox $(PYTHON) -m pytest -p no:cacheprovider -q -n 4 tests/system --server $(BUILD)/tessaroserver
+
+sanitize: ## unit and system tests under address and undefined-behaviour sanitizers
+	@scripts/ensure-packages build test
+	@cmake --preset sanitize >/dev/null
+	@cmake --build build-sanitize
+	@UBSAN_OPTIONS=print_stacktrace=1 ctest --test-dir build-sanitize --output-on-failure --parallel 4
+	@bench/sandbox $(PYTHON) -m pytest -p no:cacheprovider -q -n 4 tests/system --server build-sanitize/tessaroserver
+
+SECONDS_EACH = $(or $(SECONDS),60)
+
+fuzz: ## run every fuzz target for SECONDS (60) and keep what it finds
+	@scripts/ensure-packages build fuzz
+	@cmake --preset fuzz >/dev/null
+	@cmake --build build-fuzz --target fuzzers
+	@fuzz/run-all build-fuzz/fuzz $(SECONDS_EACH)
 
 format: ## rewrite the C++ sources in the house style
 	@scripts/ensure-packages lint

@@ -29,6 +29,8 @@ public:
     /// @return the status object, serialised.
     QByteArray getData();
     void sendNotify();
+    /// Acts on one datagram, answer included.
+    void handleDatagram(const QByteArray& datagram);
 
     const int IN_PORT;
     const int OUT_PORT;
@@ -46,7 +48,6 @@ signals:
 
 private:
     void watchStatusTags();
-    void handleDatagram(const QByteArray& datagram);
     void send(const QByteArray& datagram);
 
     QUdpSocket* socket = nullptr;
