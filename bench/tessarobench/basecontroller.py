@@ -58,6 +58,7 @@ class BaseController:
         self.answers_config, self.answers_repeats = True, False
         self.deaf = False
         self.to_base_unit, self.from_base_unit, self.acks = Impairment(loop), Impairment(loop), Impairment(loop)
+        self._acks_of: dict[int, Impairment] = {}
         self.handlers: dict[int, Callable[[bytes], None]] = {}
         self.received: collections.Counter = collections.Counter()
         self._splitter = il.Splitter()
@@ -125,6 +126,10 @@ class BaseController:
         """A dead line in both directions, as seen by both sides."""
         self._journal_bench("mute" if on else "unmute")
         self.to_base_unit.mute = self.from_base_unit.mute = on
+
+    def acks_of(self, service: int) -> Impairment:
+        """What happens to the acknowledgements of one service's packets, in place of `acks`."""
+        return self._acks_of.setdefault(service, Impairment(self._loop))
 
     def forget(self) -> None:
         """As after a restart of the controller: nothing queued, numbers from 0."""
@@ -212,7 +217,7 @@ class BaseController:
 
     def _acknowledge(self, packet: il.Packet) -> bool:
         """Sends an acknowledgement, as `acks` decides; false when it was lost or damaged there."""
-        outcome = self.acks.apply(il.frame(packet), lambda raw: self._send_ack(packet, raw))
+        outcome = self._acks_of.get(packet.service, self.acks).apply(il.frame(packet), lambda raw: self._send_ack(packet, raw))
         if outcome == "dropped":
             kind, detail = il.describe(packet, from_base_unit=False)
             self._journal.add(LINK, TO_BASE_UNIT, kind, **detail, fate="dropped")

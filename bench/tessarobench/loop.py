@@ -33,9 +33,9 @@ class Timer:
 
 def _hurry() -> None:
     """Peers answer as promptly as hardware does, also on a machine that is busy building: where we may, the thread
-    runs ahead of all ordinary ones. (A base controller that is 150 ms late is a lost link.)"""
+    weighs more than ordinary ones. (A base controller that is 150 ms late is a lost link.)"""
     try:
-        os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))
+        os.setpriority(os.PRIO_PROCESS, threading.get_native_id(), -15)
     except PermissionError:
         pass
 
@@ -59,8 +59,9 @@ class _Waiter:
 class Loop:
     """Selectors, timers and posted calls in one daemon thread.
 
-    An exception in a callback does not end the loop, it is kept and raised in the thread that next waits or calls: a
-    broken peer fails the test that uses it instead of looking like a silent one.
+    An exception in a callback does not end the loop, it is kept and raised in the thread that next waits: a broken peer
+    fails the test that uses it instead of looking like a silent one. A descriptor whose callback failed is watched no
+    more.
     """
 
     def __init__(self, name: str = "bench"):
@@ -198,11 +199,9 @@ class Loop:
     def _dispatch(self, key: selectors.SelectorKey, events: int) -> None:
         # An earlier callback of the same batch may have changed or removed the registration; what is still ready then
         # is reported again.
-        readable, writable = key.data
-        if events & selectors.EVENT_READ and readable and self._selector.get_map().get(key.fd) is key:
-            self._guard(readable)
-        if events & selectors.EVENT_WRITE and writable and self._selector.get_map().get(key.fd) is key:
-            self._guard(writable)
+        for event, action in zip((selectors.EVENT_READ, selectors.EVENT_WRITE), key.data):
+            if events & event and action and self._selector.get_map().get(key.fd) is key and not self._guard(action):
+                self.watch(key.fileobj)  # no more: it would fail again at once, for ever
 
     def _run_posted(self) -> None:
         with self._lock:
@@ -226,8 +225,10 @@ class Loop:
         with self._lock:
             self._waiters = [waiter for waiter in self._waiters if not waiter.check()]
 
-    def _guard(self, action: Callable[[], None]) -> None:
+    def _guard(self, action: Callable[[], None]) -> bool:
         try:
             action()
+            return True
         except BaseException as error:
             self.failure = self.failure or error
+            return False

@@ -183,7 +183,8 @@ class ServerProcess:
         os.set_blocking(write_end, True)
         try:
             self._process = subprocess.Popen([self._program], cwd="/home/root", env=environment,
-                                             stdin=subprocess.DEVNULL, stdout=write_end, stderr=write_end)
+                                             stdin=subprocess.DEVNULL, stdout=write_end, stderr=write_end,
+                                             start_new_session=True)  # an interrupt at the terminal is for the bench
         except BaseException:
             os.close(self._pipe)
             raise

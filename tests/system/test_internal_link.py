@@ -32,7 +32,7 @@ def assert_stop_and_wait(bench):
 
 def test_a_lost_acknowledgement_is_made_good_by_one_repeat(running):
     mark = running.journal.mark()
-    running.bc.acks.script("drop")
+    running.bc.acks_of(il.EVENTS).script("drop")
     running.api.send(b"RESET")
     running.wait_for(lambda: len(sent(running, mark, event="ECLINKRESET")) == 2)
     first, second = sent(running, mark, event="ECLINKRESET")
@@ -43,7 +43,7 @@ def test_a_lost_acknowledgement_is_made_good_by_one_repeat(running):
 
 def test_an_acknowledgement_in_the_last_moment_keeps_the_link(running):
     """Two transmissions lost, the third is acknowledged."""
-    running.bc.acks.script("drop", "drop")
+    running.bc.acks_of(il.EVENTS).script("drop", "drop")
     mark = running.journal.mark()
     running.api.send(b"DISARM")
     running.wait_for(lambda: len(sent(running, mark, event="RELEASEARM")) == 3)
@@ -77,7 +77,7 @@ def test_what_was_queued_before_the_loss_does_not_reappear(running):
 
 def test_packets_queued_together_leave_in_order_one_at_a_time(running):
     """Twenty requests at once, while every second acknowledgement gets lost."""
-    running.bc.acks.script(*["drop", "pass"] * 20)
+    running.bc.acks_of(il.EVENTS).script(*["drop", "pass"] * 20)
     mark = running.journal.mark()
     for i in range(20):
         running.api.send(b"DISARM" if i % 2 else b"RESET")
