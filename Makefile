@@ -5,7 +5,7 @@ BUILD_TYPE ?= RelWithDebInfo
 PYTHON     := /usr/bin/python3
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test sanitize fuzz format lint clean
+.PHONY: help build run test unit-test tool-test system-test sanitize fuzz coverage format lint clean
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
@@ -51,9 +51,13 @@ format: ## rewrite the C++ sources in the house style
 	@scripts/ensure-packages lint
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
-lint: ## check style and run the static analysers
-	@scripts/ensure-packages build lint
-	@git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+lint: build ## check style and run the static analysers
+	@scripts/ensure-packages lint
+	@scripts/lint $(BUILD)
+
+coverage: ## line and branch coverage of the server's code by unit and system tests
+	@scripts/ensure-packages build test coverage
+	@scripts/coverage
 
 clean: ## remove everything that was built
 	@rm -rf build build-*

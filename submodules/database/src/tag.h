@@ -127,7 +127,7 @@ public:
     Q_INVOKABLE QString getUnitLabel() const { return unitLabel; }
     void setUnitLabel(const QString& newUnitLabel) { unitLabel = newUnitLabel; }
 
-    Q_INVOKABLE HostLinkType getHostLink() const { return hostLink; }
+    Q_INVOKABLE Tag::HostLinkType getHostLink() const { return hostLink; }
     void setHostLink(const HostLinkType& newHostLink) { hostLink = newHostLink; }
 
     Q_INVOKABLE quint32 getBitmask() const { return bitmask; }
