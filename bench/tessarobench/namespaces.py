@@ -7,6 +7,7 @@ the last socket or process in them, so nothing needs tidying up.
 
 from __future__ import annotations
 
+import contextlib
 import ctypes
 import errno
 import os
@@ -20,6 +21,7 @@ MS_BIND, MS_MOVE, MS_REC, MS_PRIVATE = 0x1000, 0x2000, 0x4000, 0x40000
 MS_NOSUID, MS_NODEV, MS_NOEXEC = 0x2, 0x4, 0x8
 _PR_SET_PDEATHSIG = 1
 _SANDBOX_MARK = "TESSARO_SANDBOX"
+_PASSED_ON, _FROM_TERMINAL = [signal.SIGTERM, signal.SIGHUP], [signal.SIGINT, signal.SIGQUIT]
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -57,14 +59,31 @@ def enter_sandbox(command: list[str]) -> int:
     the world is also a user namespace in which that user looks like root. Raises Refused where the kernel says no.
     """
     _unshare_or_explain()
-    first = os.fork()
-    if first == 0:
-        os._exit(_first_process(command))
-    for number in (signal.SIGINT, signal.SIGQUIT):  # the terminal delivers these to the command as well
-        signal.signal(number, signal.SIG_IGN)
-    for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda received, _frame: os.kill(first, received))
+    first = _fork_and_pass_signals_on(lambda: _first_process(command))
     return _status_of(os.waitpid(first, 0)[1])
+
+
+def _fork_and_pass_signals_on(child: Callable[[], int]) -> int:
+    """A child that ends with what `child` returns. From the first moment on it gets the requests to end that reach
+    this process; interrupts from the terminal reach it without our help."""
+    for number in _FROM_TERMINAL:
+        signal.signal(number, signal.SIG_IGN)
+    signal.pthread_sigmask(signal.SIG_BLOCK, _PASSED_ON)
+    pid = os.fork()
+    if pid == 0:
+        for number in _PASSED_ON:
+            signal.signal(number, signal.SIG_DFL)
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, _PASSED_ON)
+        os._exit(child())
+    for number in _PASSED_ON:
+        signal.signal(number, lambda received, _frame: _pass_on(pid, received))
+    signal.pthread_sigmask(signal.SIG_UNBLOCK, _PASSED_ON)
+    return pid
+
+
+def _pass_on(pid: int, number: int) -> None:
+    with contextlib.suppress(ProcessLookupError):  # it is ending anyway
+        os.kill(pid, number)
 
 
 def _unshare_or_explain() -> None:
@@ -103,22 +122,22 @@ def _first_process(command: list[str]) -> int:
         print(f"The kernel refuses the mounts of the private world ({error}): run this as root or, in a container, "
               "start it with --privileged.", flush=True)
         return 1
-    second = os.fork()
-    if second == 0:
-        os.environ[_SANDBOX_MARK] = "1"
-        try:
-            os.execvp(command[0], command)
-        except OSError as error:
-            os.write(2, f"{command[0]}: {error.strerror}\n".encode())
-            os._exit(127)
-    for number in (signal.SIGINT, signal.SIGQUIT):
-        signal.signal(number, signal.SIG_IGN)
-    for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda received, _frame: os.kill(second, received))
+    second = _fork_and_pass_signals_on(lambda: _become(command))
     while True:
         pid, status = os.wait()
         if pid == second:
             return _status_of(status)
+
+
+def _become(command: list[str]) -> int:
+    os.environ[_SANDBOX_MARK] = "1"
+    for number in _FROM_TERMINAL:
+        signal.signal(number, signal.SIG_DFL)
+    try:
+        os.execvp(command[0], command)
+    except OSError as error:
+        os.write(2, f"{command[0]}: {error.strerror}\n".encode())
+    return 127
 
 
 def _status_of(status: int) -> int:

@@ -72,10 +72,8 @@ class ServerProcess:
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/home/root", "LC_ALL": "C.UTF-8",
                        **{key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")},
                        **(env or {})}
-        self._world.run(self._spawn, environment)
-        for limit, value in {resource.RLIMIT_CORE: 0, **(limits or {})}.items():
-            resource.prlimit(self.pid, limit, (value, value))
-        self._loop.call(self._begin)
+        # On that thread, where no interrupt cuts it in two.
+        self._world.run(self._spawn, environment, {resource.RLIMIT_CORE: 0, **(limits or {})})
         return self
 
     @property
@@ -178,7 +176,7 @@ class ServerProcess:
 
     # --- inside ----------------------------------------------------------------------------------------------------
 
-    def _spawn(self, environment: dict[str, str]) -> None:
+    def _spawn(self, environment: dict[str, str], limits: dict[int, int]) -> None:
         self._pipe, write_end = os.pipe2(os.O_CLOEXEC | os.O_NONBLOCK)
         os.set_blocking(write_end, True)
         try:
@@ -190,7 +188,10 @@ class ServerProcess:
             raise
         finally:
             os.close(write_end)
-        self._pidfd = os.pidfd_open(self._process.pid)
+        self._pidfd = os.pidfd_open(self.pid)
+        for limit, value in limits.items():
+            resource.prlimit(self.pid, limit, (value, value))
+        self._loop.call(self._begin)
 
     def _begin(self) -> None:
         self.log, self.exit_status, self._rest = [], None, b""
