@@ -63,7 +63,10 @@ private:
             return {};
         }
         const uchar* field = take(length);
-        QString text(field != nullptr ? int(length) / CodeUnitSize : 0, Qt::Uninitialized);
+        if (field == nullptr) {
+            return {};
+        }
+        QString text(int(length) / CodeUnitSize, Qt::Uninitialized);
         for (int i = 0; i < text.size(); ++i) {
             text[i] = QChar(qFromBigEndian<quint16>(field + i * CodeUnitSize));
         }

@@ -252,6 +252,7 @@ void PairServer::sendApp(QString path)
         if (isUserApp(path) && !pair(path)) {
             return;
         }
+        m_archiveAsked = true;
         m_archiveClient = clientConnection;
         // An archive from earlier is not written over: a slow receiver may still be reading it.
         QFile::remove(path + QStringLiteral(".tar"));
@@ -290,7 +291,7 @@ void PairServer::sendAppArchiveReady(QString fileName, QString absolutePath)
 /// The connection that the archive is for: the one that asked, even when a newer one is served by now.
 QTcpSocket* PairServer::archiveClient() const
 {
-    return m_archiveClient ? m_archiveClient->data() : clientConnection.data();
+    return m_archiveAsked ? m_archiveClient : clientConnection;
 }
 
 void PairServer::sendAppStartTransfer(QString fileName, QString absolutePath)

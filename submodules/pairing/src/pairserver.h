@@ -16,7 +16,6 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
 
 class Configuration;
 class PairArchive;
@@ -109,7 +108,7 @@ private:
     std::unique_ptr<QFile> m_applicationFileHandle;
     QString m_applicationAbsolutePath;
 
-    /// Who asked for the archive that is being made: set by `sendApp`, null again when that tool has left.
-    std::optional<QPointer<QTcpSocket>> m_archiveClient;
+    bool m_archiveAsked = false;          ///< `sendApp` has set the next member, at least once
+    QPointer<QTcpSocket> m_archiveClient; ///< who asked for the archive that is made; null when that tool has left
     QTimer m_nextRequest;
 };

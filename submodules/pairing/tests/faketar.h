@@ -49,7 +49,7 @@ public:
 private:
     static QByteArray body(Kind kind)
     {
-        const QByteArray note = "line=$PWD; for part; do line=\"$line|$part\"; done; echo \"$line\" >> $here/calls\n";
+        QByteArray note = "line=$PWD; for part; do line=\"$line|$part\"; done; echo \"$line\" >> $here/calls\n";
         switch (kind) {
         case Recording: return note;
         case Waiting: return note + "while [ ! -e $here/gate ]; do sleep 0.01; done";

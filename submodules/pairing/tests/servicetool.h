@@ -69,7 +69,7 @@ private:
     QByteArray take(int size)
     {
         m_short = m_short || size < 0 || size > m_bytes.size();
-        const QByteArray taken = m_bytes.left(size);
+        QByteArray taken = m_bytes.left(size);
         m_bytes.remove(0, taken.size());
         return taken;
     }

@@ -18,7 +18,7 @@ private slots:
 private:
     QString fileOf(const QByteArray& content)
     {
-        const QString path = m_folder.filePath(QStringLiteral("file"));
+        QString path = m_folder.filePath(QStringLiteral("file"));
         QFile file(path);
         file.open(QIODevice::WriteOnly | QIODevice::Truncate);
         file.write(content);

@@ -223,6 +223,7 @@ void TestPairServerConnections::connectionsThatEndAreFreed()
 void TestPairServerConnections::tooManyConnectionsCloseTheOldest()
 {
     std::vector<std::unique_ptr<ToolConnection>> tools;
+    tools.reserve(64);
     for (int i = 0; i < 64; ++i) {
         tools.push_back(connectTool());
     }
