@@ -6,6 +6,7 @@
 #include "gfallback_service_c.h"
 #include "glinkconnection.h"
 #include "glinkheader.h"
+#include "glinkserver.h"
 #include "glinktransportfallback.h"
 #include "glinktransporttcp.h"
 #include "myassertfunc.h"
@@ -56,6 +57,7 @@ RGPCom::RGPCom(TagDatabase* tagDatabase, Configuration* config, QObject* parent)
 RGPCom::~RGPCom()
 {
     delete m_baseStatusTimer;
+    delete m_gLinkServer;
     qDeleteAll(m_connection);
     stopFallbackLink();
 }
@@ -69,6 +71,8 @@ void RGPCom::initialize(GfallbackServiceC* gFallback, CFallbackServiceC* cFallba
         return;
     }
     startFallbackLink(gFallback, cFallback);
+    m_gLinkServer = new GLinkServer(this, GLinkPort, m_config, m_tagDatabase, this);
+    m_gLinkServer->startServer();
     startBaseStatus();
 }
 

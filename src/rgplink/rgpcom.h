@@ -17,6 +17,7 @@ class GfallbackServiceC;
 class GLinkConnection;
 class GLinkInitAck;
 class GLinkInitMsg;
+class GLinkServer;
 class GLinkTransportBase;
 class GLinkTransportFallback;
 class GLinkTransportTcp;
@@ -151,6 +152,7 @@ private:
     GLinkTransportFallback* m_gFallbackLink = nullptr;
     QMap<quint16, GLinkConnection*> m_connection;
     TagDatabase* const m_tagDatabase;
+    GLinkServer* m_gLinkServer = nullptr;
     Configuration* const m_config;
     QByteArray m_periodicECData; ///< last block, with its origin byte
     QByteArray m_periodicEGData;
