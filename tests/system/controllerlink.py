@@ -32,11 +32,12 @@ def identify(bench: Installation, identity: int = IDENTITY) -> None:
 
 
 def start_link(bench: Installation) -> Installation:
-    """Server up, link started, a controller on the group that says nothing yet."""
+    """Server up, link started and in the group, a controller there that says nothing yet."""
     bench.mc  # on the group before the first packet comes
     bench.start_to_run()
     identify(bench)
     bench.server.wait_log("EGLink started", whole=True)
+    bench.server.wait_log("JOIN RX MULTICAST SUCCESS", whole=True)
     return bench
 
 
