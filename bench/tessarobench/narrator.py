@@ -72,7 +72,7 @@ def tell_eglink(event: Event) -> Optional[str]:
     marks = " (again)" if event.detail.get("again") else ""
     marks += f" ({event.fate})" if "fate" in event.detail else ""
     if event.kind in ("VRPI", "VRPO"):
-        what = f"part {event.index}, {event.size} bytes" if "index" in event.detail else f"{len(event.payload)} bytes"
+        what = f"part {event.part}, {event.size} bytes" if "part" in event.detail else f"{len(event.payload)} bytes"
         return None if event.detail.get("again") else f"{event.kind} periodic data: {what}{marks}"
     if event.kind in ("VRCI", "VRCO") and "command" in event.detail:
         return f"{event.kind} command {event.id}: {event.command!r}{marks}"
