@@ -12,7 +12,7 @@ from .journal import BENCH, FROM_BASE_UNIT, TO_BASE_UNIT, Event, Journal
 # Who sits at the other end of a link. Peers of other modules add theirs.
 PEERS = {"uart": "base controller", "api": "local tool", "gpio": "relay", "server": "log",
          "eglink": "machine control.", "eth0": "wired network", "wlan0": "wireless network", "glink": "remote unit",
-         "relay": "fallback relay"}
+         "relay": "fallback relay", "pairing": "service tool"}
 
 TOLD_BYTES = 16  # of payloads that may be long
 
@@ -107,6 +107,13 @@ def tell_relay(event: Event) -> Optional[str]:
     return f"{event.kind} {_fields(event, 'text')}" if event.direction == BENCH else None
 
 
+def tell_pairing(event: Event) -> Optional[str]:
+    if event.kind == "getApp":
+        return f"give me {event.path} for unit {event.unit}"
+    return {"getAppList": "which applications are there?", "startTransfer": "send it"}.get(
+        event.kind) or f"{event.kind}: {_fields(event, *event.detail)}"
+
+
 def tell_interface(event: Event) -> str:
     return f"{event.kind} {_fields(event, 'to')}"
 
@@ -115,7 +122,8 @@ def tell_interface(event: Event) -> str:
 # told by kind and fields. Peers of other modules add theirs.
 TELLERS: dict[str, Callable[[Event], Optional[str]]] = {
     "uart": tell_uart, "api": tell_api, "gpio": tell_gpio, "server": tell_server,
-    "eglink": tell_eglink, "glink": tell_glink, "relay": tell_relay, "eth0": tell_interface, "wlan0": tell_interface}
+    "eglink": tell_eglink, "glink": tell_glink, "relay": tell_relay, "pairing": tell_pairing,
+    "eth0": tell_interface, "wlan0": tell_interface}
 
 
 class Narrator:
