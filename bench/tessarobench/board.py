@@ -87,6 +87,11 @@ class Board:
         """A socket in the peers' world, on the far ends of eth0 and wlan0."""
         return self._peers.run(socket.socket, family, kind, protocol)
 
+    @property
+    def peer_network(self) -> str:
+        """The peers' network namespace as a path, for programs that make sockets there themselves."""
+        return self._peers.network_path
+
     def local_socket(self, kind: int = socket.SOCK_DGRAM, family: int = socket.AF_INET) -> socket.socket:
         """A socket on the board itself, for the loopback interface."""
         return self._world.run(socket.socket, family, kind)
