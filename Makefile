@@ -5,7 +5,7 @@ BUILD_TYPE ?= RelWithDebInfo
 PYTHON     := /usr/bin/python3
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test sanitize fuzz coverage format lint clean
+.PHONY: help build run test unit-test tool-test system-test sanitize fuzz coverage bench format lint clean
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
@@ -46,6 +46,12 @@ fuzz: ## run every fuzz target for SECONDS (60) and keep what it finds
 	@cmake --preset fuzz >/dev/null
 	@cmake --build build-fuzz --target fuzzers
 	@fuzz/run-all build-fuzz/fuzz $(SECONDS_EACH)
+
+bench: ## measure latency, CPU time, start-up and single steps (OPTIONS="--quick --realtime")
+	@scripts/ensure-packages build bench
+	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DTESSARO_TESTS=OFF -DTESSARO_BENCHMARKS=ON >/dev/null
+	@cmake --build build-release
+	@benchmark/run $(OPTIONS)
 
 format: ## rewrite the C++ sources in the house style
 	@scripts/ensure-packages lint

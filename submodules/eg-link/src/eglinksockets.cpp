@@ -10,8 +10,7 @@ constexpr int LargestDatagram = 65536;
 /// The address by which the kernel knows the interface for multicast; null if it has none.
 QHostAddress ipv4AddressOf(const QNetworkInterface& interface)
 {
-    const QList<QNetworkAddressEntry> entries = interface.addressEntries();
-    for (const QNetworkAddressEntry& entry : entries) {
+    for (const QNetworkAddressEntry& entry : interface.addressEntries()) {
         if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol) {
             return entry.ip();
         }

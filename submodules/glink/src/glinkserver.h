@@ -52,7 +52,7 @@ public:
 
 signals:
     /// Part of the interface; never emitted.
-    void newConnection(QTcpSocket* ruSocket); // clazy:exclude=overloaded-signal
+    void newConnection(QTcpSocket* ruSocket);
 
 protected:
     void incomingConnection(qintptr socketDescriptor) override;
