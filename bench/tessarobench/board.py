@@ -73,6 +73,7 @@ class Board:
 
     def closing(self, peer: Any) -> Any:
         """Remembers to call `peer.close()` when the board is closed, and returns the peer."""
+        assert not self.loop.on_thread, "mention a peer before waiting on it: made in a condition, it comes too late"
         self._closing.append(peer.close)
         return peer
 

@@ -9,10 +9,11 @@ from tessarobench import crc, internallink as il
 
 def still_works(bench, value):
     """A process image crosses the line and shows at the API."""
+    tool = bench.api  # listening before anything is pushed
     sending = bench.bc.set(tsaps=value)
     bench.wait_for(lambda: sending.done)
     assert sending.acked
-    bench.wait_for(lambda: bench.api.tag("TSAPs") == str(value))
+    bench.wait_for(lambda: tool.tag("TSAPs") == str(value))
 
 
 def noise(source):
