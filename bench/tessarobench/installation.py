@@ -7,7 +7,7 @@ from functools import cached_property
 from pathlib import Path
 from typing import Any, Optional
 
-from .apiclient import ApiClient
+from .apiclient import REQUEST_PORT, ApiClient
 from .basecontroller import BaseController
 from .board import EXAMPLES, Board
 from .csvfile import Table
@@ -95,10 +95,11 @@ class Installation(Board):
         return self
 
     def start_to_run(self, timeout: float = 5.0) -> "Installation":
-        """Starts the server beside a willing base controller and waits until the internal link is in RUN and the
-        configuration pass is through."""
-        controller, tool = self.bc, self.api
+        """Starts the server beside a willing base controller and a local tool, and waits until the API listens, the
+        internal link is in RUN and the configuration pass is through."""
+        controller, _ = self.bc, self.api
         self.start()
+        self.server.wait_listening(socket.SOCK_DGRAM, REQUEST_PORT, timeout)
         self.server.wait_log("RUN", timeout, whole=True)
         keys = sum(1 for file in (APP, KEYS) if (self.applications / file).exists()
                    for row in self.table(file) if row.get("from") == "BC")

@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import resource
 import signal
+import socket
 import subprocess
 import time
 from typing import NamedTuple, Optional
@@ -43,6 +44,13 @@ class Usage(NamedTuple):
 def _cpu_clock(pid: int) -> int:
     """The clock of the CPU time of all threads of a process, to the nanosecond (see clock_getcpuclockid)."""
     return (~pid << 3) | 2
+
+
+def _bound(table: str, port: int, state: str) -> bool:
+    """Whether a table of /proc/PID/net holds a socket on this local port in this state."""
+    with open(table, encoding="ascii") as file:
+        rows = [line.split() for line in file][1:]
+    return any(row[1].endswith(f":{port:04X}") and row[3] == state for row in rows)
 
 
 def split_line(raw: str) -> LogLine:
@@ -120,6 +128,12 @@ class ServerProcess:
     def wait_exit(self, timeout: float = 5.0) -> int:
         self._loop.wait_for(lambda: self.exit_status is not None, timeout, "the end of the server")
         return self.exit_status
+
+    def wait_listening(self, kind: int, port: int, timeout: float = 5.0) -> None:
+        """Waits until somebody on the board listens on this UDP (SOCK_DGRAM) or TCP (SOCK_STREAM) port."""
+        table = f"/proc/{self.pid}/net/{'udp' if kind == socket.SOCK_DGRAM else 'tcp'}"
+        state = "07" if kind == socket.SOCK_DGRAM else "0A"
+        self._loop.wait_for(lambda: _bound(table, port, state), timeout, f"somebody listening on port {port}", poll=0.005)
 
     # --- log -------------------------------------------------------------------------------------------------------
 
