@@ -47,7 +47,11 @@ class BaseController:
                    that it sends (before `to_base_unit`)
     `answers_config`, `answers_repeats`   whether it answers those requests at all, and a repeated one once more
     `deaf`         when true, received frames are journalled and otherwise ignored
-    `handlers`     service id -> function(payload) for services that others add, such as the fallback relay
+    `deaf_to`      the same for single services
+    `handlers`     service id -> function(payload) for services that others add, such as the fallback relay; a repeated
+                   packet is handed over once
+    `retry_seconds`   how long it waits for an acknowledgement. The base unit takes a repeat for a new packet, so where
+                   that matters more than the pace, this may be longer than a busy computer pauses
     """
 
     def __init__(self, loop: Loop, fd: int, journal: Journal, image: Optional[ProcessImage] = None,
@@ -56,7 +60,9 @@ class BaseController:
         self.image = image
         self.config: dict[str, Union[int, bytes]] = dict(config or {})
         self.answers_config, self.answers_repeats = True, False
+        self.retry_seconds = RETRY_SECONDS
         self.deaf = False
+        self.deaf_to: set[int] = set()
         self.to_base_unit, self.from_base_unit, self.acks = Impairment(loop), Impairment(loop), Impairment(loop)
         self._acks_of: dict[int, Impairment] = {}
         self.handlers: dict[int, Callable[[bytes], None]] = {}
@@ -104,7 +110,9 @@ class BaseController:
 
     def send_every(self, period: float, make: Callable[[], tuple[int, bytes]]) -> Timer:
         """Sends (service, payload) as `make` gives it, every `period` seconds, until the timer is cancelled."""
-        return self._loop.call(self._loop.every, period, lambda: self._enqueue(Sending(il.TRANSPORT_ACK, *make())))
+        timer = self._loop.call(self._loop.every, period, lambda: self._enqueue(Sending(il.TRANSPORT_ACK, *make())))
+        self._periodic.append(timer)
+        return timer
 
     def send_once(self, packet: il.Packet) -> None:
         """One transmission of exactly this packet, outside the queue; nobody waits for an acknowledgement."""
@@ -136,6 +144,8 @@ class BaseController:
         self._loop.call(self._forget)
 
     def close(self) -> None:
+        for timer in self._periodic:
+            timer.cancel()
         self._loop.call(self._forget)
         self.line.close()
 
@@ -169,7 +179,7 @@ class BaseController:
         if head.number is None:
             head.number, self._next_number = self._next_number, (self._next_number + 1) & 0x3F
         head.attempts += 1
-        self._retry = self._loop.later(RETRY_SECONDS, self._send_head)
+        self._retry = self._loop.later(self.retry_seconds, self._send_head)
         self._transmit(il.Packet(head.message_class, head.number, head.service, head.payload), again=head.attempts > 1)
 
     def _advance(self) -> None:
@@ -203,8 +213,9 @@ class BaseController:
         return packet
 
     def _frame_received(self, raw: bytes) -> None:
+        repeated = raw == self._last_frame
         packet = self._journal_frame(raw)
-        if packet is None or self.deaf:
+        if packet is None or self.deaf or packet.service in self.deaf_to:
             return
         if packet.message_class == il.ACK:
             self._acknowledged(packet)
@@ -212,7 +223,7 @@ class BaseController:
             self._asked(packet)
         elif packet.message_class == il.TRANSPORT_ACK:
             self._acknowledge(il.Packet(il.ACK, packet.number, packet.service, b""))
-        if packet.service in self.handlers:
+        if packet.message_class != il.ACK and packet.service in self.handlers and not repeated:
             self.handlers[packet.service](packet.payload)
 
     def _acknowledge(self, packet: il.Packet) -> bool:

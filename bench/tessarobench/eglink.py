@@ -80,7 +80,7 @@ def describe(packet: Packet) -> dict:
     if packet.type == "VRPI":
         return {"payload": payload, **common}
     if packet.type == "VRPO" and payload:
-        return {"index": payload[0], "size": len(payload) - 1, **common}
+        return {"part": payload[0], "size": len(payload) - 1, **common}
     if packet.type in ("VRCI", "VRCO") and len(payload) >= _ID.size + len(RESERVED):
         return {"id": _ID.unpack_from(payload)[0], "command": payload[_ID.size + len(RESERVED):], **common}
     if packet.type in ("VRAI", "VRAO") and len(payload) == _ID.size:

@@ -11,8 +11,11 @@ from .apiclient import REQUEST_PORT, ApiClient
 from .basecontroller import BaseController
 from .board import EXAMPLES, Board
 from .csvfile import Table
+from .fallbackrelay import FallbackRelay
+from .glink import application_checksum
 from .machinecontroller import MachineController
 from .processimage import ProcessImage
+from .remoteunit import RemoteUnit
 from .servicetool import ANSWER_SECONDS, ServiceTool
 
 INPUT_TAGS = Path(".config/baseInternalInputTags.csv")
@@ -21,6 +24,10 @@ OTHER_TAGS = Path(".config/baseInternalTags.csv")
 APP = Path("tessaroserver/config/app.csv")
 REMOTES = Path("tessaroserver/config/remotes.csv")
 KEYS = Path("tessaroserver/config/keys.csv")
+UNIT_APPLICATION = Path("handset")
+
+IDENTITY = 400
+LISTENING = "GLinkServer listening to address"
 
 # What the base controller of the example answers when the base unit asks for its settings.
 CONFIG_VALUES = {"BCSR": 30201, "BUID": 400, "IFTY": 2, "IVL1": 1500, "IVL2": 70000, "IVL3": -5}
@@ -34,6 +41,7 @@ class Installation(Board):
 
     def __init__(self, server: Optional[Path], installation: Path = EXAMPLES, **options: Any):
         super().__init__(server, installation, **options)
+        self._units: dict[int, RemoteUnit] = {}
 
     # --- files -----------------------------------------------------------------------------------------------------
 
@@ -87,6 +95,39 @@ class Installation(Board):
         connection.connect((self.wlan0.host, port))
         return connection
 
+    @cached_property
+    def fallback(self) -> FallbackRelay:
+        """The base controller's relay to remote units."""
+        return FallbackRelay(self.loop, self.journal, self.bc)
+
+    def unit(self, unit_id: int = 1001) -> RemoteUnit:
+        """The remote unit with this number, the same one every time; it carries the installed application."""
+        if unit_id not in self._units:
+            self._units[unit_id] = self.stranger(unit_id)
+        return self._units[unit_id]
+
+    def stranger(self, unit_id: int = 0) -> RemoteUnit:
+        """One more remote unit, with a number that others may have as well."""
+        return self.closing(RemoteUnit(self.loop, self.journal, unit_id, self.peer_socket, lambda: self.fallback,
+                                       IDENTITY, self.unit_checksum))
+
+    @property
+    def units(self) -> list[RemoteUnit]:
+        """All units so far, in the order of their first mention."""
+        return list(self._units.values())
+
+    def unit_checksum(self) -> bytes:
+        """The checksum of the remote units' application as it is installed on the base unit now."""
+        return application_checksum(self.applications / UNIT_APPLICATION)
+
+    def pair_units(self, count: int, first: int = 1001) -> list[int]:
+        """Makes `count` units with consecutive numbers belong to the base unit; before the server starts."""
+        table = self.table(REMOTES)
+        for row in range(count):
+            table.set(str(row), RUID=first + row, **{f"PKY{word}": 0 for word in range(1, 5)})
+        table.save(self.applications / REMOTES)
+        return [first + row for row in range(count)]
+
     # --- the way to normal operation -------------------------------------------------------------------------------
 
     def start(self, **options: Any) -> "Installation":
@@ -104,4 +145,11 @@ class Installation(Board):
         keys = sum(1 for file in (APP, KEYS) if (self.applications / file).exists()
                    for row in self.table(file) if row.get("from") == "BC")
         self.wait_for(lambda: controller.received["ask"] >= keys, timeout, "the whole configuration pass")
+        return self
+
+    def start_to_serve(self, timeout: float = 5.0, **image: Any) -> "Installation":
+        """The same, and further until remote units are served; `image` are more fields of the process image."""
+        self.start_to_run(timeout)
+        self.bc.set(bu_identity=IDENTITY, **image)
+        self.server.wait_log(LISTENING, timeout)
         return self

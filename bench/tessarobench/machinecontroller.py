@@ -54,7 +54,7 @@ class MachineController:
         self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, host)
 
     def close(self) -> None:
-        self.silence()
+        self._loop.call(self._end_cycle)
         self._loop.call(self._loop.watch, self._udp)
         self._udp.close()
 
@@ -66,6 +66,7 @@ class MachineController:
 
     def silence(self) -> None:
         """No more sets by itself."""
+        self._loop.call(self._journal.add, self.link, BENCH, "silence")
         self._loop.call(self._end_cycle)
 
     def send_set(self, data: bytes, order: Optional[Iterable[int]] = None, serial: Optional[int] = None,
@@ -108,7 +109,6 @@ class MachineController:
     def _end_cycle(self) -> None:
         if self._cycle:
             self._cycle.cancel()
-            self._journal.add(self.link, BENCH, "silence")
         self._cycle = None
 
     def _take_serial(self) -> int:

@@ -6,11 +6,15 @@ import sys
 import threading
 from typing import Callable, Optional, TextIO
 
+from .internallink import FALLBACK, SHORT_FALLBACK
 from .journal import BENCH, FROM_BASE_UNIT, TO_BASE_UNIT, Event, Journal
 
 # Who sits at the other end of a link. Peers of other modules add theirs.
 PEERS = {"uart": "base controller", "api": "local tool", "gpio": "relay", "server": "log",
-         "eglink": "machine control.", "eth0": "wired network"}
+         "eglink": "machine control.", "eth0": "wired network", "wlan0": "wireless network", "glink": "remote unit",
+         "relay": "fallback relay", "pairing": "service tool"}
+
+TOLD_BYTES = 16  # of payloads that may be long
 
 _ARROWS = {FROM_BASE_UNIT: "base unit -> ", TO_BASE_UNIT: "base unit <- ", BENCH: "(bench)      "}
 
@@ -35,6 +39,8 @@ def tell_uart(event: Event) -> Optional[str]:
         return f"what is {event.key}{' of unit %d' % event.unit if 'unit' in event.detail else ''}?{marks}"
     if event.kind == "answer":
         return f"it is {int.from_bytes(event.value, 'little')} ({event.value.hex(' ')}){marks}"
+    if event.detail.get("service") in (SHORT_FALLBACK, FALLBACK):
+        return None if not marks else event.kind + marks  # told by the remote units
     payload = event.detail.get("payload")
     return event.kind + (f" {payload.hex(' ')}" if payload is not None else "") + marks
 
@@ -66,13 +72,46 @@ def tell_eglink(event: Event) -> Optional[str]:
     marks = " (again)" if event.detail.get("again") else ""
     marks += f" ({event.fate})" if "fate" in event.detail else ""
     if event.kind in ("VRPI", "VRPO"):
-        what = f"part {event.index}, {event.size} bytes" if "index" in event.detail else f"{len(event.payload)} bytes"
+        what = f"part {event.part}, {event.size} bytes" if "part" in event.detail else f"{len(event.payload)} bytes"
         return None if event.detail.get("again") else f"{event.kind} periodic data: {what}{marks}"
     if event.kind in ("VRCI", "VRCO") and "command" in event.detail:
         return f"{event.kind} command {event.id}: {event.command!r}{marks}"
     if event.kind in ("VRAI", "VRAO") and "id" in event.detail:
         return f"{event.kind} acknowledges command {event.id}{marks}"
     return f"{event.kind} {_fields(event, 'text', 'size')}{marks}"
+
+
+def tell_glink(event: Event) -> Optional[str]:
+    """Acknowledgements, heartbeats and the beat of base status go without saying."""
+    if event.kind in ("ack", "heartbeat", "base status") and "fate" not in event.detail:
+        return None
+    if event.direction == BENCH:
+        return f"{event.unit} {event.kind} {_fields(event, 'size', 'what')}"
+    return (f"{event.unit} {event.kind}{_glink_detail(event)}{' by fallback' if event.path == 'fallback' else ''}"
+            if "path" in event.detail else f"{event.unit} {event.kind} {_fields(event, 'reason', 'what')}")
+
+
+def _glink_detail(event: Event) -> str:
+    marks = f" ({event.fate})" if "fate" in event.detail else ""
+    if event.kind == "INIT":
+        return f" of unit {event.of} for base {event.base}, application {event.checksum.hex()[:8]}...{marks}"
+    if event.kind == "INITACK":
+        return f": {f'refused, code {event.code}: {event.text}' if event.code else 'accepted'}{marks}"
+    payload = event.detail.get("payload", b"")
+    more = f" ... ({len(payload)} bytes)" if len(payload) > TOLD_BYTES else ""
+    return f" {payload[:TOLD_BYTES].hex(' ')}{more}{marks}"
+
+
+def tell_relay(event: Event) -> Optional[str]:
+    """What it carries is told by the remote units."""
+    return f"{event.kind} {_fields(event, 'text')}" if event.direction == BENCH else None
+
+
+def tell_pairing(event: Event) -> Optional[str]:
+    if event.kind == "getApp":
+        return f"give me {event.path} for unit {event.unit}"
+    return {"getAppList": "which applications are there?", "startTransfer": "send it"}.get(
+        event.kind) or f"{event.kind}: {_fields(event, *event.detail)}"
 
 
 def tell_interface(event: Event) -> str:
@@ -83,7 +122,8 @@ def tell_interface(event: Event) -> str:
 # told by kind and fields. Peers of other modules add theirs.
 TELLERS: dict[str, Callable[[Event], Optional[str]]] = {
     "uart": tell_uart, "api": tell_api, "gpio": tell_gpio, "server": tell_server,
-    "eglink": tell_eglink, "eth0": tell_interface, "wlan0": tell_interface}
+    "eglink": tell_eglink, "glink": tell_glink, "relay": tell_relay, "pairing": tell_pairing,
+    "eth0": tell_interface, "wlan0": tell_interface}
 
 
 class Narrator:
@@ -93,6 +133,7 @@ class Narrator:
         self._out, self._quiet, self._colour = out, quiet, out.isatty()
         self._lock = threading.Lock()
         self._pending: Optional[tuple[str, str, int]] = None
+        self.untold: set[tuple[str, str]] = set()  # (link, kind) of what is too much to tell for the moment
         journal.listeners.append(self._event)
 
     def heading(self, text: str) -> None:
@@ -108,9 +149,11 @@ class Narrator:
         self._print(text)
 
     def _event(self, event: Event) -> None:
+        if self._quiet or (event.link, event.kind) in self.untold:
+            return
         teller = TELLERS.get(event.link)
         words = teller(event) if teller else f"{event.kind} {_fields(event, *event.detail)}"
-        if words is None or self._quiet:
+        if words is None:
             return
         line = f"{event.link:7} {_ARROWS[event.direction]}{PEERS.get(event.link, event.link):16} {words}"
         with self._lock:

@@ -27,6 +27,9 @@ class SerialLine:
         loop.call(self._watch)
 
     def write(self, data: bytes) -> None:
+        """Never blocks. What is written after `close` goes nowhere."""
+        if self._fd < 0:
+            return
         if len(self._pending) + len(data) > OVERRUN_BYTES:
             self.lost += len(data)
             return
@@ -39,9 +42,13 @@ class SerialLine:
         return not self._pending
 
     def close(self) -> None:
-        self._loop.call(self._loop.watch, self._fd)
+        self._loop.call(self._close)
+
+    def _close(self) -> None:
+        self._loop.watch(self._fd)
         os.close(self._fd)
         self._fd = -1
+        self._pending.clear()
 
     def _watch(self) -> None:
         if self._fd >= 0:

@@ -9,7 +9,7 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(REPOSITORY / "bench"))
 
 from tessarobench import namespaces  # noqa: E402
-from tessarobench.installation import CONFIG_VALUES, Installation  # noqa: E402
+from tessarobench.installation import APP, CONFIG_VALUES, Installation  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -45,3 +45,13 @@ def running(bench):
     bench.start_to_run()
     bench.wait_for(lambda: bench.api.statuses == len(CONFIG_VALUES), what="one push for each setting that was fetched")
     return bench
+
+
+@pytest.fixture
+def serving(bench):
+    """The same, further: remote units are served. The machine controller link is off, and the base controller takes its
+    time before it repeats a packet: the base unit would take the repeat for a new one, and these tests count."""
+    bench.change(APP, "EMAP", value=0)
+    bench.bc.retry_seconds = 1.0
+    yield bench.start_to_serve()
+    assert [unit.damaged for unit in bench.units if unit.damaged] == []

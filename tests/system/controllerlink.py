@@ -68,8 +68,9 @@ def wait_count(bench: Installation, kind: str, number: int = 1, timeout: float =
 
 
 def answered(bench: Installation) -> None:
-    """The link is alive: a command of the controller is acknowledged. Two may be needed to bring the ids into step."""
-    for _ in range(3):
+    """The link is alive: a command of the controller is acknowledged. Two may be needed to bring the ids into step, and
+    a busy machine may need its time."""
+    for _ in range(5):
         number = bench.mc.command(b"alive?")
         try:
             wait_count(bench, "VRAI", id=number, timeout=1.0)

@@ -45,5 +45,5 @@ def test_descriptions():
     assert eglink.describe(Packet("VRCI", 4, eglink.command(9, b"up"), 400)) == {
         "id": 9, "command": b"up", "serial": 4, "origin": 400}
     assert eglink.describe(Packet("VRAI", 4, b"\x02\x01", 400))["id"] == 0x0102
-    assert eglink.describe(Packet("VRPO", 4, b"\x03abc")) == {"index": 3, "size": 3, "serial": 4, "origin": 0}
+    assert eglink.describe(Packet("VRPO", 4, b"\x03abc")) == {"part": 3, "size": 3, "serial": 4, "origin": 0}
     assert eglink.describe(Packet("VRCO", 4, b"\x03"))["payload"] == b"\x03"

@@ -89,29 +89,35 @@ def test_two_controllers_of_which_one_is_foreign(linked):
 
 
 def test_seeded_garbage_leaves_the_link_alive(linked):
-    """Four thousand datagrams in twenty volleys, a receive buffer's worth each, so that none is lost on the way."""
+    """Four thousand datagrams, in volleys that a receive buffer can hold, so that each of them can be accounted for."""
     bench, source = linked, random.Random(42)
-    since = len(bench.server.log)
-    for _ in range(20):
-        for _ in range(200):
-            bench.mc.send_raw(garbage(source))
-        answered(bench)
-    assert bench.server.logged(CRC_ERROR, since) > 1000
-    assert bench.server.logged(HEADER_ERROR, since) > 500
+    since, told = len(bench.server.log), {CRC_ERROR: 0, HEADER_ERROR: 0}
+    for volley in range(80):
+        for _ in range(50):
+            datagram, line = garbage(source)
+            bench.mc.send_raw(datagram)
+            told[line] = told.get(line, 0) + 1
+        bench.mc.send("VRAI", size=20000 + volley)  # tells when all before it have been read
+        since_volley = bench.server.wait_log(f"Wrong data size: {20000 + volley} (should be 0 )", since=since, whole=True)
+        bench.server.wait_log(HEADER_ERROR, since=since_volley, whole=True)
+    answered(bench)
+    assert bench.server.logged(CRC_ERROR, since) == told[CRC_ERROR] > 1000
+    assert bench.server.logged(HEADER_ERROR, since) >= told[HEADER_ERROR] + 80 > 1000
     assert reports(bench)[-1] in (OPERATIONAL, LINK_ERROR)  # a wrong acknowledgement may have been among them
 
 
-def garbage(source: random.Random) -> bytes:
-    """Noise, noise with a right CRC, or a packet of which some fields are wrong."""
+def garbage(source: random.Random) -> tuple[bytes, str]:
+    """Noise, noise with a right CRC, or a packet of which some fields may be wrong; and the line that is due for it."""
     noise = source.randbytes(source.choice((0, 3, 16, 20, 40, 600)))
     choice = source.randrange(3)
     if choice == 0:
-        return noise
+        return noise, CRC_ERROR
     if choice == 1:
-        return crc.with_crc(noise)
-    return Packet(source.choice(("VRPI", "VRPO", "VRCI", "VRCO", "VRAI", "VRAO", "XXXX")), source.randrange(65536),
-                  noise, source.choice((0, 0, 0, 1)), source.choice((0, 0, 0, 1)),
-                  size=source.choice((None, None, source.randrange(65536)))).pack()
+        return crc.with_crc(noise), HEADER_ERROR
+    packet = Packet(source.choice(("VRPI", "VRPO", "VRCI", "VRCO", "VRAI", "VRAO", "XXXX")), source.randrange(65536),
+                    noise, source.choice((0, 0, 0, 1)), source.choice((0, 0, 0, 1)),
+                    size=source.choice((None, None, source.randrange(65536))))
+    return packet.pack(), "whatever its fields deserve"
 
 
 def test_a_flood_does_not_hold_up_the_periodic_data(bench):

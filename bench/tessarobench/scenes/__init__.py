@@ -22,7 +22,7 @@ from ..installation import Installation
 from ..narrator import Narrator
 
 # The order of the tour. A scene that is not named here comes after these, in the order of loading.
-ORDER = ["link", "images", "settings", "controller", "noise", "loss"]
+ORDER = ["link", "images", "settings", "controller", "noise", "loss", "units", "together", "fallback", "stop", "pairing"]
 
 
 class Scene(NamedTuple):

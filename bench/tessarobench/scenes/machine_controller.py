@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import struct
 
+from .. import glink
 from . import Stage, scene
 
 OPERATIONAL, LINK_ERROR = 1, 3
+UNITS = (1001, 1002)
 
 
 def periodic_data(cycle: int, text: str) -> bytes:
@@ -80,3 +82,53 @@ def outage(stage: Stage) -> None:
     number = bench.mc.command(b"lamp on")
     stage.expect("and commands still arrive",
                  lambda: bench.journal.count(link="eglink", kind="VRAI", id=number, since=before))
+
+
+@scene("together", "Machine controller and remote units work together", needs=["units", "controller"])
+def together(stage: Stage) -> None:
+    bench = stage.bench
+    units = [bench.unit(number) for number in UNITS]
+    data = periodic_data(3, "to all units")
+    stage.say("The machine controller's data change once, and are then sent unchanged again and again.")
+    seen = [len(unit.received) for unit in units]
+    bench.mc.cycle(data)
+    for unit, before in zip(units, seen):
+        stage.expect(f"unit {unit.id} receives them, marked as the machine controller's",
+                     lambda: unit.payloads(glink.PERIODIC_DATA, before) == [b"\0" + data])
+    bench.mc.command(b"lamp on")
+    for unit in units:
+        stage.expect(f"unit {unit.id} receives its command", lambda: b"lamp on" in unit.payloads(glink.CMD))
+    units_command(stage)
+    nobody_acknowledges(stage)
+    for unit, before in zip(units, seen):
+        stage.expect(f"unit {unit.id} got the unchanged data once",
+                     lambda: unit.payloads(glink.PERIODIC_DATA, before) == [b"\0" + data])
+
+
+def units_command(stage: Stage) -> None:
+    bench = stage.bench
+    since = bench.journal.mark()
+    stage.say("Unit 1001 sends a command. The machine controller is slow to acknowledge it.")
+    bench.mc.acks.script(0.25, "drop", "drop", "drop", "drop")
+    bench.unit(UNITS[0]).command(b"boom up")
+    stage.expect("it reaches the base controller", lambda: bench.journal.last(
+        link="uart", direction="<", kind="command", payload=b"boom up".ljust(16, b"\0"), since=since))
+    stage.expect("it reaches the machine controller, again and again",
+                 lambda: bench.journal.count(link="eglink", kind="VRCI", command=b"boom up", since=since) >= 2)
+    stage.expect("the acknowledgement arrives", lambda: any(
+        "fate" not in event.detail for event in bench.journal.select("eglink", ">", "VRAO", since)))
+    bench.mc.acks.clear()
+
+
+def nobody_acknowledges(stage: Stage) -> None:
+    bench = stage.bench
+    since, log = bench.journal.mark(), len(bench.server.log)
+    stage.say("Unit 1002 sends a command that the machine controller never acknowledges.")
+    bench.mc.acknowledges = False
+    bench.unit(UNITS[1]).command(b"boom down")
+    stage.expect("it is sent twenty times and given up",
+                 lambda: bench.server.logged("No VRAO for 2000  ms, timeout. Timer stopped.", log)
+                 and bench.journal.count(link="eglink", kind="VRCI", command=b"boom down", since=since) == 20)
+    bench.mc.acknowledges = True
+    stage.expect("the link is in error, and the base controller is told", reported(stage, LINK_ERROR, since))
+    stage.expect("five quiet seconds later it has recovered by itself", reported(stage, OPERATIONAL, since), 8)

@@ -94,16 +94,15 @@ void GfallbackServiceC::receiveBlock(const QByteArray& block)
         m_rxId = remoteId;
     }
     m_rxData.append(block.mid(BlockHeaderSize, remaining));
-    if (block.size() - BlockHeaderSize == remaining) {
-        const QByteArray message = m_rxData;
-        m_rxData.clear();
-        emit fallbackRx(m_rxId, message);
-        return;
-    }
-    qDebug() << "GfallbackServiceC::readData_()" << block.size() << m_rxData.size() << m_rxId;
     if (m_rxData.size() > MaxRxMessageSize) {
         qDebug() << "GfallbackServiceC: endless message of remote unit" << m_rxId << "discarded.";
         m_rxData.clear();
+    } else if (block.size() - BlockHeaderSize == remaining) {
+        const QByteArray message = m_rxData;
+        m_rxData.clear();
+        emit fallbackRx(m_rxId, message);
+    } else {
+        qDebug() << "GfallbackServiceC::readData_()" << block.size() << m_rxData.size() << m_rxId;
     }
 }
 

@@ -32,7 +32,7 @@ Tag::Tag(QString tagName, QObject* parent)
     , m_content(std::make_shared<const Content>(Content{QByteArray(), QVariant(0)}))
 {
     // Nobody can be connected yet; the emission states that a new tag has a value from the start.
-    emit valueUpdated(getValue());
+    emit valueUpdated(getValue()); // clazy:exclude=incorrect-emit
 }
 
 void Tag::setValue(const QVariant& newValue)

@@ -10,7 +10,8 @@ constexpr int LargestDatagram = 65536;
 /// The address by which the kernel knows the interface for multicast; null if it has none.
 QHostAddress ipv4AddressOf(const QNetworkInterface& interface)
 {
-    for (const QNetworkAddressEntry& entry : interface.addressEntries()) {
+    const QList<QNetworkAddressEntry> entries = interface.addressEntries();
+    for (const QNetworkAddressEntry& entry : entries) {
         if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol) {
             return entry.ip();
         }

@@ -4,6 +4,7 @@
 
 #include <QDeadlineTimer>
 #include <QDebug>
+#include <QGlobalStatic>
 #include <QThread>
 #include <QTimer>
 
@@ -27,7 +28,7 @@ constexpr int ReservedDescriptors = 128;    ///< for all other parts of the serv
 
 constexpr auto AcceptPause = 100ms;
 
-QHostAddress s_listenAddressForTests;
+Q_GLOBAL_STATIC(QHostAddress, s_listenAddressForTests)
 
 /// The number of connections for which descriptors suffice, after asking for more of them.
 int affordableConnections()
@@ -75,14 +76,14 @@ GLinkServer::~GLinkServer()
 
 void GLinkServer::setListenAddress(const QHostAddress& address)
 {
-    s_listenAddressForTests = address;
+    *s_listenAddressForTests = address;
 }
 
 void GLinkServer::startServer()
 {
     m_connectionLimit = affordableConnections();
     const QHostAddress address =
-        s_listenAddressForTests.isNull() ? QHostAddress(QString::fromLatin1(ListenAddress)) : s_listenAddressForTests;
+        s_listenAddressForTests->isNull() ? QHostAddress(QString::fromLatin1(ListenAddress)) : *s_listenAddressForTests;
     if (!listen(address, m_serverPort)) {
         qFatal("Could not start GLinkServer");
     }

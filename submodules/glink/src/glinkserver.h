@@ -52,7 +52,7 @@ public:
 
 signals:
     /// Part of the interface; never emitted.
-    void newConnection(QTcpSocket* ruSocket);
+    void newConnection(QTcpSocket* ruSocket); // clazy:exclude=overloaded-signal
 
 protected:
     void incomingConnection(qintptr socketDescriptor) override;

@@ -5,6 +5,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QGlobalStatic>
 
 namespace ApplicationManifest {
 
@@ -14,7 +15,7 @@ constexpr char FileName[] = "manifest.csv";
 constexpr QLatin1Char PartSeparator(';');
 constexpr int PartsOfEntry = 2;
 
-QString s_rootForTests;
+Q_GLOBAL_STATIC(QString, s_rootForTests)
 
 bool liesBelow(const QString& canonicalRoot, const QString& filePath)
 {
@@ -34,8 +35,8 @@ void addLine(Entries& entries, const QByteArray& line)
 
 QString root()
 {
-    if (!s_rootForTests.isEmpty() || QCoreApplication::instance() == nullptr) {
-        return s_rootForTests;
+    if (!s_rootForTests->isEmpty() || QCoreApplication::instance() == nullptr) {
+        return *s_rootForTests;
     }
     // Lexical, not cdUp(): the path is needed even when the folder is gone.
     return QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/.."));
@@ -43,7 +44,7 @@ QString root()
 
 void setRoot(const QString& path)
 {
-    s_rootForTests = path.isEmpty() ? QString() : QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+    *s_rootForTests = path.isEmpty() ? QString() : QDir::cleanPath(QFileInfo(path).absoluteFilePath());
 }
 
 QStringList find(const QString& rootPath)

@@ -29,6 +29,7 @@ private slots:
     void receivedBlocks();
     void partsOfAMessageAreReported();
     void endlessMessageIsDiscarded();
+    void lastBlockCannotMakeAMessageTooLong();
     void randomPacketsAreSurvived();
     void otherLinkOrClassIsFatal();
 };
@@ -377,6 +378,19 @@ void TestGfallbackServiceC::endlessMessageIsDiscarded()
     f.service.readData_(QByteArray::fromHex("0700010061"));
     QCOMPARE(received.count(), 1);
     QCOMPARE(received.at(0).at(1).toByteArray(), QByteArray("a"));
+}
+
+void TestGfallbackServiceC::lastBlockCannotMakeAMessageTooLong()
+{
+    LogSpy log;
+    Fixture f;
+    QSignalSpy received(&f.service, &GfallbackServiceC::fallbackRx);
+    for (int i = 0; i < 262; ++i) {
+        f.service.readData_(QByteArray::fromHex("0700FFFF") + QByteArray(250, 'x'));
+    }
+    f.service.readData_(QByteArray::fromHex("0700FA00") + QByteArray(250, 'x'));
+    QCOMPARE(received.count(), 0);
+    QVERIFY(log.contains("GfallbackServiceC: endless message of remote unit 7 discarded."));
 }
 
 void TestGfallbackServiceC::randomPacketsAreSurvived()

@@ -1,0 +1,28 @@
+"""What the tests of remote units share."""
+
+
+def commands(bench, since=0):
+    """What reached the base controller as commands; a packet that the base unit repeated counts once."""
+    return [event.payload for event in bench.journal.select("uart", "<", "command", since) if "again" not in event.detail]
+
+
+def wait_commands(bench, count, timeout=5.0):
+    """Waits until so many commands have reached the base controller, and returns them."""
+    bench.wait_for(lambda: bench.bc.received["command"] >= count and len(commands(bench)) >= count, timeout,
+                   f"{count} commands at the base controller")
+    return commands(bench)
+
+
+def flushed(bench, unit):
+    """Waits until everything that the unit sent before has been through the base unit."""
+    marker = b"marker %d" % len(bench.fallback.shorts)
+    unit.service_forward(marker)
+    bench.wait_for(lambda: any(short.data == marker for short in bench.fallback.shorts), what="the marker")
+
+
+def pair_more(bench, count):
+    """Makes units from 1001 on belong to the running base unit."""
+    since = bench.journal.mark()
+    bench.pair_units(count)
+    bench.api.send(b"CCHANGE")
+    bench.wait_for(lambda: bench.journal.last(link="uart", kind="event", event="RECONFIG", since=since))
