@@ -13,7 +13,7 @@ __all__ = ["linked"]  # a fixture
 
 
 def died(bench, file: str, line: int, before: str = "") -> bool:
-    """Whether the server ended by this fatal assertion, told in the log (other threads may have told something, too)."""
+    """Whether the server ended by this fatal assertion; other threads may have left lines between its own."""
     texts = bench.server.texts() if bench.server.wait_exit() == -signal.SIGABRT else []
     expected = [text for text in (before, f'Fatal error in  "{file}" : {line} .', "Fatal") if text]
     return [text for text in texts if text in expected] == expected

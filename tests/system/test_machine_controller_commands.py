@@ -56,9 +56,9 @@ def test_a_repeated_command_is_dropped_twice_over(linked):
 
 def test_short_commands(linked):
     bench = linked
-    for payload, line in ((b"", "VRCO payload too short, ignored. ( 0 )"), (b"1", "VRCO payload too short, ignored. ( 1 )")):
+    for payload in (b"", b"1"):
         bench.mc.send("VRCO", payload)
-        bench.server.wait_log(line, whole=True)
+        bench.server.wait_log(f"VRCO payload too short, ignored. ( {len(payload)} )", whole=True)
     bench.mc.send("VRCO", b"\x07\x00")
     wait_count(bench, "VRAI", id=7)
     bench.mc.send("VRCO", b"\x08\x00abc")

@@ -6,7 +6,7 @@ import struct
 
 import pytest
 
-from controllerlink import (LINK_ERROR, OPERATIONAL, SET, answered, count, linked, reported, reports, start_link,
+from controllerlink import (LINK_ERROR, OPERATIONAL, answered, count, linked, reported, reports, start_link,
                             wait_count, wait_reported)
 from tessarobench import crc, eglink
 from tessarobench.eglink import Packet
@@ -98,8 +98,8 @@ def test_seeded_garbage_leaves_the_link_alive(linked):
             bench.mc.send_raw(datagram)
             told[line] = told.get(line, 0) + 1
         bench.mc.send("VRAI", size=20000 + volley)  # tells when all before it have been read
-        since_volley = bench.server.wait_log(f"Wrong data size: {20000 + volley} (should be 0 )", since=since, whole=True)
-        bench.server.wait_log(HEADER_ERROR, since=since_volley, whole=True)
+        step = bench.server.wait_log(f"Wrong data size: {20000 + volley} (should be 0 )", since=since, whole=True)
+        bench.server.wait_log(HEADER_ERROR, since=step, whole=True)
     answered(bench)
     assert bench.server.logged(CRC_ERROR, since) == told[CRC_ERROR] > 1000
     assert bench.server.logged(HEADER_ERROR, since) >= told[HEADER_ERROR] + 80 > 1000

@@ -124,7 +124,7 @@ def test_another_address_is_told_to_the_base_controller_and_used(linked):
     since = bench.journal.mark()
     bench.eth0.change_address("10.42.20.77/24")
     wait_count(bench, "VRPI", since=since, source="10.42.20.77")
-    bench.wait_for(lambda: bench.journal.last(link="uart", direction="<", kind="event", event="EGRECONFIG", since=since),
+    bench.wait_for(lambda: bench.journal.last(link="uart", kind="event", event="EGRECONFIG", since=since),
                    what="EGRECONFIG to the base controller")
     asked = bench.bc.ask("EGDH")
     bench.wait_for(lambda: asked.done)
