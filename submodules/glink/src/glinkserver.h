@@ -42,6 +42,8 @@ public:
     static constexpr std::chrono::milliseconds ShutdownTime{2000};
 
     int connectionCount() const { return m_connections.size(); }
+    /// The transports of all connections, null for those that somebody else destroyed. For tests and diagnosis.
+    QList<QPointer<GLinkTransportTcp>> transports() const { return m_connections.values(); }
 
     /// Listens elsewhere, for tests; a null address brings the default back. Before startServer().
     static void setListenAddress(const QHostAddress& address);

@@ -233,12 +233,8 @@ void GLinkTransportTcp::readyRead()
     if (m_socket == nullptr || mustPauseReading()) {
         return;
     }
-    const QByteArray received = m_socket->readAll();
-    if (isParsingStopped()) {
-        return;
-    }
     resetTimers();
-    m_incomingData.append(received);
+    m_incomingData.append(m_socket->readAll());
     parseStream();
 }
 
@@ -339,13 +335,9 @@ void GLinkTransportTcp::handleCrcError()
 void GLinkTransportTcp::disconnectFromPeer()
 {
     stopParsing();
-    if (m_socket == nullptr) {
-        return;
-    }
-    m_socket->disconnectFromHost();
-    if (!m_hasEnded) {
-        // What we wrote last is still on its way; a peer that does not take it must not keep the connection.
-        restart(m_timeoutTimer);
+    if (m_socket != nullptr) {
+        // Waits for what we wrote last to be sent. The silence time-out, which nothing restarts any more, bounds that.
+        m_socket->disconnectFromHost();
     }
 }
 

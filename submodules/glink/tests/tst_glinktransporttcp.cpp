@@ -209,6 +209,9 @@ void TestGLinkTransportTcp::aClosingPeerThatDoesNotReadIsAborted()
     m_peer->write(Frames::damaged(Frames::powerOff(), 3));
     QTRY_COMPARE(log.lines(), QStringList{"Header CRC error 5"});
     QCOMPARE(m_ends, QStringList()); // the orderly end waits for what is still unsent
+    QTimer writing;                  // which does not keep the connection
+    connect(&writing, &QTimer::timeout, this, [this] { m_peer->write("x"); });
+    writing.start(20);
 
     QTRY_COMPARE(m_ends, (QStringList{"closed 0", "finished"}));
 }
