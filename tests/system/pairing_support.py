@@ -2,6 +2,7 @@
 
 import hashlib
 import io
+import os
 import tarfile
 from pathlib import Path
 
@@ -34,6 +35,7 @@ def serve(bench, **files):
     install(bench, "display", "system", **files)
     bench.start()
     bench.server.wait_log(READY, whole=True)
+    bench.wait_for(lambda: sockets(bench) == 3, what="both listeners, and the local interface's socket", poll=0.01)
     return bench
 
 
@@ -58,6 +60,18 @@ def table_in(archive: bytes, name: str, scratch: Path) -> Table:
     path = scratch / Path(name).name
     path.write_bytes(file_in(archive, name))
     return Table.load(path)
+
+
+def sockets(bench):
+    """How many sockets the server holds. Other descriptors come and go: it also hashes applications meanwhile."""
+    folder = f"/proc/{bench.server.pid}/fd"
+    count = 0
+    for name in os.listdir(folder):
+        try:
+            count += os.readlink(f"{folder}/{name}").startswith("socket:")
+        except FileNotFoundError:
+            pass
+    return count
 
 
 def memory(bench) -> int:

@@ -1,13 +1,12 @@
 """Pairing with tools and receivers that are slow, rude, several, or gone."""
 
-import os
 import random
 import socket
 import time
 
 import pytest
 
-from pairing_support import NO_HANDLE, SYSTEM, USER, md5, memory, serve, words_of_unit
+from pairing_support import NO_HANDLE, SYSTEM, USER, md5, memory, serve, sockets, words_of_unit
 from tessarobench import pairwire
 from tessarobench.servicetool import ServiceToolError
 
@@ -22,18 +21,6 @@ def pairing(bench):
 @pytest.fixture
 def large(bench):
     return serve(bench, content=random.Random(1).randbytes(LARGE))
-
-
-def sockets(bench):
-    """How many sockets the server holds. Other descriptors come and go: it also hashes applications meanwhile."""
-    folder = f"/proc/{bench.server.pid}/fd"
-    count = 0
-    for name in os.listdir(folder):
-        try:
-            count += os.readlink(f"{folder}/{name}").startswith("socket:")
-        except FileNotFoundError:
-            pass
-    return count
 
 
 def connections_gone(bench, idle):
