@@ -420,17 +420,18 @@ void TestGLinkServer::acceptingGoesOnAfterDescriptorsRanOut()
 void TestGLinkServer::shutdownEndsAllConnectionsInTime()
 {
     ApplicationChecksums::setSettlingTime(std::chrono::milliseconds(0));
-    const QTemporaryDir applications;
-    installLargeApplication(applications.path());
     std::vector<std::unique_ptr<TcpPeer>> peers(20);
     for (auto& peer : peers) {
         peer = newPeer();
         peer->write(Frames::powerOff() + Frames::command().left(20));
         QVERIFY(receives(*peer, 1, PowerOffId, Ack));
     }
-    // One waits for the digest of a large application at this moment.
-    peers.front()->write(Frames::command().mid(20) + Frames::init());
-    QTRY_COMPARE(peers.front()->frames().size(), 2);
+    // One more waits for the digest of a large application at this moment.
+    const QTemporaryDir applications;
+    installLargeApplication(applications.path());
+    peers.push_back(newPeer());
+    peers.back()->write(Frames::powerOff() + Frames::init());
+    QVERIFY(receives(*peers.back(), 1, PowerOffId, Ack));
     const auto digest = ApplicationChecksums::request(applications.path());
     QElapsedTimer timer;
     timer.start();
