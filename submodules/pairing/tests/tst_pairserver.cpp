@@ -24,7 +24,10 @@ private slots:
 
     void announcesItsPorts();
     void runsWithoutPairingWhenThePortIsTaken();
+    void listsButDoesNotTransferWhenTheSecondPortIsTaken();
     void defaultPlaceIsThePrivateNetwork();
+    void slotsDoNothingWithoutAClient();
+    void nobodyIsPairedWithoutANumber();
     void listsTheApplications();
     void listOfAMissingFolderIsEmpty();
     void listIsReadAnewForEachRequest();
@@ -98,6 +101,21 @@ void TestPairServer::runsWithoutPairingWhenThePortIsTaken()
                                                         "is already in use\"")});
 }
 
+void TestPairServer::listsButDoesNotTransferWhenTheSecondPortIsTaken()
+{
+    const PairServerPlace taken{QStringLiteral("127.0.0.1"), 0, m_server->fileTransferPort(), std::chrono::seconds(1)};
+
+    const PairServer second(m_unit->configuration.get(), &m_unit->tags, taken, nullptr);
+    ToolConnection tool(second.requestPort());
+    QTRY_VERIFY(tool.isUp());
+    tool.send(getAppListRequest());
+
+    QTRY_VERIFY(isList(tool.received()));
+    QCOMPARE(second.fileTransferPort(), quint16(0));
+    QCOMPARE(m_log->lines(QtWarningMsg), QStringList{QStringLiteral("pairserver: Unable to start file transfer server: "
+                                                                    "\"The bound address is already in use\"")});
+}
+
 void TestPairServer::defaultPlaceIsThePrivateNetwork()
 {
     const PairServerPlace place;
@@ -105,6 +123,33 @@ void TestPairServer::defaultPlaceIsThePrivateNetwork()
     QCOMPARE(place.address, QStringLiteral("192.168.32.1"));
     QCOMPARE(place.requestPort, quint16(9123));
     QCOMPARE(place.fileTransferPort, quint16(9124));
+}
+
+void TestPairServer::slotsDoNothingWithoutAClient()
+{
+    const std::unique_ptr<PairServer> server = m_unit->newServer();
+
+    server->newClientConnection();
+    server->readData();
+    server->sendListOfApps();
+    server->sendApp(m_unit->path("ruapp"));
+    m_unit->write("ruapp.tar", "abc");
+    server->sendAppArchiveReady(QStringLiteral("ruapp"), m_unit->path("ruapp.tar"));
+
+    QVERIFY(m_log->lines().filter(QStringLiteral("Start creating")).isEmpty());
+    QVERIFY(!QFile::exists(m_unit->path("ruapp.tar")));
+    QCOMPARE(keyLine(RemoteUnit), QByteArray());
+}
+
+void TestPairServer::nobodyIsPairedWithoutANumber()
+{
+    const QByteArray keysBefore = applicationKeys();
+
+    m_server->sendApp(m_unit->path("ruapp")); // nobody has asked for anything yet
+
+    QVERIFY(m_log->contains(QStringLiteral("PairServer: invalid ruId: 0")));
+    QCOMPARE(applicationKeys(), keysBefore);
+    QVERIFY(m_log->lines().filter(QStringLiteral("Start creating")).isEmpty());
 }
 
 void TestPairServer::listsTheApplications()
