@@ -25,6 +25,8 @@ InternalLink::~InternalLink()
 
 void InternalLink::start(const char* name)
 {
+    // Called once, by the constructor; a child is freed with its parent in any case.
+    // cppcheck-suppress publicAllocationError
     serialPort = new SerialPort(this);
     serialPort->setPort(name);
     connect(serialPort, &SerialPort::readyRead, this, &InternalLink::readyRead);
