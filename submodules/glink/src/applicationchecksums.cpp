@@ -138,11 +138,11 @@ private:
 
 std::shared_ptr<Job> Workshop::order(const QString& root)
 {
-    const std::shared_ptr<Job> latest = std::atomic_load(&m_latest);
+    std::shared_ptr<Job> latest = std::atomic_load(&m_latest);
     if (latest && latest->root == root && !latest->begun) {
         return latest;
     }
-    const auto job = std::make_shared<Job>(root);
+    auto job = std::make_shared<Job>(root);
     std::atomic_store(&m_latest, job);
     m_pool.start([this, job] { serve(*job); });
     return job;
