@@ -5,6 +5,8 @@
 
 #include <QtTest>
 
+#include <utility>
+
 class TestGLinkTransportFallback : public QObject
 {
     Q_OBJECT
@@ -67,12 +69,7 @@ public:
     }
 
     /// What was said since the last call.
-    QStringList events()
-    {
-        const QStringList all = m_events;
-        m_events.clear();
-        return all;
-    }
+    QStringList events() { return std::exchange(m_events, QStringList()); }
 
     GLinkTransportFallback link{nullptr, nullptr, nullptr};
 
