@@ -108,10 +108,11 @@ def latency(results: Results) -> str:
 
 def upkeep(results: Results) -> str:
     rows = [(f"{result['kind']}, {result['units']} unit{'s' if result['units'] > 1 else ''}",
-             f"{result['cpu_percent']:.2f} %", f"{result['wakeups_per_second']:.0f}",
+             f"{result['cpu_percent']:.2f} %",
+             f"up to {result['cpu_percent_highest']:.2f} %", f"{result['wakeups_per_second']:.0f}",
              f"{result['resident_kib'] / 1024:.1f} MiB", result["threads"])
             for kind in ("idle", "nominal") for result in results.kind(kind)]
-    return markdown(("installation", "CPU of a core", "wake-ups per second", "resident", "threads"), rows)
+    return markdown(("installation", "CPU of a core", "CPU of windows", "wake-ups per second", "resident", "threads"), rows)
 
 
 def start_up(results: Results) -> str:

@@ -49,12 +49,17 @@ int main(int argc, char* argv[])
     if (numbers.count("--realtime") == 1) {
         bench::runAheadOfOthers();
     }
-    bench::measureStartUp(options);
+    // A part that is not wanted has no repetitions.
+    if (options.starts > 0) {
+        bench::measureStartUp(options);
+    }
     for (int round = 0; round < options.rounds; ++round) {
         bench::measureLatency(options, bench::Side::Server, round);
         bench::measureLatency(options, bench::Side::Floor, round);
     }
-    bench::measureIdle(options);
-    bench::measureNominal(options);
+    if (options.watchTime > 0) {
+        bench::measureIdle(options);
+        bench::measureNominal(options);
+    }
     return 0;
 }
