@@ -1,5 +1,6 @@
 // Single steps of the server, repeated until the clock can tell: CRC, byte stuffing, GLink frames, process images.
 
+#include "apiserver.h"
 #include "crc_std32.h"
 #include "frame_layer.h"
 #include "glinkheader.h"
@@ -168,6 +169,24 @@ void imageAllChanged(benchmark::State& state)
     }
 }
 BENCHMARK(imageAllChanged)->Arg(500);
+
+/// What a change of one status value costs the API: the object with all of them, behind so many other tags.
+void statusObject(benchmark::State& state)
+{
+    Tags tags(static_cast<int>(state.range(0)));
+    for (const char* const name :
+         {"bu_identity", "bu_state", "tsaps", "unarmed_rus", "eglink_stat_out", "eclink_status", "clink_status",
+          "armed_ru", "ru_state", "BCSR", "BUID", "IFTY", "IVL1", "IVL2", "IVL3"}) {
+        auto* const tag = new Tag(QString::fromLatin1(name), &tags.database);
+        tag->setValue(QVariant(1001U));
+        tags.database.append(tag);
+    }
+    APIServer server(&tags.database, nullptr);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(server.getData());
+    }
+}
+BENCHMARK(statusObject)->Arg(50)->Arg(500);
 
 void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
 
