@@ -17,6 +17,9 @@ void Database::append(Data* record)
         qWarning() << "Database tag" << name << "exists, not appended";
         return;
     }
+    if (!m_firstOfName.contains(name)) {
+        m_firstOfName.insert(name, data.size());
+    }
     data.append(record);
     tags.append(name);
     recordAppended(record);
@@ -25,8 +28,8 @@ void Database::append(Data* record)
 
 Data* Database::get(QString name) const
 {
-    const int index = tags.indexOf(name);
-    return index < 0 ? nullptr : data.at(index);
+    const auto found = m_firstOfName.constFind(name);
+    return found == m_firstOfName.cend() ? nullptr : data.at(*found);
 }
 
 Data* Database::at(int index) const
@@ -55,6 +58,7 @@ void Database::clear()
     }
     data.clear();
     tags.clear();
+    m_firstOfName.clear();
     recordsCleared();
     emit databaseUpdated();
 }

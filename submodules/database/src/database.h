@@ -2,6 +2,7 @@
 
 #include "data.h"
 
+#include <QHash>
 #include <QObject>
 #include <QString>
 #include <QVector>
@@ -34,7 +35,7 @@ public:
     /// are not allowed, is refused with a warning and left to its parent.
     void append(Data* record);
 
-    /// @return the first record of that name, null when there is none. Linear in the number of records.
+    /// @return the first record of that name, null when there is none. The time does not grow with their number.
     Data* get(QString name) const;
     /// @return the record at `index` in the order of insertion; null, with a warning, outside 0 .. size() - 1.
     Data* at(int index) const;
@@ -62,5 +63,6 @@ protected:
 
 private:
     QVector<Data*> data;
-    QVector<QString> tags; ///< record names, each at the index of its record
+    QVector<QString> tags;             ///< record names, each at the index of its record
+    QHash<QString, int> m_firstOfName; ///< name -> index of the first record that has it
 };
