@@ -31,6 +31,12 @@ PairArchive::~PairArchive()
         return;
     }
     tarProcess->disconnect(this);
+    if (tarProcess->processId() <= 0) {
+        // The system refused the process, which Qt takes for number -1, and -1 to kill means all processes. There is
+        // nothing to end; the object is left alone, as its own destructor would do the same.
+        tarProcess->setParent(nullptr);
+        return;
+    }
     tarProcess->kill();
     tarProcess->waitForFinished(KillWaitMs);
     if (currentProcess == CREATE) {
