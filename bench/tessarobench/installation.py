@@ -5,11 +5,11 @@ from __future__ import annotations
 import socket
 from functools import cached_property
 from pathlib import Path
-from typing import Any, Optional
+from typing import Any
 
 from .apiclient import REQUEST_PORT, ApiClient
 from .basecontroller import BaseController
-from .board import EXAMPLES, Board
+from .board import Board
 from .csvfile import Table
 from .fallbackrelay import FallbackRelay
 from .glink import application_checksum
@@ -33,15 +33,12 @@ LISTENING = "GLinkServer listening to address"
 CONFIG_VALUES = {"BCSR": 30201, "BUID": 400, "IFTY": 2, "IVL1": 1500, "IVL2": 70000, "IVL3": -5}
 
 
-class Installation(Board):
-    """A board whose peers come into being when they are first used, and end with it.
+class Peers:
+    """What makes an installation of any kind of board: peers that come into being when they are first used, and end with
+    the board.
 
     Change the files under `applications` before `start`; `table` and `change` help with that.
     """
-
-    def __init__(self, server: Optional[Path], installation: Path = EXAMPLES, **options: Any):
-        super().__init__(server, installation, **options)
-        self._units: dict[int, RemoteUnit] = {}
 
     # --- files -----------------------------------------------------------------------------------------------------
 
@@ -100,6 +97,10 @@ class Installation(Board):
         """The base controller's relay to remote units."""
         return FallbackRelay(self.loop, self.journal, self.bc)
 
+    @cached_property
+    def _units(self) -> dict[int, RemoteUnit]:
+        return {}
+
     def unit(self, unit_id: int = 1001) -> RemoteUnit:
         """The remote unit with this number, the same one every time; it carries the installed application."""
         if unit_id not in self._units:
@@ -130,12 +131,12 @@ class Installation(Board):
 
     # --- the way to normal operation -------------------------------------------------------------------------------
 
-    def start(self, **options: Any) -> "Installation":
+    def start(self, **options: Any) -> "Peers":
         """Starts the server with nobody at the other ends yet."""
         self.server.start(**options)
         return self
 
-    def start_to_run(self, timeout: float = 5.0) -> "Installation":
+    def start_to_run(self, timeout: float = 5.0) -> "Peers":
         """Starts the server beside a willing base controller and a local tool, and waits until the API listens, the
         internal link is in RUN and the configuration pass is through."""
         controller, _ = self.bc, self.api
@@ -147,9 +148,13 @@ class Installation(Board):
         self.wait_for(lambda: controller.received["ask"] >= keys, timeout, "the whole configuration pass")
         return self
 
-    def start_to_serve(self, timeout: float = 5.0, **image: Any) -> "Installation":
+    def start_to_serve(self, timeout: float = 5.0, **image: Any) -> "Peers":
         """The same, and further until remote units are served; `image` are more fields of the process image."""
         self.start_to_run(timeout)
         self.bc.set(bu_identity=IDENTITY, **image)
         self.server.wait_log(LISTENING, timeout)
         return self
+
+
+class Installation(Peers, Board):
+    """A board in namespaces together with its peers."""

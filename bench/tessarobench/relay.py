@@ -35,18 +35,21 @@ class Relay:
     """
 
     def __init__(self, loop: Loop, journal: Journal, directory: Path, delay: float = 0.008):
-        self._loop, self._journal, self._directory = loop, journal, directory
-        self.delay = delay
-        self.welded = self.dead_coil = False
-        self.driven = "0"
-        self.closed = False
-        self._monitor_held: Optional[str] = None
+        self._prepare(loop, journal, delay)
         self._drive = directory / f"gpio{DRIVE_LINE}" / "value"
         self._monitor = directory / f"gpio{MONITOR_LINE}" / "value"
         self._inotify = _libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
         if _libc.inotify_add_watch(self._inotify, os.fsencode(self._drive), _IN_MODIFY | _IN_CLOSE_WRITE) < 0:
             raise OSError(ctypes.get_errno(), "inotify cannot watch the drive line")
         loop.call(loop.watch, self._inotify, self._drive_written)
+
+    def _prepare(self, loop: Loop, journal: Journal, delay: float) -> None:
+        """An open relay, whatever stands for its two lines."""
+        self._loop, self._journal, self.delay = loop, journal, delay
+        self.welded = self.dead_coil = False
+        self.driven = "0"
+        self.closed = False
+        self._monitor_held: Optional[str] = None
 
     def hold_monitor(self, text: Optional[str]) -> None:
         """Lets the monitor line read `text` whatever the contact does; None lets it follow the contact again."""
@@ -67,7 +70,9 @@ class Relay:
 
     def _drive_written(self) -> None:
         os.read(self._inotify, 4096)
-        text = self._read_drive()
+        self._drive_changed(self._read_drive())
+
+    def _drive_changed(self, text: str) -> None:
         if text in ("0", "1") and text != self.driven:  # in between, a file being rewritten may be empty
             self.driven = text
             self._journal.add(LINK, FROM_BASE_UNIT, "drive", value=text)
@@ -91,7 +96,10 @@ class Relay:
 
     def _show_contact(self) -> None:
         held = self._monitor_held
-        self._write(self._monitor, held if held is not None else "0\n" if self.closed else "1\n")
+        self._show_monitor(held if held is not None else "0\n" if self.closed else "1\n")
+
+    def _show_monitor(self, text: str) -> None:
+        self._write(self._monitor, text)
 
     @staticmethod
     def _write(path: Path, text: str) -> None:

@@ -60,7 +60,7 @@ class SerialLine:
         except BlockingIOError:
             return
         except OSError as error:
-            if error.errno != errno.EIO:
+            if error.errno not in (errno.EIO, errno.ECONNRESET):
                 raise
             data = b""
         if data:
