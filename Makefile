@@ -3,9 +3,11 @@
 BUILD      ?= build
 BUILD_TYPE ?= RelWithDebInfo
 PYTHON     := /usr/bin/python3
+ARCH       ?= armhf
 
 .DEFAULT_GOAL := help
 .PHONY: help build run test unit-test tool-test system-test sanitize fuzz coverage bench format lint clean
+.PHONY: cross cross-build board
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
@@ -52,6 +54,18 @@ bench: ## measure latency, CPU time, start-up and single steps (OPTIONS="--quick
 	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DTESSARO_TESTS=OFF -DTESSARO_BENCHMARKS=ON >/dev/null
 	@cmake --build build-release
 	@benchmark/run $(OPTIONS)
+
+cross: cross-build ## build Release for the board (ARCH=armhf or arm64) and run its unit tests emulated
+	@scripts/cross-test build-$(ARCH)
+
+cross-build:
+	@scripts/ensure-packages build cross cross-$(ARCH)
+	@scripts/cross-sysroot $(ARCH) >/dev/null
+	@cmake --preset $(ARCH) --log-level=WARNING
+	@cmake --build build-$(ARCH)
+
+board: ## the program for the board on the emulated board, with the peers at its real devices
+	@scripts/board build-armhf
 
 format: ## rewrite the C++ sources in the house style
 	@scripts/ensure-packages lint

@@ -40,6 +40,13 @@ QByteArray readAll(int fd)
     return all;
 }
 
+// Under user emulation the emulator itself adds a line to the log of a process that aborts.
+QString withoutEmulatorsRemark(const QString& log)
+{
+    const int remark = log.indexOf(QLatin1String("qemu: uncaught target signal"));
+    return remark < 0 ? log : log.left(remark);
+}
+
 } // namespace
 
 FatalOutcome outcomeOf(const std::function<void()>& action)
@@ -56,7 +63,7 @@ FatalOutcome outcomeOf(const std::function<void()>& action)
         runChild(pipeEnds[1], action);
     }
     close(pipeEnds[1]);
-    outcome.log = QString::fromUtf8(readAll(pipeEnds[0]));
+    outcome.log = withoutEmulatorsRemark(QString::fromUtf8(readAll(pipeEnds[0])));
     close(pipeEnds[0]);
 
     int status = 0;
