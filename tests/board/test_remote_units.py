@@ -1,0 +1,82 @@
+"""Remote units on the private network of the emulated board, and the server's appetite while it serves them."""
+
+import re
+
+import pytest
+
+from tessarobench import glink
+
+SECONDS = 30
+IMAGE_PERIOD, SET_PERIOD, COMMAND_PERIOD = 0.1, 0.1, 0.25
+MEASURED_SECONDS = 10
+
+
+def commands(bench):
+    """What reached the base controller as commands; a packet that the base unit repeated counts once."""
+    return [event.payload for event in bench.journal.select("uart", "<", "command") if "again" not in event.detail]
+
+
+@pytest.fixture
+def serving(bench):
+    """Remote units are served."""
+    return bench.start_to_serve(SECONDS)
+
+
+def test_units_join_and_get_the_status(serving):
+    for number in (1001, 1002):
+        unit = serving.unit(number).join().wait_joined(SECONDS)
+        assert unit.verdict == (glink.ACCEPTED, "")
+        serving.wait_for(lambda: unit.base_status, SECONDS)
+
+
+def test_every_byte_value_crosses_the_uart_in_both_directions(serving):
+    """In canonical mode the line discipline must neither edit nor swallow a byte."""
+    unit = serving.unit(1001).join().wait_joined(SECONDS)
+    sent = [bytes(range(first, first + 16)) for first in range(0, 256, 16)]
+    for payload in sent:
+        unit.command(payload)
+    serving.wait_for(lambda: len(commands(serving)) >= len(sent), SECONDS)
+    assert commands(serving) == sent
+    every = bytes(range(256))[:200]
+    for payload in (every, bytes(range(56, 256))):
+        serving.bc.periodic(payload)
+        serving.wait_for(lambda: any(received.endswith(payload) for received in unit.payloads(glink.PERIODIC_DATA)), SECONDS)
+
+
+def test_a_unit_returns_after_the_cable_was_out(serving):
+    threads = serving.server.usage().threads
+    unit = serving.unit(1001).join().wait_joined(SECONDS)
+    serving.wlan0.unplug()
+    unit.lose_network()
+    serving.server.wait_threads(threads, SECONDS)  # the connection was given up, and its thread with it
+    serving.wlan0.plug()
+    serving.wlan0.wait_carrier(SECONDS)
+    unit.join()
+    serving.wait_for(lambda: unit.joins == 2, SECONDS)
+
+
+def test_what_it_takes_under_nominal_load(serving, record_figures):
+    """The bounds tell a server that went mad from a healthy one on an emulated processor; they are no promises."""
+    server = serving.server
+    begun, in_run = (milliseconds(next(line.stamp for line in server.log if line.text.startswith(text)))
+                     for text in ("Starting", "RUN"))
+    serving.mc.cycle(bytes(32), SET_PERIOD)
+    for number in (1001, 1002):
+        serving.unit(number).join().wait_joined(SECONDS).command_every(COMMAND_PERIOD)
+    serving.bc.send_every(IMAGE_PERIOD, lambda: (101, bytes(serving.bc.image)))
+    before, began = server.usage(), serving.journal.now
+    serving.wait_for(lambda: serving.journal.now - began >= MEASURED_SECONDS, MEASURED_SECONDS + 5, poll=0.1)
+    after, took = server.usage(), serving.journal.now - began
+    share = 100 * (after.cpu_seconds - before.cpu_seconds) / took
+    record_figures(f"banner to RUN {in_run - begun} ms; resident {after.resident_bytes / 2**20:.1f} MiB; "
+                   f"CPU {share:.1f} %; {after.threads} threads; {after.descriptors} descriptors; "
+                   f"{(after.wakeups - before.wakeups) / took:.0f} wake-ups/s")
+    assert in_run - begun < 20_000
+    assert after.resident_bytes < 64 * 2**20
+    assert share < 80
+    assert all(unit.joined for unit in serving.units)
+
+
+def milliseconds(stamp):
+    hours, minutes, seconds, thousandths = map(int, re.findall(r"\d+", stamp)[1:])
+    return ((hours * 60 + minutes) * 60 + seconds) * 1000 + thousandths
