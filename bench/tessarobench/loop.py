@@ -33,7 +33,8 @@ class Timer:
 
 def _hurry() -> None:
     """Peers answer as promptly as hardware does, also on a machine that is busy building: where we may, the thread
-    weighs more than ordinary ones. (A base controller that is 150 ms late is a lost link.)"""
+    weighs more than ordinary ones. (A base controller that is 150 ms late is a lost link.) This thread alone: with the
+    whole bench ahead, the kernel's own threads, which carry the bytes of a pseudo terminal, come too late."""
     try:
         os.setpriority(os.PRIO_PROCESS, threading.get_native_id(), -15)
     except PermissionError:

@@ -20,7 +20,6 @@ CLONE_NEWNS, CLONE_NEWUSER, CLONE_NEWPID, CLONE_NEWNET = 0x00020000, 0x10000000,
 MS_BIND, MS_MOVE, MS_REC, MS_PRIVATE = 0x1000, 0x2000, 0x4000, 0x40000
 MS_NOSUID, MS_NODEV, MS_NOEXEC = 0x2, 0x4, 0x8
 _PR_SET_PDEATHSIG = 1
-NICENESS = -10
 _SANDBOX_MARK = "TESSARO_SANDBOX"
 _PASSED_ON, _FROM_TERMINAL = [signal.SIGTERM, signal.SIGHUP], [signal.SIGINT, signal.SIGQUIT]
 
@@ -60,7 +59,6 @@ def enter_sandbox(command: list[str]) -> int:
     the world is also a user namespace in which that user looks like root. Raises Refused where the kernel says no.
     """
     _unshare_or_explain()
-    _ask_for_priority()
     first = _fork_and_pass_signals_on(lambda: _first_process(command))
     return _status_of(os.waitpid(first, 0)[1])
 
@@ -86,14 +84,6 @@ def _fork_and_pass_signals_on(child: Callable[[], int]) -> int:
 def _pass_on(pid: int, number: int) -> None:
     with contextlib.suppress(ProcessLookupError):  # it is ending anyway
         os.kill(pid, number)
-
-
-def _ask_for_priority() -> None:
-    """A base unit has its board for itself. Here it shares the computer, and its peers wait milliseconds for answers."""
-    try:
-        os.setpriority(os.PRIO_PROCESS, 0, NICENESS)
-    except PermissionError:
-        pass  # as an ordinary user everything waits its turn
 
 
 def _unshare_or_explain() -> None:

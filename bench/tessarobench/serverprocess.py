@@ -184,8 +184,8 @@ class ServerProcess:
             try:
                 with open(f"/proc/{self.pid}/task/{task}/status", encoding="ascii") as file:
                     total += sum(int(line.split()[1]) for line in file if line.startswith("voluntary_ctxt_switches"))
-            except FileNotFoundError:
-                continue
+            except (FileNotFoundError, ProcessLookupError):
+                continue  # a thread that has just ended
         return total
 
     # --- inside ----------------------------------------------------------------------------------------------------
