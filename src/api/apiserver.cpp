@@ -18,6 +18,8 @@ namespace {
 constexpr quint16 DefaultInPort = 6250;
 constexpr quint16 DefaultOutPort = 6251;
 
+constexpr int UsualStatusSize = 320;
+
 constexpr char Topic[] = "APIServer:";
 
 struct StatusMember
@@ -76,6 +78,13 @@ QString loggedText(const QByteArray& datagram)
     return QString::fromLatin1(datagram.constData(), static_cast<int>(qstrnlen(datagram.constData(), datagram.size())));
 }
 
+/// One member as it stands in a compact JSON object.
+QByteArray jsonMember(const QString& key, const QString& text)
+{
+    const QByteArray object = QJsonDocument(QJsonObject{{key, text}}).toJson(QJsonDocument::Compact);
+    return object.mid(1, object.size() - 2);
+}
+
 } // namespace
 
 APIServer::APIServer(TagDatabase* tagDatabase, QObject* parent)
@@ -89,6 +98,7 @@ APIServer::APIServer(TagDatabase* tagDatabase, quint16 inPort, quint16 outPort, 
     , tags(tagDatabase)
 {
     watchStatusTags();
+    prepareMembers();
 }
 
 void APIServer::watchStatusTags()
@@ -106,14 +116,36 @@ void APIServer::watchStatusTags()
     }
 }
 
+void APIServer::prepareMembers()
+{
+    for (const StatusMember& member : StatusMembers) {
+        const QString text = textOf(member.tagName);
+        m_members.push_back({member.key, member.tagName, text, jsonMember(member.key, text)});
+    }
+    std::sort(m_members.begin(), m_members.end(),
+              [](const WrittenMember& one, const WrittenMember& other) { return one.key < other.key; });
+}
+
+QString APIServer::textOf(const QString& tagName) const
+{
+    const Tag* const tag = tags->get(tagName);
+    return tag != nullptr ? tag->getValue().toString() : QString();
+}
+
 QByteArray APIServer::getData()
 {
-    QJsonObject status;
-    for (const StatusMember& member : StatusMembers) {
-        const Tag* const tag = tags->get(member.tagName);
-        status.insert(member.key, tag != nullptr ? tag->getValue().toString() : QString());
+    QByteArray status("{");
+    status.reserve(UsualStatusSize);
+    for (WrittenMember& member : m_members) {
+        const QString text = textOf(member.tagName);
+        if (text != member.text) {
+            member.text = text;
+            member.json = jsonMember(member.key, text);
+        }
+        status.append(member.json).append(',');
     }
-    return QJsonDocument(status).toJson(QJsonDocument::Compact);
+    status.back() = '}';
+    return status;
 }
 
 void APIServer::sendNotify()

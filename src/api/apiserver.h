@@ -2,7 +2,10 @@
 
 #include <QByteArray>
 #include <QObject>
+#include <QString>
 #include <QVariant>
+
+#include <vector>
 
 class QUdpSocket;
 class TagDatabase;
@@ -26,7 +29,7 @@ public:
     /// The same on other ports of the loopback address; an `inPort` of 0 lets the system choose.
     APIServer(TagDatabase* tags, quint16 inPort, quint16 outPort, QObject* parent);
 
-    /// @return the status object, serialised.
+    /// @return the status object, serialised. Only members that changed since the last time are written anew.
     QByteArray getData();
     void sendNotify();
     /// Acts on one datagram, answer included.
@@ -47,9 +50,21 @@ signals:
     void configChangeMsgReceived();
 
 private:
+    /// A member of the status object as it was last written.
+    struct WrittenMember
+    {
+        QString key;
+        QString tagName;
+        QString text;    ///< the value as text
+        QByteArray json; ///< "key":"text"
+    };
+
     void watchStatusTags();
+    void prepareMembers();
+    QString textOf(const QString& tagName) const;
     void send(const QByteArray& datagram);
 
     QUdpSocket* socket = nullptr;
     TagDatabase* tags;
+    std::vector<WrittenMember> m_members; ///< in the order of their keys, as JSON objects of Qt have them
 };

@@ -67,6 +67,7 @@ private slots:
     void statusHoldsAllMembers();
     void valuesBecomeTexts_data();
     void valuesBecomeTexts();
+    void everyStatusHoldsTheValuesOfItsTime();
     void missingTagsAreNamedOnceAndEmpty();
     void nothingMissingNoWarning();
 
@@ -186,6 +187,23 @@ void TestApiServer::valuesBecomeTexts()
     APIServer server(m_tags.get(), nullptr);
     const QByteArray member = QByteArray("\"IFTY\":\"").append(text).append("\",");
     QVERIFY2(server.getData().contains(member), server.getData().constData());
+}
+
+void TestApiServer::everyStatusHoldsTheValuesOfItsTime()
+{
+    addAllTags();
+    APIServer server(m_tags.get(), nullptr);
+    const QByteArray before = server.getData();
+    m_tags->get("BUID")->setValue(QVariant("a;\"b"));
+    m_tags->get("unarmed_rus")->setValue(QVariant(12));
+    const QByteArray changed = server.getData();
+    QVERIFY2(changed.contains(R"(,"BUID":"a;\"b",)"), changed.constData());
+    QVERIFY2(changed.endsWith(R"(,"UNARMED_RUs":"12"})"), changed.constData());
+    QCOMPARE(server.getData(), changed);
+
+    m_tags->get("BUID")->setValue(QVariant(0));
+    m_tags->get("unarmed_rus")->setValue(QVariant(0));
+    QCOMPARE(server.getData(), before);
 }
 
 void TestApiServer::missingTagsAreNamedOnceAndEmpty()
