@@ -50,7 +50,12 @@ class MachineController:
     def join(self) -> None:
         """Enters the group on its interface; once more after that interface was made anew."""
         host = socket.inet_aton(self._host)
-        self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, socket.inet_aton(self._group) + host)
+        member = socket.inet_aton(self._group) + host
+        try:  # a membership on an interface that is gone counts against the socket's limit until it is dropped
+            self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_DROP_MEMBERSHIP, member)
+        except OSError:
+            pass  # there was none
+        self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, member)
         self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, host)
 
     def close(self) -> None:

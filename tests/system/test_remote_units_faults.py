@@ -9,7 +9,7 @@ import pytest
 from tessarobench import glink
 from tessarobench.installation import APP, UNIT_APPLICATION
 from tessarobench.unitsession import ALWAYS, NONE
-from units_support import commands, pair_more, wait_commands
+from units_support import commands, pair_more, settled, wait_commands
 
 BEAT = 0.5  # seconds between two base status messages
 
@@ -287,18 +287,6 @@ def test_thirty_two_units_at_once(bench):
 
 
 # --- wear --------------------------------------------------------------------------------------------------------------
-
-def settled(bench, wanted, timeout=6.0):
-    """The figures of the server when they are as wanted, and threads and descriptors have stood for half a second."""
-    history = []
-
-    def steady():
-        history.append(bench.server.usage())
-        return len({usage[2:4] for usage in history[-6:]}) == 1 and len(history) >= 6 and wanted(history[-1])
-
-    bench.wait_for(steady, timeout, "threads and descriptors back where they were", poll=0.1)
-    return history[-1]
-
 
 ENDS = ("close", "reset", "superseded", "out of reach", "corrupt frame")
 

@@ -26,3 +26,15 @@ def pair_more(bench, count):
     bench.pair_units(count)
     bench.api.send(b"CCHANGE")
     bench.wait_for(lambda: bench.journal.last(link="uart", kind="event", event="RECONFIG", since=since))
+
+
+def settled(bench, wanted, timeout=6.0):
+    """The figures of the server when they are as wanted, and threads and descriptors have stood for half a second."""
+    history = []
+
+    def steady():
+        history.append(bench.server.usage())
+        return len({usage[2:4] for usage in history[-6:]}) == 1 and len(history) >= 6 and wanted(history[-1])
+
+    bench.wait_for(steady, timeout, "threads and descriptors back where they were", poll=0.1)
+    return history[-1]
