@@ -6,7 +6,7 @@ PYTHON     := /usr/bin/python3
 ARCH       ?= armhf
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test sanitize fuzz coverage bench format lint clean
+.PHONY: help build run test unit-test tool-test system-test soak sanitize fuzz coverage bench format lint clean
 .PHONY: cross cross-build board
 
 help: ## list the targets
@@ -30,9 +30,15 @@ tool-test: ## the tools for installers and operators
 	@scripts/ensure-packages test
 	@$(PYTHON) -m pytest -p no:cacheprovider -q -n 2 tests/tools
 
-system-test: build ## the real binary on the simulated installation
+system-test: build ## the real binary on the simulated installation, and two minutes of soak beside it
 	@scripts/ensure-packages test
-	@bench/sandbox $(PYTHON) -m pytest -p no:cacheprovider -q -n 4 tests/system --server $(BUILD)/tessaroserver
+	@bench/soak --minutes 2 --server $(BUILD)/tessaroserver >$(BUILD)/soak.log 2>&1 & soak=$$!; \
+	bench/sandbox $(PYTHON) -m pytest -p no:cacheprovider -q -n 4 tests/system --server $(BUILD)/tessaroserver; tests=$$?; \
+	wait $$soak; soaked=$$?; cat $(BUILD)/soak.log; [ $$tests = 0 ] && [ $$soaked = 0 ]
+
+soak: build ## all peers at ten times the nominal pace with seeded faults for MINUTES (10); SEED (1)
+	@scripts/ensure-packages run
+	@bench/soak --minutes $(or $(MINUTES),10) --seed $(or $(SEED),1) --server $(BUILD)/tessaroserver
 
 sanitize: ## unit and system tests under address and undefined-behaviour sanitizers
 	@scripts/ensure-packages build test

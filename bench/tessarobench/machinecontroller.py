@@ -7,7 +7,7 @@ wrongly, twice, damaged or not at all. It knows a UDP socket, an event loop and 
 from __future__ import annotations
 
 import socket
-from typing import Iterable, Optional
+from typing import Callable, Iterable, Optional
 
 from . import eglink
 from .eglink import GROUP, PORT, Packet
@@ -27,6 +27,7 @@ class MachineController:
     `acknowledges` whether it answers the base unit's commands; `wrong_by` is added to the id that it acknowledges
     `acks`         what happens to its acknowledgements before `to_base_unit`, which all its packets pass
     `commands`     the base unit's commands, each once, in the order of their first arrival
+    `taps`         called on the loop's thread with every datagram as it goes onto the network
     `periodic`     the newest periodic data of the base unit, None before the first
     """
 
@@ -37,6 +38,7 @@ class MachineController:
         self.acknowledges, self.wrong_by = True, 0
         self.acks, self.to_base_unit = Impairment(loop), Impairment(loop, reorder=True)
         self.commands: list[bytes] = []
+        self.taps: list[Callable[[bytes], None]] = []
         self.periodic: Optional[bytes] = None
         self._serial = self._next_command = 0
         self._last_command: Optional[tuple[int, int]] = None
@@ -50,13 +52,14 @@ class MachineController:
     def join(self) -> None:
         """Enters the group on its interface; once more after that interface was made anew."""
         host = socket.inet_aton(self._host)
-        member = socket.inet_aton(self._group) + host
-        try:  # a membership on an interface that is gone counts against the socket's limit until it is dropped
-            self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_DROP_MEMBERSHIP, member)
-        except OSError:
-            pass  # there was none
-        self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, member)
+        self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, socket.inet_aton(self._group) + host)
         self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, host)
+
+    def leave(self) -> None:
+        """Gives up its place in the group, while the interface is gone: until then it counts against the twenty places
+        that the kernel grants a socket."""
+        self._udp.setsockopt(socket.IPPROTO_IP, socket.IP_DROP_MEMBERSHIP,
+                             socket.inet_aton(self._group) + socket.inet_aton(self._host))
 
     def close(self) -> None:
         self._loop.call(self._end_cycle)
@@ -151,6 +154,8 @@ class MachineController:
     def _transmit(self, datagram: bytes) -> None:
         try:
             self._udp.sendto(datagram, (self._group, self._port + eglink.BASE_UNIT_PORT_OFFSET))
+            for tap in self.taps:
+                tap(datagram)
         except OSError as error:  # the cable is out, or the interface is gone
             self._journal.add(self.link, BENCH, "unsent", text=error.strerror)
 

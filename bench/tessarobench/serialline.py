@@ -6,6 +6,7 @@ import errno
 import os
 from typing import Callable
 
+from .journal import FROM_BASE_UNIT, TO_BASE_UNIT
 from .loop import Loop
 
 # A UART has no memory: what a receiver leaves standing for longer than this many bytes is lost.
@@ -16,13 +17,15 @@ class SerialLine:
     """Reads all that comes, always, and writes without ever blocking the loop. Owns the descriptor.
 
     `received` is called on the loop's thread with every chunk. Written bytes wait in order until the line takes them;
-    `lost` counts those that were given up because the other side did not read.
+    `lost` counts those that were given up because the other side did not read. `taps` are called, on the loop's thread,
+    with every chunk that is written (TO_BASE_UNIT) or read (FROM_BASE_UNIT), as it is on the line.
     """
 
     def __init__(self, loop: Loop, fd: int, received: Callable[[bytes], None]):
         self._loop, self._fd, self._received = loop, fd, received
         self._pending = bytearray()
         self.lost = 0
+        self.taps: list[Callable[[str, bytes], None]] = []
         os.set_blocking(fd, False)
         loop.call(self._watch)
 
@@ -33,6 +36,7 @@ class SerialLine:
         if len(self._pending) + len(data) > OVERRUN_BYTES:
             self.lost += len(data)
             return
+        self._tap(TO_BASE_UNIT, data)
         self._pending += data
         self._flush()
 
@@ -64,6 +68,7 @@ class SerialLine:
                 raise
             data = b""
         if data:
+            self._tap(FROM_BASE_UNIT, data)
             self._received(data)
         else:
             self._loop.watch(self._fd)  # the other side hung up for good
@@ -76,3 +81,7 @@ class SerialLine:
                 break
             del self._pending[:written]
         self._watch()
+
+    def _tap(self, direction: str, data: bytes) -> None:
+        for tap in self.taps:
+            tap(direction, data)

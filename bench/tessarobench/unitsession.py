@@ -290,6 +290,7 @@ class UnitSession:
     def _tick(self) -> None:
         if not self.connected:
             return
+        self._give_up_on_fallback()
         silence = time.monotonic() - self._heard
         if self.patience is not None and silence > self.patience:
             self._note("gives a silent connection up")
@@ -298,6 +299,13 @@ class UnitSession:
             self._ended(path, "silent")
         elif self.heartbeats == ALWAYS or (self.heartbeats == WHEN_IDLE and silence >= HEARTBEAT_SECONDS):
             self._send_heartbeat()
+
+    def _give_up_on_fallback(self) -> None:
+        """Back on TCP, it does not wait for ever for an acknowledgement that the relay has lost."""
+        if self._in_flight and self._active is self._tcp and self._in_flight[1] is self._fallback \
+                and self._journal.now - self._in_flight[0].sent_at > PATIENCE_SECONDS:
+            self._give_up_in_flight()
+            self._send_next()
 
     def _send_heartbeat(self) -> None:
         if not self._heartbeat_out or self.heartbeats == ALWAYS:
