@@ -62,6 +62,7 @@ class Plant:
         for impairment in (bench.bc.to_base_unit, bench.bc.from_base_unit, bench.mc.to_base_unit, bench.mc.acks,
                            *(unit.from_base_unit for unit in self.units)):
             impairment.clear()
+        bench.mc.cycle(bytes(32))  # its silence would be a fault
         bench.wait_for(lambda: bench.bc.idle and all(unit.idle for unit in self.units), 20, "idle senders")
         log = bench.server.logged("RUN")
         bench.wait_for(lambda: log and bench.relay.closed, 10, "the relay closed")
