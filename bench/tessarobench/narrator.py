@@ -2,9 +2,10 @@
 
 from __future__ import annotations
 
+import contextlib
 import sys
 import threading
-from typing import Callable, Optional, TextIO
+from typing import Callable, Iterator, Optional, TextIO
 
 from .internallink import FALLBACK, SHORT_FALLBACK
 from .journal import BENCH, FROM_BASE_UNIT, TO_BASE_UNIT, Event, Journal
@@ -135,6 +136,15 @@ class Narrator:
         self._pending: Optional[tuple[str, str, int]] = None
         self.untold: set[tuple[str, str]] = set()  # (link, kind) of what is too much to tell for the moment
         journal.listeners.append(self._event)
+
+    @contextlib.contextmanager
+    def silence(self) -> Iterator[None]:
+        """Tells no events for a while."""
+        quiet, self._quiet = self._quiet, True
+        try:
+            yield
+        finally:
+            self._quiet = quiet
 
     def heading(self, text: str) -> None:
         self._print("\n" + self._paint("1", text))
