@@ -3,11 +3,12 @@
 BUILD      ?= build
 BUILD_TYPE ?= RelWithDebInfo
 PYTHON     := /usr/bin/python3
-ARCH       ?= armhf
+ARCH       ?=
+CROSS_ARCH := $(or $(ARCH),armhf)
 
 .DEFAULT_GOAL := help
 .PHONY: help build run test unit-test tool-test system-test soak sanitize fuzz coverage bench format lint clean
-.PHONY: cross cross-build board
+.PHONY: cross cross-build package release-build package-test board
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
@@ -62,13 +63,32 @@ bench: ## measure latency, CPU time, start-up and single steps (OPTIONS="--quick
 	@benchmark/run $(OPTIONS)
 
 cross: cross-build ## build Release for the board (ARCH=armhf or arm64) and run its unit tests emulated
-	@scripts/cross-test build-$(ARCH)
+	@cmake --build build-$(CROSS_ARCH)
+	@scripts/cross-test build-$(CROSS_ARCH)
 
 cross-build:
-	@scripts/ensure-packages build cross cross-$(ARCH)
-	@scripts/cross-sysroot $(ARCH) >/dev/null
-	@cmake --preset $(ARCH) --log-level=WARNING
-	@cmake --build build-$(ARCH)
+	@scripts/ensure-packages build cross cross-$(CROSS_ARCH)
+	@scripts/cross-sysroot $(CROSS_ARCH) >/dev/null
+	@cmake --preset $(CROSS_ARCH) --log-level=WARNING >/dev/null
+	@cmake --build build-$(CROSS_ARCH) --target tessaroserver
+
+ifeq ($(ARCH),)
+package: release-build ## a Debian package for this machine, or for a board (ARCH=armhf or arm64)
+	@scripts/ensure-packages package
+	@scripts/package native
+else
+package: cross-build
+	@scripts/ensure-packages package
+	@scripts/package $(ARCH)
+endif
+
+release-build:
+	@scripts/ensure-packages build
+	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-release --target tessaroserver
+
+package-test: release-build ## install, upgrade and remove the package in a clean Debian
+	@scripts/package-test
 
 board: ## the program for the board on the emulated board, with the peers at its real devices
 	@scripts/board build-armhf
