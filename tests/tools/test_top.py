@@ -117,6 +117,7 @@ def test_log_lines_of_a_file_are_shown(server, tmp_path):
     with log.open("a") as stream:
         stream.write("second line\n")
     output.wait_for("log second line\n")
+    output.wait_for("server answers")  # the exit code tells whether it does
     process.terminate()
     assert process.wait(10) == 0
     process.stdout.close()
