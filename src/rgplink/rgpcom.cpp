@@ -100,7 +100,7 @@ void RGPCom::connectFallback(GfallbackServiceC* gFallback)
         return;
     }
     connect(link, &GLinkTransportFallback::newConnection, gFallback, &GfallbackServiceC::reset);
-    connect(link, &GLinkTransportFallback::dataToServiceLayer, gFallback, &GfallbackServiceC::fallbackTx);
+    connect(link, &GLinkTransportFallback::dataToServiceLayer, gFallback, &GfallbackServiceC::fallbackTxInTurn);
     connect(gFallback, &GfallbackServiceC::fallbackRx, link, &GLinkTransportFallback::dataFromServiceLayer);
     connect(gFallback, &GfallbackServiceC::linkFailed, link, &GLinkTransportFallback::linkDown);
 }

@@ -52,7 +52,10 @@ void GfallbackServiceC::readData_(QByteArray data)
     switch (data.size()) {
     case 0: qDebug() << "Empty data!"; break;
     case DataAckSize: receiveDataAck(toUint8(data)); break;
-    case FlowControlSize: sendNext(toUint16(data, false)); break;
+    case FlowControlSize:
+        sendNext(toUint16(data, false));
+        letNextTakeItsPlace(toUint16(data, false));
+        break;
     default: receiveBlock(data); break;
     }
 }
@@ -130,6 +133,25 @@ void GfallbackServiceC::fallbackTx(unsigned short remoteId, const QByteArray& da
     sendMessageBlock(remoteId, state);
 }
 
+void GfallbackServiceC::fallbackTxInTurn(unsigned short remoteId, const QByteArray& data)
+{
+    QQueue<QByteArray>& waiting = m_waiting[remoteId];
+    const bool isPlaceFree = waiting.isEmpty() && m_linkState.value(remoteId).txData.isEmpty();
+    if (isPlaceFree || isAcknowledgement(data) || waiting.size() >= MaxWaitingMessages) {
+        fallbackTx(remoteId, data);
+    } else {
+        waiting.enqueue(data);
+    }
+}
+
+void GfallbackServiceC::letNextTakeItsPlace(unsigned short remoteId)
+{
+    const auto waiting = m_waiting.find(remoteId);
+    while (waiting != m_waiting.end() && !waiting->isEmpty() && m_linkState.value(remoteId).txData.isEmpty()) {
+        fallbackTx(remoteId, waiting->dequeue());
+    }
+}
+
 void GfallbackServiceC::keepForLater(LinkState& state, const QByteArray& data, bool isAck)
 {
     QByteArray& place = isAck ? state.ack : state.txData;
@@ -165,6 +187,7 @@ void GfallbackServiceC::sendDataBlock(unsigned short remoteId, QByteArray& data)
 
 void GfallbackServiceC::reset(unsigned short remoteId)
 {
+    m_waiting.remove(remoteId);
     const auto state = m_linkState.find(remoteId);
     if (state != m_linkState.end()) {
         *state = LinkState();

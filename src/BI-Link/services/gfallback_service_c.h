@@ -3,7 +3,9 @@
 #include "glinkheader.h"
 #include "service_base.h"
 
+#include <QHash>
 #include <QMap>
+#include <QQueue>
 
 /// Carries whole GLink messages between this base unit and remote units that have lost TCP: the base controller relays
 /// them on its own channel. A message travels in blocks of at most 250 bytes, and for every remote unit the base
@@ -53,6 +55,9 @@ public:
     /// never ends its message costs no more memory than this.
     static constexpr int MaxRxMessageSize = GLinkFrame::HeaderSize + GLinkFrame::MaxPayloadSize + GLinkFrame::CrcSize;
 
+    /// Messages of one unit that fallbackTxInTurn() keeps. A turn of any unit on the fallback may bring one more.
+    static constexpr int MaxWaitingMessages = 64;
+
     GfallbackServiceC(QObject* parent, serviceId_T id);
 
     /// Sends the next block of `data` and removes it there; nothing happens when `data` is empty.
@@ -70,6 +75,11 @@ public slots:
     /// Sends one GLink message to a remote unit. While the unit's channel is busy, one acknowledgement and one other
     /// message wait; further ones are dropped with a debug line.
     void fallbackTx(unsigned short remoteId, const QByteArray& data);
+
+    /// The same, but further messages wait as well, in their order, and take their turn as the places become free:
+    /// several units share the fallback, and the acknowledgement of one lets the next message of another go while that
+    /// one's place is still taken. Beyond `MaxWaitingMessages` they are dropped as by fallbackTx().
+    void fallbackTxInTurn(unsigned short remoteId, const QByteArray& data);
 
     /// Forgets what is being sent to this unit and what waits. A block that the base controller has already taken is
     /// not called back.
@@ -93,4 +103,7 @@ private:
     void receiveBlock(const QByteArray& block);
     void keepForLater(LinkState& state, const QByteArray& data, bool isAck);
     void sendMessageBlock(unsigned short remoteId, LinkState& state);
+    void letNextTakeItsPlace(unsigned short remoteId);
+
+    QHash<quint16, QQueue<QByteArray>> m_waiting;
 };

@@ -16,6 +16,11 @@ private slots:
     void acknowledgementWaitsForTheLastBlockAndOvertakesTheWaitingMessage();
     void acknowledgementNeverInterruptsAMessage();
     void onlyOneAcknowledgementAndOneMessageWait();
+    void messagesInTurnWaitInTheirOrder();
+    void acknowledgementDoesNotWaitBehindMessagesInTurn();
+    void messagesInTurnAreBounded();
+    void messageThatCannotBeSentDoesNotHoldUpTheOthersInTurn();
+    void resetForgetsTheMessagesInTurn();
     void unitsHaveChannelsOfTheirOwn();
     void resetFreesTheChannel();
     void resetOfAnUnknownUnitDoesNothing();
@@ -191,6 +196,81 @@ void TestGfallbackServiceC::onlyOneAcknowledgementAndOneMessageWait()
     QCOMPARE(f.count(), 3);
     QCOMPARE(f.block(1).mid(4), acknowledgement('2'));
     QCOMPARE(f.block(2).mid(4), message(30, '4'));
+}
+
+void TestGfallbackServiceC::messagesInTurnWaitInTheirOrder()
+{
+    LogSpy log;
+    Fixture f;
+    for (const char text : {'1', '2', '3', '4', '5'}) {
+        f.service.fallbackTxInTurn(7, message(text == '2' ? 300 : 30, text));
+    }
+    f.service.fallbackTxInTurn(8, message(30, '8'));
+    QCOMPARE(f.count(), 2);
+
+    QByteArray order;
+    for (int flowControls = 0; flowControls < 6; ++flowControls) {
+        f.next();
+        order += f.lastData().right(1);
+    }
+    QCOMPARE(order, QByteArray("223455")); // the second message has two blocks; nothing follows the fifth
+    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
+    QCOMPARE(log.count("Link BUSY, Tx message LOST!"), 0);
+}
+
+void TestGfallbackServiceC::acknowledgementDoesNotWaitBehindMessagesInTurn()
+{
+    Fixture f;
+    for (const char text : {'1', '2', '3'}) {
+        f.service.fallbackTxInTurn(7, message(30, text));
+    }
+    f.service.fallbackTxInTurn(7, acknowledgement());
+    f.next();
+    QCOMPARE(f.lastData(), acknowledgement());
+    f.next();
+    QCOMPARE(f.lastData(), message(30, '2'));
+    f.next();
+    QCOMPARE(f.lastData(), message(30, '3'));
+}
+
+void TestGfallbackServiceC::messagesInTurnAreBounded()
+{
+    LogSpy log;
+    Fixture f;
+    for (int i = 0; i < 100; ++i) { // one under way, one in its place, 64 behind it
+        f.service.fallbackTxInTurn(7, message(30));
+    }
+    QCOMPARE(log.count("Link BUSY, Tx message LOST!"), 100 - 66);
+    for (int i = 0; i < 100; ++i) {
+        f.next();
+    }
+    QCOMPARE(f.count(), 66);
+}
+
+void TestGfallbackServiceC::messageThatCannotBeSentDoesNotHoldUpTheOthersInTurn()
+{
+    Fixture f;
+    f.service.fallbackTxInTurn(7, message(30, '1'));
+    f.service.fallbackTxInTurn(7, message(30, '2'));
+    f.service.fallbackTxInTurn(7, message(65536));
+    f.service.fallbackTxInTurn(7, QByteArray());
+    f.service.fallbackTxInTurn(7, message(30, '3'));
+    f.next();
+    f.next();
+    QCOMPARE(f.lastData(), message(30, '3'));
+}
+
+void TestGfallbackServiceC::resetForgetsTheMessagesInTurn()
+{
+    Fixture f;
+    for (const char text : {'1', '2', '3', '4'}) {
+        f.service.fallbackTxInTurn(7, message(30, text));
+    }
+    f.service.reset(7);
+    f.next();
+    QCOMPARE(f.count(), 1);
+    f.service.fallbackTxInTurn(7, message(30, '5'));
+    QCOMPARE(f.lastData(), message(30, '5'));
 }
 
 void TestGfallbackServiceC::unitsHaveChannelsOfTheirOwn()
