@@ -51,8 +51,20 @@ void GLinkConnection::enqueueMessage(quint8 msgId, const QByteArray& data, bool 
         dropWithoutLink(msgId);
     } else if (isInFlight() || mustWaitForTcp(msgId)) {
         queueMessage(msgId, data, prepend);
-    } else {
+    } else if (prepend || m_queue.isEmpty()) {
         sendMessage(msgId, data);
+    } else {
+        sendBehindOthers(msgId, data);
+    }
+}
+
+/// On the fallback another unit may have had the turn while messages of this one waited. They go first.
+void GLinkConnection::sendBehindOthers(quint8 msgId, const QByteArray& data)
+{
+    queueMessage(msgId, data, false);
+    RPGComGLinkMessage next;
+    if (m_queue.takeNext(next)) {
+        sendMessage(next.msgId, next.data);
     }
 }
 

@@ -59,7 +59,8 @@ public:
     /// Time at which the unit lost its last link, ms since the epoch; 0 while it has one, and before it had any.
     qint64 disconnectTime() const { return m_disconnectTime; }
 
-    /// Hands a message to the unit: sent at once when nothing is in flight, else queued. Without a link it is dropped,
+    /// Hands a message to the unit: sent at once when nothing is in flight (behind what may still wait for its turn on
+    /// the fallback), else queued. Without a link it is dropped,
     /// and with it whatever still waits.
     /// @param prepend  queue it before all others; no effect on commands and periodic data.
     ///
@@ -113,6 +114,7 @@ private:
     bool isOnlyFallbackUser() const;
     bool mustWaitForTcp(quint8 msgId) const;
     void dropWithoutLink(quint8 msgId);
+    void sendBehindOthers(quint8 msgId, const QByteArray& data);
     void queueMessage(quint8 msgId, const QByteArray& data, bool prepend);
     void forgetMessageInFlight();
     void supersede(GLinkTransportTcp* link);

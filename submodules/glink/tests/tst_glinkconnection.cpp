@@ -57,6 +57,7 @@ private slots:
 
     // Turns on the fallback
     void queuedMessagesAlternateBetweenUnits();
+    void messageDoesNotOvertakeOneThatMissedItsTurn();
     void commandsOfAllUnitsGoFirst();
     void onlyUserOfTheFallbackGoesOnAtOnce();
     void unitThatLeavesTheFallbackPassesTheTurnOn();
@@ -659,6 +660,27 @@ void TestGLinkConnection::queuedMessagesAlternateBetweenUnits()
         (last.remoteId == 5 ? five : six).messageSent(last.refNr);
     }
     QCOMPARE(fallback.sent.texts(), (QStringList{"5:1", "8:1", "5:2", "8:2", "5:3", "8:3"}));
+}
+
+// The turn went to another unit while a message of this one waited: the next one must not overtake it.
+void TestGLinkConnection::messageDoesNotOvertakeOneThatMissedItsTurn()
+{
+    FakeFallbackLink fallback;
+    GLinkConnection five(5, &fallback, nullptr, nullptr);
+    GLinkConnection six(6, &fallback, nullptr, nullptr);
+    five.initChannel(&fallback);
+    six.initChannel(&fallback);
+    five.enqueueMessage(Command, "five 1", false);
+    const quint32 firstOfFive = fallback.sent.lastRefNr();
+    five.enqueueMessage(Command, "five 2", false);
+    six.enqueueMessage(Command, "six 1", false);
+    six.enqueueMessage(Command, "six 2", false);
+    five.messageSent(firstOfFive);
+    five.enqueueMessage(Command, "five 3", false);
+    QCOMPARE(fallback.sent.texts(), (QStringList{"3:five 1", "3:six 1", "3:six 2", "3:five 2"}));
+
+    five.messageSent(fallback.sent.lastRefNr());
+    QCOMPARE(fallback.sent.texts().last(), QString("3:five 3"));
 }
 
 void TestGLinkConnection::commandsOfAllUnitsGoFirst()
