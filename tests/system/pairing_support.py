@@ -74,11 +74,5 @@ def sockets(bench):
     return count
 
 
-def memory(bench) -> int:
-    """The server's resident memory. A server with sanitizers keeps what it has freed on purpose: always 0 then."""
-    with open(f"/proc/{bench.server.pid}/maps", encoding="ascii") as file:
-        return 0 if "libasan" in file.read() else bench.server.usage().resident_bytes
-
-
 def md5(data: bytes) -> str:
     return hashlib.md5(data, usedforsecurity=False).hexdigest()

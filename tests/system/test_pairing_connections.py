@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from pairing_support import NO_HANDLE, SYSTEM, USER, md5, memory, serve, sockets, words_of_unit
+from pairing_support import NO_HANDLE, SYSTEM, USER, md5, serve, sockets, words_of_unit
 from tessarobench import pairwire
 from tessarobench.servicetool import ServiceToolError
 
@@ -65,13 +65,13 @@ def test_several_requests_in_one_segment_are_served_in_order(pairing):
 def test_requests_that_are_too_long_or_unreadable_close_the_connection(pairing, rude):
     tool = pairing.tool
     tool.list()
-    before = memory(pairing)
+    before = pairing.server.memory()
     tool.send(rude)
     with pytest.raises((ServiceToolError, ConnectionResetError)):
         tool.reply(pairwire.parse_app_list)
     pairing.server.wait_log("closing the connection")
     assert pairing.service_tool().list()
-    assert memory(pairing) - before < 4 * 1024 * 1024
+    assert pairing.server.memory() - before < 4 * 1024 * 1024
 
 
 def test_the_newest_tool_is_served_and_the_older_one_left_in_peace(pairing):
@@ -103,7 +103,7 @@ def test_a_stalled_receiver_holds_up_nobody_and_grows_nothing(large):
     large.wait_for(lambda: large.bc.received["status"] >= 1)
     tool = large.tool
     first = tool.ask(USER, 1003)
-    before = memory(large)
+    before = large.server.memory()
     with tool.open_transfer() as stalled:
         tool.start_transfer()
         large.server.wait_log("Sending first chunc of data")
@@ -113,7 +113,7 @@ def test_a_stalled_receiver_holds_up_nobody_and_grows_nothing(large):
         assert md5(tool.fetch(second)) == second.md5
         large.server.wait_log("Application sent")
         assert large.server.logged("Application sent") == 1
-        assert memory(large) - before < 3 * 1024 * 1024
+        assert large.server.memory() - before < 3 * 1024 * 1024
         assert md5(tool.receive(stalled)) == first.md5
     large.wait_for(lambda: not list(large.applications.glob("*.tar")), poll=0.02)
 
@@ -170,12 +170,12 @@ def test_many_pairings_leave_descriptors_threads_and_memory_where_they_were(pair
     tool = pairing.tool
     for _ in range(10):
         tool.get(USER, 1003)
-    before, resident = pairing.server.usage(), memory(pairing)
+    before, resident = pairing.server.usage(), pairing.server.memory()
     for _ in range(60):
         tool.get(USER, 1003)
     pairing.wait_for(lambda: pairing.server.usage().descriptors <= before.descriptors, poll=0.02)
     assert pairing.server.usage().threads <= before.threads
-    assert memory(pairing) - resident < 1024 * 1024
+    assert pairing.server.memory() - resident < 1024 * 1024
 
 
 def test_garbage_on_many_connections_leaves_the_service_alive(pairing):

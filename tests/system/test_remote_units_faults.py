@@ -158,7 +158,7 @@ def test_random_bytes_on_a_thousand_connections(serving):
     """Fifty at a time, beside a healthy unit; all of them are closed again, and their threads are gone."""
     source, healthy = random.Random(1147), serving.unit(1002).join().wait_joined()
     serving.wait_for(lambda: serving.server.usage().threads < 40, poll=0.05)
-    before, seen = serving.server.usage(), len(healthy.received)
+    before, memory, seen = serving.server.usage(), serving.server.memory(), len(healthy.received)
     for batch in range(20):
         strangers = [serving.stranger() for _ in range(50)]
         for stranger in strangers:
@@ -171,9 +171,8 @@ def test_random_bytes_on_a_thousand_connections(serving):
         for stranger in strangers:  # fewer than a header's bytes are no error yet
             stranger.leave()
     serving.wait_for(lambda: serving.server.usage().threads <= before.threads, 10, "the threads are gone", poll=0.05)
-    after = serving.server.usage()
-    assert after.descriptors <= before.descriptors
-    assert after.resident_bytes - before.resident_bytes < 6_000_000
+    assert serving.server.usage().descriptors <= before.descriptors
+    assert serving.server.memory() - memory < 6_000_000
     serving.wait_for(lambda: len(healthy.messages(glink.BASE_STATUS, seen)) >= 3)
     assert_steady(healthy, seen, 3)
     assert_unharmed(serving, healthy)
@@ -248,12 +247,12 @@ def test_mute_slow_and_babbling_units_beside_healthy_ones(serving):
 def test_a_babbler_that_reads_nothing_is_dropped(serving):
     """It acknowledges nothing and lets the answers pile up: it goes before memory does."""
     babbler, healthy = (serving.unit(unit_id).join().wait_joined() for unit_id in (1001, 1002))
-    before, seen = serving.server.usage(), len(healthy.received)
+    before, memory, seen = serving.server.usage(), serving.server.memory(), len(healthy.received)
     babbler.patience = None
     babbler.stop_reading()
     babbler.babble(glink.message(glink.HEARTBEAT, bytes(4)), burst=400)
     serving.wait_for(lambda: serving.server.usage().threads < before.threads, 6, "its thread is gone", poll=0.05)
-    assert serving.server.usage().resident_bytes - before.resident_bytes < 8_000_000
+    assert serving.server.memory() - memory < 8_000_000
     serving.wait_for(lambda: len(healthy.messages(glink.BASE_STATUS, seen)) >= 3)
     assert_steady(healthy, seen, 3)
     assert_unharmed(serving, healthy)
@@ -320,7 +319,7 @@ def test_a_storm_of_reconnections_leaves_no_trace(serving, record_property, caps
         unit.leave()
         return settled(serving, lambda usage: usage[2:4] <= alone[2:4])
 
-    before, began = storm(100), time.monotonic()
+    before, memory, began = storm(100), serving.server.memory(), time.monotonic()
     seen = len(healthy.received)
     after, seconds = storm(1000), time.monotonic() - began
     rows = [("threads", before.threads, after.threads), ("descriptors", before.descriptors, after.descriptors),
@@ -329,10 +328,11 @@ def test_a_storm_of_reconnections_leaves_no_trace(serving, record_property, caps
         print(f"\n1000 reconnections in {seconds:.1f} s: " + ", ".join(f"{name} {b} -> {a}" for name, b, a in rows))
     for name, old, new in rows:
         record_property(name, f"{old} -> {new}")
-    assert after.resident_bytes - before.resident_bytes < 1_500_000
+    assert serving.server.memory() - memory < 1_500_000
     serving.wait_for(lambda: len(healthy.messages(glink.BASE_STATUS, seen)) >= 4)
     assert_steady(healthy, seen, 4)
     assert_unharmed(serving, healthy)
+    assert serving.server.stop() == 0
 
 
 def test_a_large_application_does_not_disturb_the_rhythm(bench):
