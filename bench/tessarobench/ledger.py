@@ -7,6 +7,7 @@ import struct
 
 _ENTRY = struct.Struct("<HI")
 SIZE = _ENTRY.size
+TOLD = 20  # numbers of each kind of fault, in words
 
 
 class Ledger:
@@ -66,5 +67,6 @@ class Ledger:
         return self.seen == self.issued and not self.missing and not self.doubled
 
     def __str__(self) -> str:
-        return (f"{self.sender}: {self.issued} issued, {self.seen} seen, missing {self.missing}, doubled {self.doubled}, "
-                f"overtaken {self.overtaken}")
+        faults = (("missing", self.missing), ("doubled", self.doubled), ("overtaken", self.overtaken))
+        return (f"of {self.sender}: {self.issued} issued, {self.seen} seen"
+                + "".join(f", {len(numbers)} {name} {numbers[:TOLD]}" for name, numbers in faults if numbers))

@@ -116,6 +116,20 @@ def test_a_second_init_begins_the_exchange_anew(serving):
     assert len(unit.verdicts) == 2
 
 
+def test_a_connection_may_come_to_speak_for_another_unit(serving):
+    """As after the exchange of a unit's identity: the former one has no link any more, the new one has this."""
+    unit = serving.unit(1001).join().wait_joined()
+    unit.send_init(unit=1002)
+    serving.wait_for(lambda: unit.joins == 2)
+    for unit_id in (1001, 1002):
+        serving.fallback.send_short(unit_id, b"for %d" % unit_id)
+    serving.wait_for(lambda: unit.messages(glink.SERVICE_FORWARD))
+    seen = len(unit.received)
+    serving.wait_for(lambda: len(unit.messages(glink.BASE_STATUS, seen)) >= 3)
+    assert unit.payloads(glink.SERVICE_FORWARD) == [b"for 1002"]
+    assert min(unit.gaps(since=seen)) > 0.2, "one base status a beat, not one for each of the two"
+
+
 def test_connected_units_are_counted_in_the_status_record(serving):
     """Every unit that ever introduced itself counts, whether it was accepted or has left."""
     def units():
@@ -160,6 +174,29 @@ def test_periodic_data_reach_every_unit_and_a_late_joiner(serving, size):
     serving.wait_for(lambda: len(late.received) >= 2)
     assert [(message.msg_id, message.payload) for message in late.received[:2]] == [
         (glink.INITACK, bytes(42)), (glink.PERIODIC_DATA, b"\1" + data)]
+
+
+def test_the_machine_controllers_data_go_before_the_base_controllers(bench):
+    """One block is kept of each for late joiners, and one of them can wait: that of the machine controller does."""
+    bench.start_to_serve()
+    early = bench.unit(1001).join().wait_joined()
+    bench.bc.periodic(b"from the base controller")
+    data = bytes(range(32))
+    bench.mc.cycle(data)
+    bench.wait_for(lambda: early.payloads(glink.PERIODIC_DATA)[-1:] == [b"\0" + data])
+    bench.mc.silence()
+    late = bench.unit(1002).join().wait_joined()
+    bench.wait_for(lambda: late.messages(glink.PERIODIC_DATA))
+    assert late.payloads(glink.PERIODIC_DATA) == [b"\0" + data]
+    assert [message.msg_id for message in late.received[:2]] == [glink.INITACK, glink.PERIODIC_DATA]
+
+
+def test_commands_of_the_machine_controller_reach_every_unit(bench):
+    bench.start_to_serve()
+    units = [bench.unit(unit_id).join().wait_joined() for unit_id in (1001, 1002)]
+    bench.mc.command(b"lamp on")
+    for unit in units:
+        bench.wait_for(lambda: unit.payloads(glink.CMD) == [b"lamp on"])
 
 
 def test_a_refused_unit_gets_no_kept_data_but_the_newer_ones(serving):
