@@ -7,6 +7,7 @@ from typing import Callable, Sequence
 from . import internallink as il
 from .installation import Installation
 from .ledger import Ledger
+from .loop import WaitTimeout
 from .remoteunit import RemoteUnit
 
 CONTROLLER = 9  # the base controller's number in its own ledger
@@ -55,7 +56,13 @@ class Traffic:
             unit.inbox.issued = self.issued
         return self
 
-    def arrived(self, unit: RemoteUnit, except_for: int = 0) -> Callable[[], bool]:
-        """A condition, after `stop`: all is out, but for so many commands towards that unit."""
-        return lambda: (unit.ledger.seen == unit.ledger.issued
-                        and unit.inbox.seen >= unit.inbox.issued - except_for)
+    def wait_arrived(self, unit: RemoteUnit, except_for: int = 0, timeout: float = 5.0) -> None:
+        """After `stop`: until all is out, but for so many commands towards that unit."""
+        def is_out() -> bool:
+            return unit.ledger.seen == unit.ledger.issued and unit.inbox.seen >= unit.inbox.issued - except_for
+
+        try:
+            self._bench.wait_for(is_out, timeout, "the rest of the commands")
+        except WaitTimeout as missing:
+            lost = self._bench.server.logged("Internal link fail")
+            raise AssertionError(f"{unit.id}: {unit.ledger}; {unit.inbox}; internal link lost {lost} times") from missing

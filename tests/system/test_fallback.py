@@ -151,7 +151,7 @@ def test_units_on_a_slow_fallback_lose_nothing_and_never_stall(bench, count, flo
     data.cancel()
     traffic.stop(timeout=10)
     for unit in units:
-        bench.wait_for(traffic.arrived(unit), what=f"the rest for {unit.id}")
+        traffic.wait_arrived(unit)
         for ledger in (unit.ledger, unit.inbox):
             assert ledger.balanced and not ledger.overtaken, f"{unit.id}: {ledger}"
     assert bench.server.logged("LOST") == 0
@@ -314,7 +314,7 @@ def test_fallback_and_return_under_load_lose_and_double_nothing(serving, number)
     traffic.run_for(12)
     traffic.stop()
     for each in (unit, other):
-        serving.wait_for(traffic.arrived(each), what=f"the rest for {each.id}")
+        traffic.wait_arrived(each)
         assert each.ledger.balanced, f"from {each.ledger}"
         assert each.inbox.balanced, f"to {each.id}: {each.inbox}"
     assert not other.ledger.overtaken and not other.inbox.overtaken
@@ -337,8 +337,8 @@ def test_a_network_that_breaks_off_costs_only_what_was_under_way(serving):
     serving.wait_for(lambda: unit.joins == 3 and unit.path == "TCP")
     traffic.run_for(20)
     traffic.stop()
-    serving.wait_for(traffic.arrived(unit, except_for=issued - safe))
-    serving.wait_for(traffic.arrived(other))
+    traffic.wait_arrived(unit, except_for=issued - safe)
+    traffic.wait_arrived(other)
     assert other.ledger.balanced and other.inbox.balanced, f"{other.ledger} {other.inbox}"
     assert unit.ledger.balanced and unit.inbox.doubled == [], f"{unit.ledger} {unit.inbox}"
     assert all(safe <= number <= issued for number in unit.inbox.missing), unit.inbox
