@@ -24,6 +24,7 @@ class Account:
 
     `exact`    every single payload is accounted for by its content; otherwise only numbers are compared
     `ordered`  what leaves must leave in the order in which it entered
+    `overtaken` how many left behind a later one, and were allowed to
     `dropped`  reason -> how many; `violations` in words, empty when the books balance
     """
 
@@ -32,6 +33,7 @@ class Account:
         self.windows: list[Window] = []
         self.dropped: collections.Counter = collections.Counter()
         self.violations: list[str] = []
+        self.overtaken = 0
         self._in: list[tuple[float, bytes]] = []
         self._out: list[bytes] = []
         self._ruled_out = 0
@@ -79,12 +81,19 @@ class Account:
         return None
 
     def _judge_order(self, taken: list[int]) -> None:
-        late = sum(later < earlier for earlier, later in zip(taken, taken[1:]))
+        """A payload may be overtaken only where it could as well have been dropped: what a unit had under way on the
+        path that it left may arrive behind what already came over the new one."""
+        passed = [later for earlier, later in zip(taken, taken[1:]) if later < earlier]
+        late = sum(self._reason_at(self._in[place][0]) is None for place in passed)
+        self.overtaken = len(passed) - late
         if self.ordered and late:
             self.violations.append(f"{self.name}: {late} times a later one came first")
 
+    def _reason_at(self, when: float):
+        return next((window.reason for window in self.windows if window.begin <= when <= window.end), None)
+
     def _explain(self, when: float, payload: bytes) -> None:
-        reason = next((window.reason for window in self.windows if window.begin <= when <= window.end), None)
+        reason = self._reason_at(when)
         if reason is None:
             self.violations.append(f"{self.name}: {payload[:8].hex(' ')} entered at {when:.3f} s and never left")
         else:
@@ -101,6 +110,8 @@ class Account:
 
     def __str__(self) -> str:
         drops = ", ".join(f"{count} {reason}" for reason, count in sorted(self.dropped.items()))
+        if self.overtaken:
+            drops += f"{', ' if drops else ''}{self.overtaken} overtaken on a change of path"
         return (f"{self.name:44} {self.entered:7} in = {self.delivered:7} out + {sum(self.dropped.values()):5} dropped"
                 f"{' (' + drops + ')' if drops else ''}   [{'exact' if self.exact else 'by number'}]")
 

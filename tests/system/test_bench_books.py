@@ -35,6 +35,17 @@ def test_one_that_overtakes():
     assert account([(1, b"a"), (2, b"b")], [b"b", b"a"], ordered=False).close().violations == []
 
 
+def test_one_that_overtakes_while_the_path_changes():
+    """The overtaken one has to lie in the window; its place is told."""
+    books = account([(1, b"a"), (2, b"b")], [b"b", b"a"])
+    books.may_drop(0.5, 1.5, "unit without a link")
+    books.close()
+    assert books.violations == [] and "1 overtaken on a change of path" in str(books)
+    late = account([(1, b"a"), (2, b"b")], [b"b", b"a"])
+    late.may_drop(1.5, 2.5, "unit without a link")
+    assert late.close().violations == ["books: 1 times a later one came first"]
+
+
 def test_numbers_alone():
     assert account([(1, b"x")] * 3, [b"y"] * 3, exact=False).close().violations == []
     assert account([(1, b"x")] * 3, [b"y"] * 2, exact=False).close().violations == ["books: 1 never left"]
