@@ -22,8 +22,7 @@ from .apiclient import LOOPBACK
 from .board import APPLICATIONS, EXAMPLES, PROGRAM, SERVER_DIRECTORY
 from .emulator import DRIVE_PIN, HOST_ADDRESSES, MONITOR_PIN, Emulator
 from .installation import Peers
-from .journal import BENCH, Journal
-from .loop import Loop
+from .journal import Journal
 from .relay import Relay
 from .serverprocess import ServerProcess, Usage
 
@@ -34,8 +33,7 @@ _GUEST_TICKS, _GUEST_PAGE = 100, 4096
 
 
 class GuestRelay(Relay):
-    """The relay on the pins of the emulated processor. Unlike the files of the bench, the drive line keeps its level when
-    the server dies."""
+    """The relay on the pins of the emulated processor."""
 
     def __init__(self, emulator: Emulator, journal: Journal, delay: float = 0.008):
         self._emulator, self._pins = emulator, emulator.pins

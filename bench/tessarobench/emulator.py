@@ -1,7 +1,7 @@
 """The emulator as a process, with its serial ports, its console, its control connection and its pins.
 
-Every connection to it is one end of a socket pair and is read always: a few hundred bytes that nobody reads would hold up
-the whole emulated board.
+Every connection to it is one end of a socket pair and is read always: a few hundred bytes that nobody reads would hold
+up the whole emulated board.
 """
 
 from __future__ import annotations

@@ -1,7 +1,7 @@
-"""Tests on the emulated board: the program for the board, Debian's kernel, and the bench's peers at the devices' far ends.
+"""Tests on the emulated board: the program for the board, Debian's kernel, and the bench's peers at the devices' ends.
 
-Booting takes far longer than a test, so the tests of a file share one board. Each gets the files laid anew and starts the
-server itself.
+Booting takes far longer than a test, so the tests of a file share one board. Each gets the files laid anew and starts
+the server itself.
 """
 
 import shutil

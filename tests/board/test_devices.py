@@ -26,8 +26,8 @@ def test_the_line_has_the_prescribed_settings(running):
     shown, words = stty(running)
     assert "speed 230400 baud" in shown
     assert {"icanon", "cs8", "cread", "clocal", "-parenb", "-cstopb", "-crtscts"} <= words
-    assert {"-echo", "-isig", "-iexten", "-icrnl", "-inlcr", "-igncr", "-ixon", "-ixoff", "-istrip", "-inpck", "-brkint",
-            "-opost"} <= words
+    assert {"-echo", "-isig", "-iexten", "-icrnl", "-inlcr", "-igncr", "-ixon", "-ixoff", "-istrip", "-inpck",
+            "-brkint", "-opost"} <= words
     for character in ("intr", "quit", "erase", "kill", "eof", "eol", "eol2", "start", "stop", "susp"):
         assert f"{character} = <undef>" in shown
 
@@ -35,6 +35,11 @@ def test_the_line_has_the_prescribed_settings(running):
 def test_the_link_comes_up_and_settings_are_exchanged(running):
     assert running.server.logged("Serial_port_c: Config success") == 1
     assert running.api.get(SECONDS)["BCSR"] == "30201"
+
+
+def test_the_device_class_that_the_service_may_use_exists(bench):
+    """packaging/tessaroserver.service names the UARTs by the name of their class in the kernel."""
+    assert " ttymxc\n" in bench.console.run("cat /proc/devices")
 
 
 def test_settings_are_answered(running):

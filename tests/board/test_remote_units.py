@@ -40,7 +40,36 @@ def test_every_byte_value_crosses_the_uart_in_both_directions(serving):
     every = bytes(range(256))[:200]
     for payload in (every, bytes(range(56, 256))):
         serving.bc.periodic(payload)
-        serving.wait_for(lambda: any(received.endswith(payload) for received in unit.payloads(glink.PERIODIC_DATA)), SECONDS)
+        serving.wait_for(lambda: any(data.endswith(payload) for data in unit.payloads(glink.PERIODIC_DATA)), SECONDS)
+
+
+def armed(bench):
+    """A unit that is armed, which makes its machine stop count."""
+    unit = bench.unit(1001).join().wait_joined(SECONDS)
+    bench.bc.set(bu_state=17, armed_ru=1001)
+    bench.wait_for(lambda: bench.api.tag("ARMED_RU") == "1001" and bench.api.tag("BU_STATE") == "17", SECONDS)
+    bench.wait_for(lambda: bench.relay.closed, SECONDS)
+    return unit
+
+
+def test_a_machine_stop_that_opened_the_contact_is_confirmed(serving):
+    """The base controller opened it; the monitor line is forced accordingly, and the server sees it in sysfs."""
+    unit, log = armed(serving), len(serving.server.log)
+    unit.machine_stop()
+    serving.relay.hold_monitor("1")
+    serving.server.wait_log("RelayOpen", SECONDS)
+    assert serving.relay.driven == "1" and not serving.server.logged("NO_BI_LINK", log)
+
+
+@pytest.mark.parametrize("welded", [False, True], ids=["healthy relay", "welded contact"])
+def test_a_machine_stop_that_did_not_open_the_contact_opens_the_relay(serving, welded):
+    unit = armed(serving)
+    serving.relay.welded = welded
+    mark = serving.journal.mark()
+    unit.machine_stop()
+    serving.server.wait_log("Relay closed", SECONDS)
+    serving.wait_for(lambda: serving.journal.count("gpio", "<", "drive", mark, value="0"), SECONDS)
+    assert not welded or serving.relay.closed
 
 
 def test_a_unit_returns_after_the_cable_was_out(serving):
