@@ -157,6 +157,6 @@ def text(measured: dict) -> str:
     priority = "ahead of all other work (SCHED_FIFO)" if measured["realtime"] else "ordinary priority"
     return "\n\n".join((
         f"{measured['machine']}\n{measured['date']}, load average {measured['load']:.1f}, {priority}, "
-        f"commit {measured['commit']}" + (", quick" if measured["quick"] else ""),
+        + ("cores kept awake, " if measured["awake"] else "") + f"commit {measured['commit']}" + (", quick" if measured["quick"] else ""),
         "Latency in us, CPU in us per delivered message:", latency(results), start_up(results), upkeep(results),
         micro(results), targets(results)))
