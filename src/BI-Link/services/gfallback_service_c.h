@@ -16,11 +16,16 @@
 ///
 /// Packets (message class 1 in both directions, integers least significant byte first):
 ///
-///     to the base controller    | remote id 2 | bytes of the message not yet sent, this block included 2 | data 1..250
-///     | from the base controller  | 0 |           the fallback channel failed
-///                               | 1 |           no action
-///                               | remote id 2 | the previous block for this unit is through, send the next
-///                               | remote id 2 | remaining length 2 | data |   one block of a message to this unit
+/// | to the base controller   | meaning                                                            |
+/// |--------------------------|--------------------------------------------------------------------|
+/// | id 2, length 2, data     | 1 to 250 bytes of a message; length: what of it was not sent before |
+///
+/// | from the base controller | meaning                                                            |
+/// |--------------------------|--------------------------------------------------------------------|
+/// | 0                        | the fallback channel failed                                        |
+/// | 1                        | no action                                                          |
+/// | id 2                     | the previous block for this remote unit is through, send the next  |
+/// | id 2, length 2, data     | one block of a message of this remote unit to the base unit        |
 class GfallbackServiceC : public ServiceBase
 {
     Q_OBJECT
