@@ -134,6 +134,10 @@ void TransportLayer::readDataFromInternal(QByteArray chunk)
 void TransportLayer::readDataFromService(QByteArray data, Link toLink, quint8 serviceId, quint8 messageClass)
 {
     Q_UNUSED(toLink)
+    if (messageClass != MSG_CLASS_ACK && waitingPackets[serviceId] >= MaxWaitingPackets) {
+        tellOfDroppedPacket(serviceId);
+        return;
+    }
     const quint8 packetNumber =
         messageClass == MSG_CLASS_ACK ? serviceAckPacketNumber : packetNumberSentInternal++ & PacketNumberMask;
     sendData(data, packetNumber, serviceId, messageClass);
@@ -160,6 +164,15 @@ void TransportLayer::processSendBuffer()
     }
 }
 
+void TransportLayer::tellOfDroppedPacket(quint8 serviceId)
+{
+    if (!toldOfDroppedPacket) {
+        qDebug() << "TransportLayer:" << MaxWaitingPackets << "packets of service" << serviceId
+                 << "wait, further ones are dropped.";
+    }
+    toldOfDroppedPacket = true;
+}
+
 void TransportLayer::sendData(const QByteArray& data, quint8 packetNumber, quint8 serviceId, quint8 messageClass)
 {
     const QByteArray frame = frameOf(data, messageClass, serviceId, packetNumber);
@@ -171,7 +184,9 @@ void TransportLayer::sendData(const QByteArray& data, quint8 packetNumber, quint
     timer->setSingleShot(true);
     timer->setTimerType(Qt::PreciseTimer);
     connect(timer, &QTimer::timeout, this, &TransportLayer::processSendBuffer);
-    sendBuffer.append({frame, timer, 0, packetNumber});
+    toldOfDroppedPacket = toldOfDroppedPacket && !sendBuffer.isEmpty();
+    sendBuffer.append({frame, timer, 0, packetNumber, serviceId});
+    ++waitingPackets[serviceId];
     emit newData();
 }
 
@@ -204,6 +219,7 @@ void TransportLayer::dropSendBuffer()
         retire(item.reTxTimer);
     }
     sendBuffer.clear();
+    waitingPackets.fill(0);
 }
 
 void TransportLayer::receivePacket(QByteArray packet)
@@ -250,8 +266,9 @@ void TransportLayer::removePacket(quint8 packetNumber)
 {
     const int index = indexOfPacket(packetNumber);
     if (index >= 0) {
-        retire(sendBuffer.at(index).reTxTimer);
-        sendBuffer.removeAt(index);
+        const bufferItem item = sendBuffer.takeAt(index);
+        --waitingPackets[item.serviceId];
+        retire(item.reTxTimer);
     }
     emit newData();
 }

@@ -6,6 +6,8 @@
 #include <QList>
 #include <QObject>
 
+#include <array>
+
 class FrameLayer;
 class InternalLink;
 class MessageLayer;
@@ -37,7 +39,13 @@ public:
         QTimer* reTxTimer;   ///< active while a transmission awaits its acknowledgement; owned by the send buffer
         quint8 reTXCount;    ///< transmissions so far
         quint8 packetNumber; ///< 0 to 63
+        quint8 serviceId;    ///< whose packet it is
     };
+
+    /// Packets of one service that wait, the one in flight included. More are dropped: remote units may send commands
+    /// faster than the line carries them, and neither memory nor the other services' packets may suffer from that. At
+    /// the line's pace this is a second or two; whatever waits longer is worth little.
+    static constexpr int MaxWaitingPackets = 512;
 
     /// Opens the serial line of the base controller. If that fails the channel exists all the same: what is sent is
     /// lost, and so the link fails in time.
@@ -53,8 +61,7 @@ public:
     static quint8 getPacketNumber(QByteArray data);
 
     /// @return whether a complete frame carries a RESET of the system event service. Looks at fixed places of the
-    /// escaped
-    ///         frame, which holds because no control byte of class 1, in which events are sent, is ever escaped.
+    /// escaped frame, which holds because no control byte of class 1, in which events are sent, is ever escaped.
     static bool getSystemEventReset(QByteArray frame);
 
 public slots:
@@ -64,7 +71,8 @@ public slots:
 
     /// Sends a payload to the service `serviceId` of the base controller; there is no other receiver, whatever `toLink`
     /// says. Class 3 goes out at once, numbered like the last packet of class 2 that was received, and is never
-    /// repeated. Every other class is queued until it is acknowledged.
+    /// repeated. Every other class is queued until it is acknowledged, or dropped while `MaxWaitingPackets` of the
+    /// service wait.
     void readDataFromService(QByteArray data, Link toLink, quint8 serviceId, quint8 messageClass);
 
     /// Drops all waiting packets if `state` is 2, the system event service's STARTING.
@@ -90,6 +98,7 @@ protected:
     TransportLayer(InternalLink* link, QObject* parent);
 
 private:
+    void tellOfDroppedPacket(quint8 serviceId);
     void sendData(const QByteArray& data, quint8 packetNumber, quint8 serviceId, quint8 messageClass);
     QByteArray frameOf(const QByteArray& data, quint8 messageClass, quint8 serviceId, quint8 packetNumber);
     void transmit(bufferItem& item);
@@ -101,9 +110,11 @@ private:
     void removePacket(quint8 packetNumber);
     int indexOfPacket(quint8 packetNumber) const;
 
-    quint8 packetNumberSentInternal = 0; ///< counts on through all 8 bits; the line sees the lower six
-    quint8 serviceAckPacketNumber = 0;   ///< number of the last received packet of class 2
-    QList<bufferItem> sendBuffer;        ///< oldest first
+    quint8 packetNumberSentInternal = 0;   ///< counts on through all 8 bits; the line sees the lower six
+    quint8 serviceAckPacketNumber = 0;     ///< number of the last received packet of class 2
+    QList<bufferItem> sendBuffer;          ///< oldest first
+    std::array<int, 256> waitingPackets{}; ///< packets in the send buffer, by service id
+    bool toldOfDroppedPacket = false;      ///< once a flood, which ends when everything has gone out
     InternalLink* internalLink;
     MessageLayer* messageLayer;
     FrameLayer* frameLayer;

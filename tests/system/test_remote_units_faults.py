@@ -244,6 +244,21 @@ def test_mute_slow_and_babbling_units_beside_healthy_ones(serving):
     assert serving.journal.count(link="glink", direction="<", kind="ack", of="periodic data", unit=babbling.id) > 1000
 
 
+def test_commands_without_end_cost_neither_memory_nor_the_status_record(serving):
+    """More than the internal link carries: what waits there is bounded, and other packets still get through."""
+    babbling, healthy = (serving.unit(unit_id).join().wait_joined() for unit_id in (1001, 1002))
+    memory, seen = serving.server.memory(), len(healthy.received)
+    babbling.babble(glink.message(glink.CMD, bytes(16)), burst=200)
+    serving.server.wait_log("TransportLayer: 512 packets of service 106 wait, further ones are dropped.", timeout=8)
+    records = serving.bc.received["status"]
+    serving.wait_for(lambda: serving.bc.received["status"] >= records + 3, 8)
+    assert serving.server.memory() - memory < 4_000_000
+    babbling.quiet()
+    serving.wait_for(lambda: len(healthy.messages(glink.BASE_STATUS, seen)) >= 3)
+    assert not serving.server.logged("Internal link fail!!!!!!!!")
+    assert_unharmed(serving, healthy)
+
+
 def test_a_babbler_that_reads_nothing_is_dropped(serving):
     """It acknowledges nothing and lets the answers pile up: it goes before memory does."""
     babbler, healthy = (serving.unit(unit_id).join().wait_joined() for unit_id in (1001, 1002))

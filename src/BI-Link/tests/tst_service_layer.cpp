@@ -1,11 +1,10 @@
+#include "acknowledgement.h"
 #include "cfallback_service_c.h"
 #include "configuration_service.h"
 #include "fb_cmd_service.h"
 #include "fb_periodic_service.h"
-#include "frame_layer.h"
 #include "gfallback_service_c.h"
 #include "logspy.h"
-#include "message_layer.h"
 #include "process_data.h"
 #include "rgpcom.h"
 #include "service_layer.h"
@@ -26,16 +25,6 @@ namespace {
 QByteArray bytes(const char* hex)
 {
     return QByteArray::fromHex(hex);
-}
-
-/// The base controller's acknowledgement of one of our frames.
-QByteArray ackOf(const QByteArray& frame)
-{
-    const QByteArray packet = FrameLayer().remove(frame);
-    QByteArray ack = TransportLayer::addHeader(QByteArray(), MSG_CLASS_ACK, TransportLayer::getServiceId(packet),
-                                               TransportLayer::getPacketNumber(packet));
-    MessageLayer().add(ack);
-    return FrameLayer().add(ack);
 }
 
 } // namespace
@@ -248,7 +237,7 @@ void TestServiceLayer::acknowledgedResetStartsTheLink()
         const QMetaObject::Connection watch =
             connect(transport(), &TransportLayer::sendOnInternal, [&](const QByteArray& sent) { frames += sent; });
         events->sendReset();
-        transport()->readDataFromInternal(ackOf(frames.value(0)));
+        transport()->readDataFromInternal(acknowledgementOf(frames.value(0)));
         disconnect(watch);
     });
 

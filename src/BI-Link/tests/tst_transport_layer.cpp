@@ -1,3 +1,4 @@
+#include "acknowledgement.h"
 #include "fatalprobe.h"
 #include "internallink.h"
 #include "logspy.h"
@@ -75,6 +76,10 @@ private slots:
     void serviceReplyGoesOutAtOnceAndOnce();
     void replyBeforeAnyRequestHasNumberZero();
     void everyQueuedClassIsRepeated();
+    void waitingPacketsOfAServiceAreBounded();
+    void floodIsToldOnceUntilItHasGoneOut();
+    void clearedPacketsMakeRoom_data();
+    void clearedPacketsMakeRoom();
 
     void receivesByClass_data();
     void receivesByClass();
@@ -103,6 +108,8 @@ private:
     bool waitForTransmission(int count);
     bool waitForFailure();
     QList<QByteArray> framesUpToLaterFailure();
+    void flood(int packets, quint8 serviceId);
+    void acknowledgeEverything();
 
     std::unique_ptr<PseudoTerminal> m_line;
     std::unique_ptr<OpenTransportLayer> m_layer;
@@ -193,6 +200,21 @@ QList<QByteArray> TestTransportLayer::framesUpToLaterFailure()
         }
     }
     return others;
+}
+
+void TestTransportLayer::flood(int packets, quint8 serviceId)
+{
+    for (int i = 0; i < packets; ++i) {
+        send("11", serviceId);
+    }
+}
+
+/// Answers every frame that comes out as the base controller would, until none comes any more.
+void TestTransportLayer::acknowledgeEverything()
+{
+    for (int answered = m_sent.size() - 1; answered < m_sent.size(); ++answered) {
+        m_layer->readDataFromInternal(acknowledgementOf(m_sent.at(answered)));
+    }
 }
 
 void TestTransportLayer::sendsThreeTimesThenFails()
@@ -333,6 +355,64 @@ void TestTransportLayer::everyQueuedClassIsRepeated()
     const QByteArray request = m_sent.first();
     QCOMPARE(request.left(7).toHex(), QByteArray("82806641424344"));
     QCOMPARE(m_sent, (QList<QByteArray>{request, request, request}));
+}
+
+// A remote unit that babbles commands: neither memory nor the status records behind them may suffer from it.
+void TestTransportLayer::waitingPacketsOfAServiceAreBounded()
+{
+    flood(2000, 106);
+    flood(2000, 104);
+    send("22", 101);
+
+    acknowledgeEverything();
+
+    QCOMPARE(m_sent.size(), 512 + 512 + 1);
+    QCOMPARE(m_sent.at(511).mid(1, 2), bytes("7F6A"));
+    QCOMPARE(m_sent.at(512).mid(1, 2), bytes("4068")); // what was dropped has taken no number
+    QCOMPARE(m_sent.at(1024).left(4), bytes("82406522"));
+    send("33", 106);
+    QCOMPARE(m_sent.last().left(4), bytes("82416A33"));
+}
+
+void TestTransportLayer::floodIsToldOnceUntilItHasGoneOut()
+{
+    const QString line = QStringLiteral("TransportLayer: 512 packets of service 106 wait, further ones are dropped.");
+
+    flood(512, 106);
+    QCOMPARE(m_log->count(line), 0);
+    flood(10, 106);
+    m_layer->readDataFromInternal(acknowledgementOf(m_sent.last()));
+    flood(10, 106);
+    QCOMPARE(m_log->count(line), 1);
+
+    acknowledgeEverything();
+    flood(513, 106);
+    QCOMPARE(m_log->count(line), 2);
+}
+
+void TestTransportLayer::clearedPacketsMakeRoom_data()
+{
+    QTest::addColumn<bool>("byFailure");
+
+    QTest::newRow("failed link") << true;
+    QTest::newRow("new start") << false;
+}
+
+void TestTransportLayer::clearedPacketsMakeRoom()
+{
+    QFETCH(bool, byFailure);
+    flood(600, 106);
+    if (byFailure) {
+        QVERIFY(waitForFailure());
+    } else {
+        m_layer->clearSendBuffer(2);
+    }
+    m_sent.clear();
+
+    flood(600, 106);
+    acknowledgeEverything();
+
+    QCOMPARE(m_sent.size(), 512);
 }
 
 void TestTransportLayer::receivesByClass_data()
