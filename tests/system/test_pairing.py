@@ -103,7 +103,7 @@ def test_the_archive_is_gone_after_the_transfer_and_so_is_the_handle(pairing):
     offer = pairing.tool.ask(USER, 1003)
     assert archives(pairing) == ["panel.tar"]
     pairing.tool.fetch(offer)
-    pairing.server.wait_log(f'Transfer complete of "{USER}.tar"')
+    pairing.server.wait_log(f'Transfer complete of  "{USER}.tar"')
     assert archives(pairing) == []
     pairing.tool.start_transfer()
     pairing.server.wait_log(NO_HANDLE)

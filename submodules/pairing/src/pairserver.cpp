@@ -362,6 +362,6 @@ void PairServer::transferEnded(const QString& path, bool complete)
 {
     emit pairingComplete();
     if (complete) {
-        qDebug() << "Transfer complete of" << path;
+        qDebug() << "Transfer complete of " << path;
     }
 }

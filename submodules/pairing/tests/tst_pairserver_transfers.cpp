@@ -72,7 +72,7 @@ void TestPairServerTransfers::transferDeliversTheArchiveAndEnds()
     QCOMPARE(m_log->lines(),
              (QStringList{QStringLiteral("Starting transfer of application."), QStringLiteral("Sending application..."),
                           QStringLiteral("Sending first chunc of data"), QStringLiteral("Application sent"),
-                          QStringLiteral("Transfer complete of \"%1\"").arg(m_unit->path("ruapp.tar"))}));
+                          QStringLiteral("Transfer complete of  \"%1\"").arg(m_unit->path("ruapp.tar"))}));
     QVERIFY(m_tool->isUp());
 }
 
@@ -206,7 +206,7 @@ void TestPairServerTransfers::receiverThatVanishesHalfWayLeavesNothingBehind()
         m_log->contains(QStringLiteral("pairserver: The receiver left before it had all of \"%1\"").arg(archive)));
     QVERIFY(!QFile::exists(archive));
     QCOMPARE(complete.size(), 1); // the application on disk is a new one, whoever has it
-    QVERIFY(!m_log->contains(QStringLiteral("Transfer complete of \"%1\"").arg(archive)));
+    QVERIFY(!m_log->contains(QStringLiteral("Transfer complete of  \"%1\"").arg(archive)));
     QTRY_COMPARE(openConnections(), 1);
     receiver = connectReceiver();
     const Offer offer = getApp(9, "ruapp");
