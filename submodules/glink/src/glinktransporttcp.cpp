@@ -102,7 +102,7 @@ GLinkTransportTcp::~GLinkTransportTcp()
 
 bool GLinkTransportTcp::isClientMode() const
 {
-    return m_hostAddr != noAddress();
+    return m_hostAddr != noAddress() || m_hostPort != 0;
 }
 
 void GLinkTransportTcp::setBacklog(const std::shared_ptr<GLinkBacklog>& backlog)

@@ -43,6 +43,7 @@ private slots:
     void aRefusalIsLoggedAndSomeCodesDisconnect();
     void itTriesAgainUntilTheBaseUnitIsThere();
     void itCanBeClosedBetweenTwoAttempts();
+    void aPortAloneMakesItAClient();
     void aLostConnectionIsTheEnd();
     void theCableTagTellsTheInterface_data();
     void theCableTagTellsTheInterface();
@@ -197,6 +198,19 @@ void TestGLinkTcpClient::itCanBeClosedBetweenTwoAttempts()
     QTest::qWait(50);
 
     QCOMPARE(m_events, (QStringList{"connection 0 none", "closed", "finished"}));
+}
+
+// Only the address 0.0.0.0 together with port 0 stands for an accepted connection.
+void TestGLinkTcpClient::aPortAloneMakesItAClient()
+{
+    m_client.reset(new LoopbackClient(QHostAddress(QHostAddress::AnyIPv4), m_listener->serverPort(), 0, nullptr,
+                                      nullptr, nullptr));
+    QSignalSpy connected(m_client.data(), &GLinkTransportTcp::newConnection);
+
+    m_client->run();
+
+    QCOMPARE(connected.size(), 1);
+    QCOMPARE(connected.first().at(1).value<GLinkTransportTcp*>(), m_client.data());
 }
 
 void TestGLinkTcpClient::aLostConnectionIsTheEnd()
