@@ -4,8 +4,30 @@
 #include "glinktransportfallback.h"
 #include "glinktransporttcp.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDebug>
+#include <QThread>
+
+namespace {
+
+/// Deletes a link behind all that it has told and will tell the main thread, which names it: closes it in its own
+/// thread, where it says its last, and schedules its deletion when the main thread has heard that.
+void deleteWhenHeard(GLinkTransportTcp* link)
+{
+    const auto scheduleDeletion = [guard = QPointer<GLinkTransportTcp>(link)] {
+        if (guard) {
+            guard->deleteLater();
+        }
+    };
+    const auto close = [link, scheduleDeletion] {
+        link->close();
+        QMetaObject::invokeMethod(QCoreApplication::instance(), scheduleDeletion, Qt::QueuedConnection);
+    };
+    QMetaObject::invokeMethod(link, close, Qt::QueuedConnection);
+}
+
+} // namespace
 
 QVector<GLinkConnection*> GLinkConnection::s_fallbackUser;
 
@@ -33,7 +55,9 @@ GLinkConnection::GLinkConnection(quint16 peerId, GLinkTransportFallback* fallbac
 GLinkConnection::~GLinkConnection()
 {
     s_fallbackUser.removeAll(this);
-    if (m_gLink) {
+    if (m_gLink && m_gLink->thread() != thread()) {
+        deleteWhenHeard(m_gLink);
+    } else if (m_gLink) {
         m_gLink->deleteLater();
     }
 }

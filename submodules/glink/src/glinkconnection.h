@@ -48,7 +48,7 @@ public:
                     QObject* parent);
     GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, AppLog* log, QObject* parent);
     GLinkConnection(quint16 peerId, GLinkTransportFallback* fallbackLink, AppLog* log, QObject* parent);
-    /// Schedules the TCP link for deletion, and leaves the fallback's turns.
+    /// Schedules the TCP link for deletion, behind what it has already reported, and leaves the fallback's turns.
     ~GLinkConnection() override;
 
     quint16 peerId() const { return m_peerId; }

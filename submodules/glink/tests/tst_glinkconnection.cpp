@@ -5,6 +5,7 @@
 
 #include <QPointer>
 #include <QSignalSpy>
+#include <QThread>
 #include <QtTest>
 
 class TestGLinkConnection : public QObject
@@ -65,6 +66,7 @@ private slots:
     void outsiderWithoutUsersFindsNothing();
     void destroyedConnectionLeavesTheTurns();
     void destroyedConnectionFreesItsTransport();
+    void transportOfADestroyedConnectionOutlivesWhatItHasSaid();
 
 private:
     QScopedPointer<NoApplications> m_noApplications;
@@ -88,6 +90,36 @@ public:
     using GLinkConnection::getNextFallbackMessage;
     using GLinkConnection::m_nextRefNr;
     using GLinkConnection::updateRefNr;
+};
+
+/// A thread for links, as each has in the server.
+class LinkThread
+{
+public:
+    LinkThread()
+    {
+        m_worker.moveToThread(&thread);
+        thread.start();
+    }
+    ~LinkThread()
+    {
+        thread.quit();
+        thread.wait();
+    }
+    LinkThread(const LinkThread&) = delete;
+    LinkThread& operator=(const LinkThread&) = delete;
+
+    /// Runs `action` in the thread, behind what is posted there already, and waits for its end.
+    template<typename Action>
+    void run(Action action)
+    {
+        QMetaObject::invokeMethod(&m_worker, action, Qt::BlockingQueuedConnection);
+    }
+
+    QThread thread;
+
+private:
+    QObject m_worker;
 };
 
 void joinTcp(GLinkConnection& unit, GLinkTransportTcp& link)
@@ -807,6 +839,26 @@ void TestGLinkConnection::destroyedConnectionFreesItsTransport()
     QVERIFY(tcp);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     QVERIFY(!tcp);
+}
+
+// The hub may not have looked at an INIT yet that names the transport.
+void TestGLinkConnection::transportOfADestroyedConnectionOutlivesWhatItHasSaid()
+{
+    LinkThread linkThread;
+    const QPointer<GLinkTransportTcp> tcp = new FakeTcpLink;
+    tcp->moveToThread(&linkThread.thread);
+    QObject hub;
+    bool existedWhenHeard = false;
+    connect(tcp, &GLinkTransportTcp::newConnection, &hub, [&] { existedWhenHeard = !tcp.isNull(); });
+    auto* const unit = new GLinkConnection(5, tcp.data(), nullptr, nullptr);
+    linkThread.run([&] { emit tcp->newConnection(5, tcp); });
+
+    delete unit;
+    linkThread.run([] {}); // has done all that it was told to
+    QCoreApplication::processEvents();
+
+    QVERIFY(existedWhenHeard);
+    QTRY_VERIFY(!tcp);
 }
 
 QTEST_GUILESS_MAIN(TestGLinkConnection)
