@@ -1,5 +1,6 @@
 #include "applicationchecksums.h"
 
+#include "filetimes.h"
 #include "manifestindex.h"
 #include "md5checksum.h"
 
@@ -13,7 +14,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 
 #include <sys/stat.h>
@@ -25,15 +25,9 @@ using namespace std::chrono_literals;
 constexpr int IdleThreadMs = 1000;
 constexpr auto InterruptionCheck = 50ms;
 
-/// A file that changed this recently may change once more without a new time stamp, because file systems stamp in
-/// steps (10 ms here, up to 2 s elsewhere). Its digest is not kept.
+/// The digest of a file that changed this recently is not kept.
 constexpr std::chrono::milliseconds DefaultSettlingTime = 2s;
 std::atomic<std::chrono::milliseconds> s_settlingTime{DefaultSettlingTime};
-
-std::chrono::nanoseconds sinceEpoch(const timespec& time)
-{
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
 
 /// What is known of a folder without reading its files. Equal states of a settled folder mean equal contents.
 struct FolderState
@@ -59,11 +53,9 @@ void addFile(const QString& path, QCryptographicHash& fingerprint, bool& isSettl
     addNumber(fingerprint, file.st_dev);
     addNumber(fingerprint, file.st_ino);
     addNumber(fingerprint, file.st_size);
-    addNumber(fingerprint, sinceEpoch(file.st_mtim).count());
-    addNumber(fingerprint, sinceEpoch(file.st_ctim).count());
-
-    const auto age = std::chrono::system_clock::now().time_since_epoch() - sinceEpoch(file.st_ctim);
-    isSettled = isSettled && std::chrono::abs(age) > s_settlingTime.load();
+    addNumber(fingerprint, FileTimes::sinceEpoch(file.st_mtim).count());
+    addNumber(fingerprint, FileTimes::sinceEpoch(file.st_ctim).count());
+    isSettled = isSettled && FileTimes::isSettled(file, s_settlingTime);
 }
 
 FolderState stateOf(const QString& directory)
@@ -102,9 +94,9 @@ public:
         return workshop;
     }
 
-    std::shared_ptr<Job> order(const QString& root);
-    void whenDone(const std::shared_ptr<Job>& job, QObject* context,
-                  const std::function<void(const ApplicationChecksumList&)>& onReady);
+    std::shared_future<ApplicationChecksumList> order(const QString& root);
+    void whenReady(const std::shared_future<ApplicationChecksumList>& list, QObject* context,
+                   const std::function<void(const ApplicationChecksumList&)>& onReady);
     quint64 hashCount() const { return m_hashCount; }
 
 private:
@@ -136,29 +128,30 @@ private:
     QMap<QString, Digest> m_digests; ///< by folder
 };
 
-std::shared_ptr<Job> Workshop::order(const QString& root)
+std::shared_future<ApplicationChecksumList> Workshop::order(const QString& root)
 {
     std::shared_ptr<Job> latest = std::atomic_load(&m_latest);
     if (latest && latest->root == root && !latest->begun) {
-        return latest;
+        return latest->list;
     }
     auto job = std::make_shared<Job>(root);
-    std::atomic_store(&m_latest, job);
     m_pool.start([this, job] { serve(*job); });
-    return job;
+    // Only now may others share it: what they start behind it relies on its being under way.
+    std::atomic_store(&m_latest, job);
+    return job->list;
 }
 
-void Workshop::whenDone(const std::shared_ptr<Job>& job, QObject* context,
-                        const std::function<void(const ApplicationChecksumList&)>& onReady)
+void Workshop::whenReady(const std::shared_future<ApplicationChecksumList>& list, QObject* context,
+                         const std::function<void(const ApplicationChecksumList&)>& onReady)
 {
     // The pool's thread cannot know whether `context` still exists; this object in the thread of `context` can, and
     // lives until it has reported.
     auto* const messenger = new QObject;
     messenger->moveToThread(context->thread());
-    m_pool.start([messenger, job, onReady, receiver = QPointer<QObject>(context)] {
+    m_pool.start([messenger, list, onReady, receiver = QPointer<QObject>(context)] {
         const auto report = [=] {
             if (receiver) {
-                onReady(job->list.get());
+                onReady(list.get());
             }
         };
         QMetaObject::invokeMethod(messenger, report, Qt::QueuedConnection);
@@ -222,13 +215,13 @@ namespace ApplicationChecksums {
 
 std::shared_future<ApplicationChecksumList> request(const QString& rootPath)
 {
-    return Workshop::instance().order(rootPath)->list;
+    return Workshop::instance().order(rootPath);
 }
 
-void request(const QString& rootPath, QObject* context, std::function<void(const ApplicationChecksumList&)> onReady)
+void whenReady(const std::shared_future<ApplicationChecksumList>& list, QObject* context,
+               std::function<void(const ApplicationChecksumList&)> onReady)
 {
-    Workshop& workshop = Workshop::instance();
-    workshop.whenDone(workshop.order(rootPath), context, onReady);
+    Workshop::instance().whenReady(list, context, onReady);
 }
 
 ApplicationChecksumList waitFor(const std::shared_future<ApplicationChecksumList>& list)

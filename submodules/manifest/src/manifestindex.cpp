@@ -1,12 +1,12 @@
 #include "manifestindex.h"
 
 #include "applicationmanifest.h"
+#include "filetimes.h"
 
 #include <QDirIterator>
 #include <QFile>
 
 #include <chrono>
-#include <cstdlib>
 
 #include <sys/stat.h>
 
@@ -15,17 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto SettlingTime = 2s;
-
-std::chrono::nanoseconds sinceEpoch(const timespec& time)
-{
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-bool isSettled(const struct stat& entry)
-{
-    const auto age = std::chrono::system_clock::now().time_since_epoch() - sinceEpoch(entry.st_ctim);
-    return std::chrono::abs(age) > SettlingTime;
-}
 
 /// Times and identities of the entries; a missing one counts as such.
 /// @param isTrusted  becomes false when one of them changed a moment ago.
@@ -44,8 +33,8 @@ QByteArray fingerprintOf(const QStringList& paths, bool& isTrusted)
         Trace trace = {};
         if (::stat(QFile::encodeName(path).constData(), &entry) == 0) {
             // Every change of contents, names or rights sets the change time, which nobody can set back.
-            trace = {entry.st_dev, entry.st_ino, sinceEpoch(entry.st_ctim).count()};
-            isTrusted = isTrusted && isSettled(entry);
+            trace = {entry.st_dev, entry.st_ino, FileTimes::sinceEpoch(entry.st_ctim).count()};
+            isTrusted = isTrusted && FileTimes::isSettled(entry, SettlingTime);
         }
         fingerprint.append(reinterpret_cast<const char*>(&trace), sizeof(trace));
     }
