@@ -19,7 +19,12 @@
 #include <QThread>
 #include <QTimer>
 
+#include <chrono>
+#include <utility>
+
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr char SourceUnit[] = "src/rgplink/rgpcom";
 
@@ -37,6 +42,9 @@ constexpr unsigned int BuStateArmed = 17;
 constexpr int ProcessDataShift = 2;
 
 constexpr unsigned long FallbackThreadJoinMs = 1000;
+
+/// How long the first INIT holds up the main thread, at most, when it comes before the list of checksums.
+constexpr auto ChecksumPatience = 100ms;
 
 QString addressOf(const GLinkConnection* connection)
 {
@@ -307,6 +315,10 @@ void RGPCom::handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel
         qDebug() << "No glink connection, GLINK_MSG_ID_INITACK RU" << init.remoteId;
         return;
     }
+    if (channel != nullptr && mustAwaitChecksums()) {
+        decideLater(init, channel);
+        return;
+    }
     const GLinkInitAck answer = verdictOn(init);
     if (!connection->initChannel(channel)) {
         return;
@@ -318,6 +330,27 @@ void RGPCom::handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel
     } else {
         reportRefusal(init.remoteId, answer);
     }
+}
+
+/// The main thread also opens the relay. It does not wait for a large application to be hashed; one of usual size is
+/// done in no time.
+bool RGPCom::mustAwaitChecksums()
+{
+    if (!m_orderedList.valid()) {
+        return false;
+    }
+    const auto patience = std::exchange(m_hasAwaitedChecksums, true) ? 0ms : ChecksumPatience;
+    return m_orderedList.wait_for(patience) != std::future_status::ready;
+}
+
+void RGPCom::decideLater(const GLinkInitMsg& init, GLinkTransportBase* channel)
+{
+    const auto decide = [this, init, guard = QPointer<GLinkTransportBase>(channel)](const ApplicationChecksumList&) {
+        if (guard) {
+            handleInitMsg(init, guard);
+        }
+    };
+    ApplicationChecksums::whenReady(m_orderedList, this, decide);
 }
 
 GLinkInitAck RGPCom::verdictOn(const GLinkInitMsg& init)
@@ -382,7 +415,7 @@ void RGPCom::configChanged()
         m_checksumList = list;
         m_orderedList = {};
     };
-    ApplicationChecksums::request(ApplicationManifest::root(), this, takeOver);
+    ApplicationChecksums::whenReady(ApplicationChecksums::request(ApplicationManifest::root()), this, takeOver);
 }
 
 // --- To remote units ------------------------------------------------------------------------------------------------

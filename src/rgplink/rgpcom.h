@@ -69,7 +69,8 @@ public:
     void initialize(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback);
 
     /// Decides on an INIT and queues the answer. An INIT for an unknown unit gets none, and one that came over a link
-    /// which the unit has replaced meanwhile neither.
+    /// which the unit has replaced meanwhile neither. Before the first list of checksums is complete, the decision is
+    /// put off until it is.
     void handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel);
 
     /// The unit whose machine stop counts.
@@ -144,6 +145,8 @@ private:
 
     void insertConnection(quint16 remoteId, GLinkConnection* connection);
     void handleMachineStop(quint16 remoteId);
+    bool mustAwaitChecksums();
+    void decideLater(const GLinkInitMsg& init, GLinkTransportBase* channel);
     GLinkInitAck verdictOn(const GLinkInitMsg& init);
     void sendKeptPeriodicData(GLinkConnection* connection);
     void reportRefusal(quint16 remoteId, const GLinkInitAck& answer);
@@ -160,6 +163,7 @@ private:
     AppLog* const m_log = nullptr;
     ApplicationChecksumList m_checksumList;
     std::shared_future<ApplicationChecksumList> m_orderedList; ///< valid until the first list has been taken
+    bool m_hasAwaitedChecksums = false;
     quint16 m_lastReportedErrorRU = 0; ///< a unit that retries every few seconds is reported once
     QPointer<QThread> m_fallbackThread;
 };

@@ -25,6 +25,7 @@ private slots:
     void refusalIsLoggedOncePerUnit();
     void checksumIsComparedWhenAnApplicationIsInstalled();
     void unchangedApplicationIsNotHashedForEachInit();
+    void firstInitDoesNotWaitForALargeApplication();
     void configChangedRenewsTheChecksumsInTheBackground();
     void keptPeriodicDataFollowsTheAnswer_data();
     void keptPeriodicDataFollowsTheAnswer();
@@ -236,6 +237,24 @@ void TestRGPCom::unchangedApplicationIsNotHashedForEachInit()
     }
     QCOMPARE(ApplicationChecksums::hashCount(), hashed);
     QCOMPARE(h.link.sent.all.last().data.toHex(), initAckPayload(0, "").toHex());
+}
+
+// Machine stops and the relay are served by the same thread as the INIT.
+void TestRGPCom::firstInitDoesNotWaitForALargeApplication()
+{
+    const QByteArray checksum = m_unit->installLargeApplication();
+    const quint64 hashed = ApplicationChecksums::hashCount();
+    Hub h(*m_unit);
+    for (int i = 0; i < 3; ++i) {
+        h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, checksum), &h.link);
+    }
+    h.hub.dataFromGLink(Unit, Command, "served meanwhile", &h.link);
+    QCOMPARE(ApplicationChecksums::hashCount(), hashed); // all of that before the list is complete
+
+    QTRY_VERIFY_WITH_TIMEOUT(h.link.sent.count(InitAck) >= 1, 20000);
+    for (const SentMessage& message : qAsConst(h.link.sent.all)) {
+        QCOMPARE(message.data.toHex(), initAckPayload(0, "").toHex());
+    }
 }
 
 // Until the new list is complete, INIT is judged by the last complete one.

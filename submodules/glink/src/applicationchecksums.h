@@ -28,9 +28,10 @@ namespace ApplicationChecksums {
 /// @return the list to come; empty when the process ends meanwhile.
 std::shared_future<ApplicationChecksumList> request(const QString& rootPath);
 
-/// The same, and calls `onReady` with it in the thread of `context` (queued). Several requests report in their order;
-/// nothing is called after `context` is gone.
-void request(const QString& rootPath, QObject* context, std::function<void(const ApplicationChecksumList&)> onReady);
+/// Calls `onReady` with an ordered list in the thread of `context` (queued) when it is complete. Several calls report
+/// in their order; nothing is called after `context` is gone.
+void whenReady(const std::shared_future<ApplicationChecksumList>& list, QObject* context,
+               std::function<void(const ApplicationChecksumList&)> onReady);
 
 /// Waits for an ordered list, and stops waiting when the calling thread is asked to interrupt itself.
 /// @return the list; empty after an interruption.

@@ -200,8 +200,8 @@ void TestApplicationChecksums::resultsReachTheRequestersThread()
         results.append(result);
     };
 
-    ApplicationChecksums::request(m_root, &receiver, collect);
-    ApplicationChecksums::request(m_root + "/missing", &receiver, collect);
+    ApplicationChecksums::whenReady(ApplicationChecksums::request(m_root), &receiver, collect);
+    ApplicationChecksums::whenReady(ApplicationChecksums::request(m_root + "/missing"), &receiver, collect);
     QVERIFY(results.isEmpty());
 
     QTRY_COMPARE(results.size(), 2);
@@ -214,12 +214,13 @@ void TestApplicationChecksums::resultsAreDroppedWithTheirReceiver()
     bool isCalled = false;
     {
         QObject receiver;
-        ApplicationChecksums::request(m_root, &receiver, [&](const ApplicationChecksumList&) { isCalled = true; });
+        ApplicationChecksums::whenReady(ApplicationChecksums::request(m_root), &receiver,
+                                        [&](const ApplicationChecksumList&) { isCalled = true; });
     }
     QObject laterReceiver;
     bool isLaterCalled = false;
-    ApplicationChecksums::request(m_root, &laterReceiver,
-                                  [&](const ApplicationChecksumList&) { isLaterCalled = true; });
+    ApplicationChecksums::whenReady(ApplicationChecksums::request(m_root), &laterReceiver,
+                                    [&](const ApplicationChecksumList&) { isLaterCalled = true; });
 
     QTRY_VERIFY(isLaterCalled);
     QVERIFY(!isCalled);
@@ -248,8 +249,9 @@ void TestApplicationChecksums::aLargeApplicationDoesNotHoldUpTheEventLoop()
     rhythm.start(1);
     QByteArray digest;
 
-    ApplicationChecksums::request(m_root, this,
-                                  [&](const ApplicationChecksumList& result) { digest = result.value(m_app).toHex(); });
+    ApplicationChecksums::whenReady(
+        ApplicationChecksums::request(m_root), this,
+        [&](const ApplicationChecksumList& result) { digest = result.value(m_app).toHex(); });
 
     QTRY_VERIFY(!digest.isEmpty());
     // The digest of 64 MiB takes some 100 ms.
