@@ -8,7 +8,9 @@ left without having entered, or more often than it entered, is never explained.
 from __future__ import annotations
 
 import collections
-from typing import Iterable, NamedTuple
+from typing import Hashable, Iterable, NamedTuple, Optional
+
+from .rules import MEANING
 
 
 class Window(NamedTuple):
@@ -19,9 +21,17 @@ class Window(NamedTuple):
     reason: str
 
 
+class Barrier(NamedTuple):
+    """What entered before `before` must not leave after `after`: it would come back from before a loss."""
+
+    before: float
+    after: float
+
+
 class Account:
     """Payloads of one kind from one link to one place. Used on the loop's thread, or while nothing is under way.
 
+    `name`     "LINK: what", as it stands in the statement
     `exact`    every single payload is accounted for by its content; otherwise only numbers are compared
     `ordered`  what leaves must leave in the order in which it entered
     `overtaken` how many left behind a later one, and were allowed to
@@ -31,26 +41,36 @@ class Account:
     def __init__(self, name: str, exact: bool = True, ordered: bool = True):
         self.name, self.exact, self.ordered = name, exact, ordered
         self.windows: list[Window] = []
+        self.barriers: list[Barrier] = []
         self.dropped: collections.Counter = collections.Counter()
         self.violations: list[str] = []
         self.overtaken = 0
-        self._in: list[tuple[float, bytes]] = []
-        self._out: list[bytes] = []
+        self._in: list[tuple[float, Hashable]] = []
+        self._out: list[tuple[Optional[float], Hashable]] = []
         self._ruled_out = 0
+        self._excused: collections.Counter = collections.Counter()
 
-    def enter(self, when: float, payload: bytes) -> None:
+    def enter(self, when: float, payload: Hashable) -> None:
         self._in.append((when, payload))
 
-    def leave(self, payload: bytes) -> None:
-        self._out.append(payload)
+    def leave(self, payload: Hashable, when: Optional[float] = None) -> None:
+        """`when` is needed only where there are barriers."""
+        self._out.append((when, payload))
 
-    def rule(self, reason: str) -> None:
-        """One payload entered and was dropped by a rule whose effect is known at once."""
-        self.dropped[reason] += 1
-        self._ruled_out += 1
+    def rule(self, reason: str, count: int = 1) -> None:
+        """Payloads entered and were dropped by a rule whose effect is known at once."""
+        self.dropped[reason] += count
+        self._ruled_out += count
 
     def may_drop(self, begin: float, end: float, reason: str) -> None:
         self.windows.append(Window(begin, end, reason))
+
+    def excuse(self, reason: str, count: int) -> None:
+        """Where numbers alone are compared: so many at most may be missing, for this reason."""
+        self._excused[reason] += count
+
+    def must_not_return(self, before: float, after: float) -> None:
+        self.barriers.append(Barrier(before, after))
 
     @property
     def entered(self) -> int:
@@ -62,58 +82,107 @@ class Account:
 
     def close(self) -> "Account":
         """Settles the books, once, when nothing is under way any more."""
-        if not self.exact:
+        if self.exact:
+            self._settle()
+        else:
             self._settle_numbers()
-            return self
-        places: dict[bytes, collections.deque] = collections.defaultdict(collections.deque)
+        unknown = self.dropped.keys() - MEANING.keys()
+        self.violations += [f"{self.name}: {self.dropped[reason]} dropped, {reason}, which is no rule" for reason in unknown]
+        return self
+
+    def _settle(self) -> None:
+        places: dict[Hashable, collections.deque] = collections.defaultdict(collections.deque)
         for place, (_, payload) in enumerate(self._in):
             places[payload].append(place)
-        taken = [self._take(places, payload) for payload in self._out]
+        taken = [self._take(places, payload, when) for when, payload in self._out]
         self._judge_order([place for place in taken if place is not None])
         for place in sorted(place for rest in places.values() for place in rest):
             self._explain(*self._in[place])
-        return self
 
-    def _take(self, places: dict, payload: bytes):
-        if places[payload]:
-            return places[payload].popleft()
-        self.violations.append(f"{self.name}: {payload[:8].hex(' ')} left more often than it entered")
-        return None
+    def _take(self, places: dict, payload: Hashable, when: Optional[float]) -> Optional[int]:
+        if not places[payload]:
+            self.violations.append(f"{self.name}: {told(payload)} left more often than it entered")
+            return None
+        place = places[payload].popleft()
+        entered = self._in[place][0]
+        if when is not None and any(entered < barrier.before and when > barrier.after for barrier in self.barriers):
+            self.violations.append(f"{self.name}: {told(payload)} of {entered:.3f} s came back at {when:.3f} s, after a loss")
+        return place
 
     def _judge_order(self, taken: list[int]) -> None:
         """A payload may be overtaken only where it could as well have been dropped: what a unit had under way on the
         path that it left may arrive behind what already came over the new one."""
         passed = [later for earlier, later in zip(taken, taken[1:]) if later < earlier]
-        late = sum(self._reason_at(self._in[place][0]) is None for place in passed)
+        late = sum(self.reason_at(self._in[place][0]) is None for place in passed)
         self.overtaken = len(passed) - late
         if self.ordered and late:
             self.violations.append(f"{self.name}: {late} times a later one came first")
 
-    def _reason_at(self, when: float):
+    def reason_at(self, when: float) -> Optional[str]:
+        """Why something that entered then may have been dropped."""
         return next((window.reason for window in self.windows if window.begin <= when <= window.end), None)
 
-    def _explain(self, when: float, payload: bytes) -> None:
-        reason = self._reason_at(when)
+    def _explain(self, when: float, payload: Hashable) -> None:
+        reason = self.reason_at(when)
         if reason is None:
-            self.violations.append(f"{self.name}: {payload[:8].hex(' ')} entered at {when:.3f} s and never left")
+            self.violations.append(f"{self.name}: {told(payload)} entered at {when:.3f} s and never left")
         else:
             self.dropped[reason] += 1
 
     def _settle_numbers(self) -> None:
         missing = len(self._in) - len(self._out)
+        for reason, count in self._excused.items():
+            self.dropped[reason] += min(count, max(missing, 0))
+            missing -= min(count, max(missing, 0))
+        self.dropped = +self.dropped
         if missing < 0:
             self.violations.append(f"{self.name}: {-missing} more left than entered")
         elif missing:
-            self.dropped[self.windows[0].reason if self.windows else "unexplained"] += missing
-            if not self.windows:
-                self.violations.append(f"{self.name}: {missing} never left")
+            self.violations.append(f"{self.name}: {missing} never left")
 
     def __str__(self) -> str:
         drops = ", ".join(f"{count} {reason}" for reason, count in sorted(self.dropped.items()))
         if self.overtaken:
             drops += f"{', ' if drops else ''}{self.overtaken} overtaken on a change of path"
-        return (f"{self.name:44} {self.entered:7} in = {self.delivered:7} out + {sum(self.dropped.values()):5} dropped"
-                f"{' (' + drops + ')' if drops else ''}   [{'exact' if self.exact else 'by number'}]")
+        return f"{self.entered:8} in = {self.delivered:8} out + {sum(self.dropped.values()):6} dropped  {drops}".rstrip()
+
+
+class Alike(Account):
+    """Payloads of which many look the same, so that nobody can tell which of them was dropped: each that leaves is taken
+    for the newest that may have been meant, the last first. What leaves out of order then finds none."""
+
+    def _settle(self) -> None:
+        end, missing = len(self._in), set(range(len(self._in)))
+        for when, payload in reversed(self._out):
+            place = end - 1
+            while place >= 0 and (self._in[place][1] != payload or self._in[place][0] > when):
+                place -= 1
+            if place < 0:
+                self.violations.append(f"{self.name}: {told(payload)} left at {when:.3f} s without having entered in its turn")
+            else:
+                end = place
+                missing.discard(place)
+        for place in sorted(missing):
+            self._explain(*self._in[place])
+
+
+def told(payload: Hashable) -> str:
+    """A payload in a message: the first bytes of one that is bytes."""
+    return payload[:8].hex(" ") if isinstance(payload, bytes) else str(payload)
+
+
+def statement(accounts: Iterable[Account]) -> list[str]:
+    """The accounts as a table, link by link, with the meaning of every reason in it."""
+    lines, link, reasons = [], None, set()
+    for account in accounts:
+        here, _, what = account.name.partition(": ")
+        if here != link:
+            link = here
+            lines += ["", link]
+        lines.append(f"  {what:44}{account}{'' if account.exact else '   (by number)'}")
+        reasons |= account.dropped.keys()
+    lines += ["", "Dropped"]
+    return lines + [f"  {reason:44}{MEANING.get(reason, 'NO RULE')}" for reason in sorted(reasons)]
 
 
 def slope(samples: Iterable[tuple[float, float]]) -> float:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import socket
+import struct
 from typing import Optional
 
 from .journal import FROM_BASE_UNIT, TO_BASE_UNIT, Journal
@@ -12,6 +13,8 @@ from .loop import Loop
 LINK = "api"
 REQUEST_PORT, REPLY_PORT = 6250, 6251
 LOOPBACK = "127.0.0.1"
+
+_SO_MEMINFO, _MEMINFO, _DROPS = 55, struct.Struct("9I"), 8
 
 
 class ApiClient:
@@ -42,6 +45,10 @@ class ApiClient:
     def tag(self, key: str) -> Optional[str]:
         """The value of one member in the newest status object."""
         return self.status.get(key)
+
+    def drops(self) -> int:
+        """How many datagrams the kernel has dropped for want of room, because they were not read in time."""
+        return _MEMINFO.unpack(self._udp.getsockopt(socket.SOL_SOCKET, _SO_MEMINFO, _MEMINFO.size))[_DROPS]
 
     def close(self) -> None:
         self._loop.call(self._loop.watch, self._udp)

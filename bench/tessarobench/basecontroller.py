@@ -14,6 +14,7 @@ from . import internallink as il
 from .impair import Impairment
 from .journal import BENCH, FROM_BASE_UNIT, TO_BASE_UNIT, Journal
 from .loop import Loop, Timer
+from .pieces import Pieces
 from .processimage import ProcessImage
 from .serialline import SerialLine
 
@@ -48,6 +49,7 @@ class BaseController:
     `answers_config`, `answers_repeats`   whether it answers those requests at all, and a repeated one once more
     `deaf`         when true, received frames are journalled and otherwise ignored
     `deaf_to`      the same for single services
+    `pieces`       how what it sends is cut into writes
     `handlers`     service id -> function(payload) for services that others add, such as the fallback relay; a repeated
                    packet is handed over once
     `retry_seconds`   how long it waits for an acknowledgement. The base unit takes a repeat for a new packet, so where
@@ -76,6 +78,7 @@ class BaseController:
         self._answered_at = 0.0
         self._periodic: list[Timer] = []
         self.line = SerialLine(loop, fd, self._bytes_received)
+        self.pieces = Pieces(loop, self.line.write)
 
     # --- sending ---------------------------------------------------------------------------------------------------
 
@@ -121,12 +124,12 @@ class BaseController:
     def send_bytes(self, raw: bytes) -> None:
         """Raw bytes on the line, unimpaired."""
         self._journal_bench("raw bytes", raw, size=len(raw))
-        self._loop.call(self.line.write, raw)
+        self._loop.call(self.pieces.write, raw)
 
     @property
     def idle(self) -> bool:
         """Whether everything queued was acknowledged or given up, and all bytes have left."""
-        return not self._queue and self.line.drained
+        return not self._queue and self.pieces.empty and self.line.drained
 
     # --- faults ----------------------------------------------------------------------------------------------------
 
@@ -189,7 +192,7 @@ class BaseController:
     def _transmit(self, packet: il.Packet, **extra) -> None:
         raw = il.frame(packet)
         kind, detail = il.describe(packet, from_base_unit=False)
-        outcome = self.to_base_unit.apply(raw, self.line.write)
+        outcome = self.to_base_unit.apply(raw, self.pieces.write)
         if outcome != "passed":
             extra["fate"] = outcome
         self._journal.add(LINK, TO_BASE_UNIT, kind, raw, **detail, **{key: v for key, v in extra.items() if v})
@@ -239,7 +242,7 @@ class BaseController:
             self._transmit(packet)
         else:
             self._journal.add(LINK, TO_BASE_UNIT, "damaged", raw, fate="corrupted")
-            self.line.write(raw)
+            self.pieces.write(raw)
 
     def _asked(self, packet: il.Packet) -> None:
         """A repeated question whose answer has left already gets no second one: answers carry no key, so the base unit

@@ -25,7 +25,7 @@ class Impairment:
         self._loop, self._random = loop, random.Random(1)
         self.reorder, self.mute = reorder, False
         self._script: collections.deque[Fate] = collections.deque()
-        self._waiting = 0
+        self._waiting: collections.deque[tuple[bytes, Callable[[bytes], None]]] = collections.deque()
         self._busy_until = 0.0
         self.chances()
 
@@ -86,12 +86,14 @@ class Impairment:
         if not delay and (not self._waiting or self.reorder):
             deliver(data)
             return
-        due = time.monotonic() + delay
-        if not self.reorder:
-            due = self._busy_until = max(due, self._busy_until)
-        self._waiting += 1
-        self._loop.later(max(0.0, due - time.monotonic()), lambda: self._arrive(data, deliver))
+        if self.reorder:
+            self._loop.later(delay, lambda: deliver(data))
+            return
+        due = self._busy_until = max(time.monotonic() + delay, self._busy_until)
+        self._waiting.append((data, deliver))
+        self._loop.later(max(0.0, due - time.monotonic()), self._next_arrives)
 
-    def _arrive(self, data: bytes, deliver: Callable[[bytes], None]) -> None:
-        self._waiting -= 1
+    def _next_arrives(self) -> None:
+        """Whichever timer it was: in the order in which they were sent."""
+        data, deliver = self._waiting.popleft()
         deliver(data)

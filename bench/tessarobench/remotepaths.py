@@ -11,6 +11,7 @@ from typing import Callable, Optional
 
 from .fallbackrelay import FallbackRelay
 from .loop import Loop, Timer
+from .pieces import Pieces
 
 TCP, FALLBACK = "TCP", "fallback"
 
@@ -24,7 +25,7 @@ _DROP_EVERYTHING = ctypes.create_string_buffer(struct.pack("HBBI", 0x06, 0, 0, 0
 class TcpPath:
     """One connection, from connecting to its end. Used on the loop's thread; takes over the socket.
 
-    `opened()` is called when it stands, `received(data)` with what comes, `ended(reason)` once when it is over without
+    `pieces` says how what is written is cut. `opened()` is called when it stands, `received(data)` with what comes, `ended(reason)` once when it is over without
     our having closed it.
     """
 
@@ -34,6 +35,7 @@ class TcpPath:
                  ended: Callable[[str], None], small_buffer: bool = False):
         self._loop, self._tcp = loop, tcp
         self._opened, self._received, self._ended = opened, received, ended
+        self.pieces = Pieces(loop, self._queue)
         self._pending = bytearray()
         self._dribble: Optional[float] = None
         self._dribbler: Optional[Timer] = None
@@ -54,6 +56,9 @@ class TcpPath:
 
     def write(self, data: bytes) -> None:
         """Bytes wait in order until the connection takes them; after its end they are dropped."""
+        self.pieces.write(data)
+
+    def _queue(self, data: bytes) -> None:
         if self.is_closed or self.has_vanished:
             return
         self._pending += data
@@ -88,6 +93,7 @@ class TcpPath:
         instruction = struct.pack("HP", 1, ctypes.addressof(_DROP_EVERYTHING))
         self._tcp.setsockopt(socket.SOL_SOCKET, _SO_ATTACH_FILTER, instruction)
         self.has_vanished = True
+        self.pieces.drop()
         self._pending.clear()
         self._watch()
 

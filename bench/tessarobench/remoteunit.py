@@ -11,6 +11,7 @@ from typing import Any, Callable, Optional
 from . import glink
 from .glink import Frame, InitAck
 from .loop import Timer
+from .pieces import Pieces
 from .remotepaths import TcpPath
 from .unitsession import Outgoing, Received, UnitSession
 
@@ -150,6 +151,11 @@ class RemoteUnit(UnitSession):
 
     def write_bytewise(self, pause: Optional[float] = 0.0) -> None:
         self._loop.call(self._tcp.write_bytewise, pause)
+
+    @property
+    def pieces(self) -> Pieces:
+        """How what it sends on its present connection is cut into writes."""
+        return self._tcp.pieces
 
     def read_slowly(self, size: int, period: float) -> None:
         self._loop.call(self._tcp.read_slowly, size, period)

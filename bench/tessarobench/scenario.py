@@ -9,6 +9,11 @@
     at 1.0  down eth0                           an action (ACTIONS) at its second, in the order of the file
     then    relay closed                        a condition (CONDITIONS) that must come true within ten seconds
 
+Actions: mute, unmute (uart or a unit); silence, speak (the machine controller); down, up, unplug, plug (eth0 or wlan0);
+vanish, join, fallback, reset, babble, slow, bytewise, rejoin (a unit, with seconds where it takes any); split, gather, whole
+(how uart or a unit writes: at most so many bytes at once, what comes within so many seconds in one, as it comes); noise (so
+many bytes on the uart).
+
 "#" begins a comment. Load is that of the soak, at the nominal pace times `pace` (4). At the end the books are closed, and
 must balance, whatever the file says.
 """
@@ -19,8 +24,10 @@ from pathlib import Path
 from typing import Callable, NamedTuple
 
 from . import glink
+from .account import statement
 from .impair import Impairment
 from .installation import Installation
+from .pieces import Pieces
 from .plant import Plant
 
 WITHIN = 10.0
@@ -92,6 +99,10 @@ def talk(plant: Plant, on: bool) -> None:
     plant.controller_talks = on
 
 
+def pieces(plant: Plant, who: str) -> Pieces:
+    return (plant.bench.bc if who == "uart" else plant.bench.unit(int(who))).pieces
+
+
 # What may happen: name -> function(plant, words after the name).
 ACTIONS: dict[str, Callable[[Plant, list[str]], object]] = {
     "mute": lambda plant, words: mute(plant.bench, words[0], True),
@@ -107,6 +118,9 @@ ACTIONS: dict[str, Callable[[Plant, list[str]], object]] = {
     "fallback": lambda plant, words: plant.bench.unit(int(words[0])).join_fallback(),
     "reset": lambda plant, words: plant.bench.unit(int(words[0])).leave(hard=True),
     "bytewise": lambda plant, words: plant.bench.unit(int(words[0])).write_bytewise(),
+    "split": lambda plant, words: pieces(plant, words[0]).split(int(words[1])),
+    "gather": lambda plant, words: pieces(plant, words[0]).gather(float(words[1])),
+    "whole": lambda plant, words: pieces(plant, words[0]).whole(),
     "slow": lambda plant, words: setattr(plant.bench.unit(int(words[0])), "ack_delay", float(words[1])),
     "babble": lambda plant, words: plant.bench.unit(int(words[0])).babble(glink.message(glink.PERIODIC_DATA, bytes(200))),
     "noise": lambda plant, words: plant.bench.bc.send_bytes(bytes.fromhex("82") + bytes(range(int(words[0])))),
@@ -152,9 +166,10 @@ def play(scenario: Scenario, server: Path, say: Callable[[str], None] = lambda t
             impairment(bench, link, direction).clear()
         plant.calm()
         failures = [f"not so: {' '.join(words)}" for words in scenario.conditions if not holds(bench, words)]
-        for account in plant.close_books():
-            say(str(account))
-            failures += account.violations
+        accounts = plant.close_books()
+        for line in statement(accounts):
+            say(line)
+        failures += [violation for account in accounts for violation in account.violations]
         bench.loop.raise_failure()
         return failures
 

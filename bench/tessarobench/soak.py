@@ -7,7 +7,7 @@ import time
 from pathlib import Path
 from typing import Callable, NamedTuple
 
-from .account import slope
+from .account import slope, statement
 from .installation import Installation
 from .plant import Plant
 from .remoteunit import RemoteUnit
@@ -138,8 +138,8 @@ class Soak:
 
     def _close_books(self) -> list[str]:
         accounts = self.plant.close_books()
-        for account in accounts:
-            self._say(str(account))
+        for line in statement(accounts):
+            self._say(line)
         return [violation for account in accounts for violation in account.violations]
 
     def _settled(self, timeout: float) -> Usage:

@@ -19,14 +19,14 @@ def test_what_balances():
 
 def test_a_loss_needs_a_window():
     books = account([(1, b"a"), (2, b"b"), (5, b"c")], [b"a"])
-    books.may_drop(1.5, 2.5, "no link")
-    assert books.close().dropped == {"no link": 1}
+    books.may_drop(1.5, 2.5, "unit without a link")
+    assert books.close().dropped == {"unit without a link": 1}
     assert books.violations == ["books: 63 entered at 5.000 s and never left"]
 
 
 def test_a_double_and_a_stranger_are_violations_even_in_a_window():
     books = account([(1, b"a")], [b"a", b"a", b"z"])
-    books.may_drop(0, 9, "no link")
+    books.may_drop(0, 9, "unit without a link")
     assert [line.split()[1] for line in books.close().violations] == ["61", "7a"]
 
 
