@@ -47,6 +47,7 @@ class BlockBook:
         self._arrivals: list[Arrival] = []
         self._joins: list[float] = []
         self._ends: list[float] = []
+        self._taken: list[tuple[float, float]] = []
         self._busy: list[list[float]] = []  # [message received, acknowledgement written] one after the other
 
     @property
@@ -74,6 +75,11 @@ class BlockBook:
             if stretch[1] != float("inf"):
                 break
             stretch[1] = when
+            self.took(stretch[0], when - stretch[0])
+
+    def took(self, when: float, seconds: float) -> None:
+        """How long something took on the way to this unit or from it."""
+        self._taken.append((when, seconds))
 
     def arrived(self, data: bytes, path: str, when: float) -> None:
         self._arrivals.append(Arrival(when, data[0], data[1:], path, len(self._joins)))
@@ -84,7 +90,7 @@ class BlockBook:
         self._in_order = sorted(((arrival, self._blocks[place].when) for place, arrival in self._delivered.items()),
                                 key=lambda pair: pair[0].when)
         self._in_order_times = [arrival.when for arrival, _ in self._in_order]
-        self._latencies = sorted((entered, arrival.when - entered) for arrival, entered in self._in_order)
+        self._taken = sorted([*self._taken, *((entered, arrival.when - entered) for arrival, entered in self._in_order)])
         for place, block in enumerate(self._blocks):
             if place not in self._delivered and self.of[block.origin].reason_at(block.when) is None \
                     and self._was_replaced(block):
@@ -134,10 +140,10 @@ class BlockBook:
         return False
 
     def _patience(self, when: float) -> float:
-        """How long things take at that time, by what was delivered about then."""
-        begin = bisect.bisect_left(self._latencies, (when - NEARBY, 0.0))
-        end = bisect.bisect_right(self._latencies, (when + NEARBY, 0.0))
-        return PATIENCE + 2 * max((latency for _, latency in self._latencies[begin:end]), default=0.0)
+        """How long things take at that time, by what went and came about then."""
+        begin = bisect.bisect_left(self._taken, (when - NEARBY, 0.0))
+        end = bisect.bisect_right(self._taken, (when + NEARBY, 0.0))
+        return PATIENCE + 2 * max((seconds for _, seconds in self._taken[begin:end]), default=0.0)
 
     def _was_busy(self, begin: float, end: float, patience: float) -> bool:
         """Whether a message stood unacknowledged all the time from `begin` to `end`."""

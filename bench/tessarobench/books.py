@@ -75,6 +75,7 @@ class UnitBook:
         self.away_since: Optional[float] = None
         self.left: Optional[tuple[float, float]] = None  # when it left, and when the base unit has noticed
         self.babbles = False
+        self.sent_at = 0.0  # its newest message
 
     @property
     def accounts(self) -> list[Account]:
@@ -230,12 +231,14 @@ class Books:
                 unit.blocks.acknowledged(event.time)
             return
         unit.acks.enter(event.time, event.kind)
+        unit.sent_at = event.time
         self._message_entered(unit, _ID_OF[event.kind], event.detail.get("payload", b""), event.time)
 
     def _received_by_unit(self, unit: UnitBook, event: Event) -> None:
         if event.kind == "ack":
             if event.path == "TCP":
                 unit.acks.leave(event.of, event.time)
+                unit.blocks.took(unit.sent_at, event.time - unit.sent_at)
             return
         if event.kind != glink.NAMES[glink.HEARTBEAT]:
             unit.blocks.message(event.time)

@@ -41,15 +41,18 @@ def _readable(value: Any) -> str:
 
 
 class Journal:
-    """Append-only and bounded: the newest `keep` events stay readable, the counters count all of them.
+    """Append-only and bounded: the newest `keep` events stay readable, and so do the newest of each link and of each kind;
+    the counters count all of them.
 
-    Written and read on the loop's thread; `select`, `count` and `last` may be used in predicates of `Loop.wait_for`.
+    Written on the loop's thread, read on any; `select`, `count` and `last` may be used in predicates of `Loop.wait_for`.
+    They look only at events of the link, or of the link, direction and kind, that is asked for, so they should be asked so.
     """
 
     def __init__(self, keep: int = 200_000):
         self._began = time.monotonic()
         self._wall_began = time.time()
-        self._events: collections.deque[Event] = collections.deque(maxlen=keep)
+        self._keep = keep
+        self._lists: dict[Optional[tuple], list[Event]] = {None: []}  # all, those of a link, those of a kind
         self._indexes = itertools.count()
         self.counters: collections.Counter = collections.Counter()
         self.listeners: list[Callable[[Event], None]] = []
@@ -65,7 +68,8 @@ class Journal:
 
     def add(self, link: str, direction: str, kind: str, data: bytes = b"", **detail: Any) -> Event:
         event = Event(next(self._indexes), self.now, link, direction, kind, detail, bytes(data))
-        self._events.append(event)
+        for key in (None, (link,), (link, direction, kind)):
+            self._append(key, event)
         self.counters[link, direction, kind] += 1
         for listener in self.listeners:
             listener(event)
@@ -73,33 +77,47 @@ class Journal:
 
     def mark(self) -> int:
         """A place in the journal: `since=mark` selects what came afterwards."""
-        return self._events[-1].index + 1 if self._events else 0
+        events = self._lists[None]
+        return events[-1].index + 1 if events else 0
 
     def select(self, link: Optional[str] = None, direction: Optional[str] = None, kind: Optional[str] = None,
                since: int = 0, **detail: Any) -> list[Event]:
         """The kept events that match everything given, oldest first."""
-        found = [event for event in self._newest_first(since)
-                 if link in (None, event.link) and direction in (None, event.direction) and kind in (None, event.kind)
-                 and all(event.detail.get(key) == value for key, value in detail.items())]
+        found = list(self._matches(link, direction, kind, since, detail))
         found.reverse()
         return found
 
-    def last(self, **selection: Any) -> Optional[Event]:
-        found = self.select(**selection)
-        return found[-1] if found else None
+    def last(self, link: Optional[str] = None, direction: Optional[str] = None, kind: Optional[str] = None,
+             since: int = 0, **detail: Any) -> Optional[Event]:
+        return next(self._matches(link, direction, kind, since, detail), None)
 
-    def count(self, **selection: Any) -> int:
-        return len(self.select(**selection))
+    def count(self, link: Optional[str] = None, direction: Optional[str] = None, kind: Optional[str] = None,
+              since: int = 0, **detail: Any) -> int:
+        return sum(1 for _ in self._matches(link, direction, kind, since, detail))
 
     def tail(self, lines: int = 40) -> str:
         """The newest events as text, for the message of a failed expectation."""
-        return "\n".join(str(event) for event in list(self._events)[-lines:])
+        return "\n".join(str(event) for event in self._lists[None][-lines:])
 
-    def _newest_first(self, since: int) -> Iterator[Event]:
-        for event in reversed(tuple(self._events)):
+    def _append(self, key: Optional[tuple], event: Event) -> None:
+        """A list that is shortened becomes another one: whoever reads the old one meanwhile is not disturbed."""
+        events = self._lists.setdefault(key, [])
+        events.append(event)
+        if len(events) > 2 * self._keep:
+            self._lists[key] = events[-self._keep:]
+
+    def _matches(self, link: Optional[str], direction: Optional[str], kind: Optional[str], since: int,
+                 detail: dict) -> Iterator[Event]:
+        """Newest first."""
+        exact = None not in (link, direction, kind)
+        events = self._lists.get((link, direction, kind) if exact else (link,) if link is not None else None, [])
+        for place in range(len(events) - 1, -1, -1):
+            event = events[place]
             if event.index < since:
                 return
-            yield event
+            if (exact or (direction in (None, event.direction) and kind in (None, event.kind))) \
+                    and all(event.detail.get(key) == value for key, value in detail.items()):
+                yield event
 
     def __iter__(self) -> Iterator[Event]:
-        return iter(list(self._events))
+        return iter(list(self._lists[None]))

@@ -16,7 +16,7 @@ from .journal import FROM_BASE_UNIT, TO_BASE_UNIT
 from .rules import DAMAGED, LINK_LOST, QUEUED_BEHIND, UNKNOWN_SERVICE
 
 NUMBERS = 64
-SLACK = 1.0         # seconds by which the log may tell of a loss later than the line showed it
+SLACK = 1.0         # seconds by which the log may tell of a loss before or after the line shows it
 UNDER_WAY = 0.3     # what began so shortly before the end need not be through
 FROM_BASE_UNIT_TOO = (il.EVENTS, il.PROCESS_DATA, il.CONFIGURATION, il.SHORT_FALLBACK, il.FALLBACK, il.COMMAND)
 HANDLED = (*FROM_BASE_UNIT_TOO, il.PERIODIC)
@@ -138,11 +138,11 @@ class PacketBook:
 
     def _judge_unacked(self, head: Head) -> None:
         """It may be missing only if it went out as often as it may, and the link was lost over it."""
-        if head.attempts == ATTEMPTS and self._failed_between(head.first, head.last + SLACK):
+        if head.attempts == ATTEMPTS and self._failed_between(head.first, head.last):
             self._from[head.packet.service].may_drop(head.first, head.first, LINK_LOST)
 
     def _failed_between(self, begin: float, end: float) -> bool:
-        return any(begin <= failure <= end + SLACK for failure in self._failures)
+        return any(begin - SLACK <= failure <= end + SLACK for failure in self._failures)
 
 
 def _key(number: int, answered: bool) -> str:

@@ -229,7 +229,7 @@ def test_a_block_that_waited_behind_a_message_may_be_replaced():
 def test_a_block_that_had_nothing_to_wait_for_is_lost():
     lost = blocks((5.0, b"one"), (6.0, b"two"), arrived=[(6.001, b"two")], busy=[(6.001, 6.002)])
     assert lost.violations == ["UART: periodic data to unit 1001: 6f 6e 65 entered at 5.000 s and never left"]
-    waited_too_short = blocks((5.0, b"one"), (6.0, b"two"), arrived=[(6.001, b"two")], busy=[(4.9, 5.5)])
+    waited_too_short = blocks((5.0, b"one"), (9.0, b"two"), arrived=[(9.001, b"two")], busy=[(4.9, 5.5)])
     assert waited_too_short.violations
 
 
