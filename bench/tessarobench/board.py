@@ -18,6 +18,7 @@ import time
 from pathlib import Path
 from typing import Any, Callable, Optional
 
+from .closing import Closing
 from .journal import Journal
 from .loop import Loop
 from .namespaces import MS_BIND, MS_MOVE, World, mount
@@ -35,7 +36,7 @@ _SHARED_DEVICES = ("null", "zero", "full", "random", "urandom", "tty")
 _TIOCSPTLCK, _TIOCGPTN = 0x40045431, 0x80045430
 
 
-class Board:
+class Board(Closing):
     """Lays the board on construction; `close` (or leaving the `with` block) ends the server and everything else.
 
     `server` is the path of the binary, or None for a board without one; it is copied to its prescribed place, because
@@ -50,7 +51,7 @@ class Board:
         began = time.monotonic()
         self.loop, self.journal = Loop(), Journal()
         self.loop.describe = self._describe
-        self._closing: list[Callable[[], None]] = [self.loop.stop]
+        super().__init__(self.loop.stop)
         self._world, self._peers = World("board", with_mounts=True), World("peers")
         self._closing += [self._world.close, self._peers.close]
         try:
@@ -60,22 +61,9 @@ class Board:
             raise
         self.laid_in = time.monotonic() - began
 
-    def __enter__(self) -> "Board":
-        return self
-
-    def __exit__(self, *_exception: object) -> None:
-        self.close()
-
-    def close(self) -> None:
-        """Ends everything, newest first. Peers that were handed to `closing` are closed as well."""
-        while self._closing:
-            self._closing.pop()()
-
     def closing(self, peer: Any) -> Any:
-        """Remembers to call `peer.close()` when the board is closed, and returns the peer."""
         assert not self.loop.on_thread, "mention a peer before waiting on it: made in a condition, it comes too late"
-        self._closing.append(peer.close)
-        return peer
+        return super().closing(peer)
 
     # --- what peers plug into --------------------------------------------------------------------------------------
 

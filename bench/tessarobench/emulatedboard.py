@@ -20,6 +20,7 @@ from typing import Any, Callable, Optional
 
 from .apiclient import LOOPBACK
 from .board import APPLICATIONS, EXAMPLES, PROGRAM, SERVER_DIRECTORY
+from .closing import Closing
 from .emulator import DRIVE_PIN, HOST_ADDRESSES, MONITOR_PIN, Emulator
 from .installation import Peers
 from .journal import Journal
@@ -172,7 +173,7 @@ class _LoopbackSocket(socket.socket):
                                      address[1]))
 
 
-class EmulatedBoard:
+class EmulatedBoard(Closing):
     """One test's view of a running emulator: freshly laid files, peers of its own, the server not started yet.
 
     `close` ends the server and the peers and leaves the emulator as it found it. `applications` is a folder here; it is
@@ -183,7 +184,7 @@ class EmulatedBoard:
                  prepare: Optional[Callable[[Path], Any]] = None, lay_files: bool = True):
         self.emulator, self.loop, self.journal = emulator, emulator.loop, Journal()
         self.console = emulator.console
-        self._closing: list[Callable[[], Any]] = []
+        super().__init__()
         self._laid: Optional[dict] = None
         self._lay_stage(installation, prepare)
         if not lay_files:
@@ -194,21 +195,6 @@ class EmulatedBoard:
         self.relay = self.closing(GuestRelay(emulator, self.journal))
         self.server = GuestServer(emulator, self.journal, self._lay_files)
         self._closing.append(self._end_server)
-
-    def __enter__(self) -> "EmulatedBoard":
-        return self
-
-    def __exit__(self, *_exception: object) -> None:
-        self.close()
-
-    def close(self) -> None:
-        while self._closing:
-            self._closing.pop()()
-
-    def closing(self, peer: Any) -> Any:
-        """Remembers to call `peer.close()` when the board is closed, and returns the peer."""
-        self._closing.append(peer.close)
-        return peer
 
     # --- what peers plug into --------------------------------------------------------------------------------------
 

@@ -18,6 +18,7 @@ from pathlib import Path
 from typing import Any, Callable, Optional
 
 from .boardimage import BoardImage
+from .closing import Closing
 from .journal import BENCH, Journal
 from .loop import Loop, Timer
 from .namespaces import World
@@ -225,7 +226,7 @@ class Control:
             self._replies.append(message)
 
 
-class Emulator:
+class Emulator(Closing):
     """One running emulated board, booted when the constructor returns.
 
     Attributes: `loop`, `peers` (the World at the other end of its network cable), `uart`, `console`, `pins`, `control`,
@@ -234,22 +235,12 @@ class Emulator:
 
     def __init__(self, image: BoardImage, card: Path):
         self.loop, self.peers = Loop("emulator"), World("peers")
-        self._closing: list[Callable[[], Any]] = [self.loop.stop, self.peers.close]
+        super().__init__(self.loop.stop, self.peers.close)
         try:
             self._boot(image, card)
         except BaseException:
             self.close()
             raise
-
-    def __enter__(self) -> "Emulator":
-        return self
-
-    def __exit__(self, *_exception: object) -> None:
-        self.close()
-
-    def close(self) -> None:
-        while self._closing:
-            self._closing.pop()()
 
     def shut_down(self) -> None:
         """Has everything written and the card unmounted before the plug is pulled."""
@@ -275,11 +266,11 @@ class Emulator:
         for _, far in pairs:
             far.close()
         uart, console, control, pins = (near.detach() for near, _ in pairs)
-        self.uart = self._kept(Uart(self.loop, uart))
-        self.console = self._kept(Console(self.loop, console))
+        self.uart = self.closing(Uart(self.loop, uart))
+        self.console = self.closing(Console(self.loop, console))
         self.loop.describe = lambda: "the console:\n" + "\n".join(self.console.trouble[-40:])
-        self.control = self._kept(Control(self.loop, control))
-        self.pins = self._kept(Pins(self.loop, pins))
+        self.control = self.closing(Control(self.loop, control))
+        self.pins = self.closing(Pins(self.loop, pins))
         self.pins.drive(MONITOR_PIN, True)
         self.loop.wait_for(lambda: self.console.ready or self._failed(), BOOT_SECONDS, "the board's start", poll=0.5)
         assert not self._failed(), "the board did not start:\n" + "\n".join(self.console.trouble[-40:])
@@ -287,10 +278,6 @@ class Emulator:
 
     def _failed(self) -> bool:
         return self._process.poll() is not None or any("Kernel panic" in line for line in self.console.trouble)
-
-    def _kept(self, part: Any) -> Any:
-        self._closing.append(part.close)
-        return part
 
     def _lay_network(self) -> None:
         without_ipv6(self.peers)
