@@ -101,8 +101,6 @@ TessaroServer::TessaroServer(QObject* parent)
     connectTagUpdates(BuIdentityTag, SLOT(initializeRgpCom(QVariant)));
     connectTagUpdates(BuStateTag, SLOT(buStateChanged(QVariant)));
     createServiceLayer();
-    resolveServices();
-    connectComponents();
     pairServer = new PairServer(myConfiguration, tagDatabase, this);
     /* W15 */ connect(pairServer, &PairServer::pairingComplete, rgpCom, &RGPCom::configChanged);
 }
@@ -145,8 +143,19 @@ void TessaroServer::createServiceLayer()
     m_serviceThread->start(QThread::InheritPriority);
     serviceLayer->moveToThread(m_serviceThread);
     connect(m_serviceThread, &QThread::finished, serviceLayer, &ServiceLayer::deleteLater);
-    QMetaObject::invokeMethod(serviceLayer, "initialize", Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        serviceLayer, [this] { bringUpServices(); }, Qt::BlockingQueuedConnection);
+}
+
+/// Runs in the service layer's thread while the main thread waits. Nothing that the base controller answers can be
+/// handled before this returns, so every connection is in place by then: a link that reaches RUN while the start is
+/// still busy would otherwise announce it to nobody, and the configuration would never be fetched.
+void TessaroServer::bringUpServices()
+{
+    serviceLayer->initialize();
     services = serviceLayer->getServices();
+    resolveServices();
+    connectComponents();
 }
 
 template<typename Service>

@@ -32,9 +32,10 @@ QString BuStateToString(int state);
 /// The root of the object tree: builds every long-lived component in a fixed order, starts the worker threads and makes
 /// every connection between components. Lives in the main thread.
 ///
-/// The constructor returns when the internal-link stack is up in its thread. The destructor opens the machine-stop
-/// relay, asks every worker thread to quit and joins each within ThreadJoinTimeoutMs, then releases the components in
-/// the reverse order of their making. A thread that does not end in time is logged and left to the end of the process.
+/// The constructor returns when the internal-link stack is up in its thread and knows its receivers. The destructor
+/// opens the machine-stop relay, asks every worker thread to quit and joins each within ThreadJoinTimeoutMs, then
+/// releases the components in the reverse order of their making. A thread that does not end in time is logged and left
+/// to the end of the process.
 class TessaroServer : public QObject
 {
     Q_OBJECT
@@ -63,6 +64,7 @@ public slots:
 private:
     void createApiServer();
     void createServiceLayer();
+    void bringUpServices();
     void resolveServices();
     void connectComponents();
     void connectTagUpdates(const QString& tagName, const char* slot);

@@ -38,8 +38,9 @@ public:
     QMap<unsigned char, ServiceBase*> getServices() const;
 
 public slots:
-    /// Builds transport layer and services and connects them. Invoked by name, once, in the layer's thread, while the
-    /// main thread waits.
+    /// Builds transport layer and services and connects them. Called once, in the layer's thread, while the main thread
+    /// waits. Nothing is received before control is back in that thread's event loop: who connects to the services in
+    /// the same call misses nothing.
     void initialize();
 
     /// A payload from a service, on its way to the base controller.

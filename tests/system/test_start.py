@@ -2,11 +2,16 @@
 
 import os
 import re
+import subprocess
+from pathlib import Path
 
-from tessarobench.installation import APP, INPUT_TAGS, KEYS, OTHER_TAGS, OUTPUT_TAGS, REMOTES
+import pytest
+
+from tessarobench.installation import APP, CONFIG_VALUES, INPUT_TAGS, KEYS, OTHER_TAGS, OUTPUT_TAGS, REMOTES
 
 BANNER = re.compile(r"\d{8} \d\d:\d\d:\d\d\.\d{3} - Starting TZ-400 Tessaro Server \[ build of  "
                     r"[A-Z][a-z]{2} [ \d]\d \d{4}   \d\d:\d\d:\d\d \]")
+SLOW_CONNECTIONS = "/home/root/slowconnect.so"
 CONFIGURATION = "/home/root/Applications/tessaroserver/config/"
 TAG_FILES = ["/home/root/Applications/.config/baseInternalInputTags.csv",
              "/home/root/Applications/.config/baseInternalOutputTags.csv",
@@ -83,6 +88,28 @@ def test_a_restarted_server_finds_the_link_again(running):
     running.server.restart()
     running.server.wait_log("RUN", whole=True)
     running.wait_for(lambda: running.bc.set(tsaps=6).acked or running.api.tag("TSAPs") == "6")
+
+
+@pytest.fixture(scope="session")
+def slow_connections(tmp_path_factory):
+    library = tmp_path_factory.mktemp("slowconnect") / "slowconnect.so"
+    machine = subprocess.run(["g++", "-print-multiarch"], check=True, capture_output=True, text=True).stdout.strip()
+    headers = Path("/usr/include", machine, "qt5")
+    subprocess.run(["g++", "-std=c++17", "-shared", "-fPIC", "-O1", f"-I{headers}", f"-I{headers}/QtCore", "-o",
+                    str(library), str(Path(__file__).with_name("slowconnect.cpp")), "-ldl"], check=True)
+    return library.read_bytes()
+
+
+def test_a_link_that_is_up_before_the_start_is_over_finds_its_receivers(bench, slow_connections):
+    """The base controller answers at once, and the server takes long to make its connections: the first RESET of the
+    link is due long before the last of them. The settings are fetched all the same."""
+    bench.on_board(lambda: Path(SLOW_CONNECTIONS).write_bytes(slow_connections))
+    assert bench.bc
+    bench.start(env={"LD_PRELOAD": SLOW_CONNECTIONS,
+                     "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"})
+    reset = bench.server.wait_log("SystemEventService::newEvent ACK_RECIEVED", 20, whole=True)
+    bench.server.wait_log("ConfigurationService::readBCConfig", 5, since=reset, whole=True)
+    bench.wait_for(lambda: bench.bc.received["ask"] == len(CONFIG_VALUES), 5, "the whole configuration pass")
 
 
 def test_no_tag_files(bench):
