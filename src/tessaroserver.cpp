@@ -20,6 +20,8 @@
 #include <QHostAddress>
 #include <QThread>
 
+#include <cstdlib>
+
 namespace {
 
 constexpr char SourceUnit[] = "src/tessaroserver";
@@ -112,14 +114,10 @@ TessaroServer::~TessaroServer()
 
     // The producers of the main thread's work end before what they work on.
     delete pairServer;
-    if (m_egLinkThread != nullptr) {
-        egLink->deleteLater();
-        joinThread(m_egLinkThread, "EGLink");
-    } else {
-        delete egLink;
+    if (!joinThreads()) {
+        // Nothing may be released under a thread that still runs, neither here nor by the C library at its exit.
+        std::_Exit(EXIT_SUCCESS);
     }
-    joinThread(m_apiThread, "API");
-    joinThread(m_serviceThread, "Service layer");
     delete rgpCom;
     delete myConfiguration;
     delete tagDatabase;
@@ -293,12 +291,26 @@ quint32 TessaroServer::vrpoByteCountOf(TagDatabase& tags)
     return static_cast<quint32>(highestStart + sizeThere);
 }
 
-void TessaroServer::joinThread(QThread* thread, const char* name)
+bool TessaroServer::joinThreads()
+{
+    bool allEnded = true;
+    if (m_egLinkThread != nullptr) {
+        egLink->deleteLater();
+        allEnded = joinThread(m_egLinkThread, "EGLink");
+    } else {
+        delete egLink;
+    }
+    allEnded = joinThread(m_apiThread, "API") && allEnded;
+    return joinThread(m_serviceThread, "Service layer") && allEnded;
+}
+
+bool TessaroServer::joinThread(QThread* thread, const char* name)
 {
     thread->quit();
-    if (thread->wait(ThreadJoinTimeoutMs)) {
-        delete thread;
-    } else {
+    if (!thread->wait(ThreadJoinTimeoutMs)) {
         qWarning() << "TessaroServer:" << name << "thread did not end in time.";
+        return false;
     }
+    delete thread;
+    return true;
 }

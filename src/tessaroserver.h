@@ -34,8 +34,8 @@ QString BuStateToString(int state);
 ///
 /// The constructor returns when the internal-link stack is up in its thread and knows its receivers. The destructor
 /// opens the machine-stop relay, asks every worker thread to quit and joins each within ThreadJoinTimeoutMs, then
-/// releases the components in the reverse order of their making. A thread that does not end in time is logged and left
-/// to the end of the process.
+/// releases the components in the reverse order of their making. If a thread does not end in time, that is logged and
+/// the process ends at once, with exit code 0 and nothing released.
 class TessaroServer : public QObject
 {
     Q_OBJECT
@@ -69,7 +69,8 @@ private:
     void connectComponents();
     void connectTagUpdates(const QString& tagName, const char* slot);
     void startEgLinkThread();
-    void joinThread(QThread* thread, const char* name);
+    bool joinThreads();
+    static bool joinThread(QThread* thread, const char* name);
 
     template<typename Service>
     Service* service(unsigned char id);

@@ -1,8 +1,20 @@
 """The ways in which the process is ended from outside, and what the relay does then."""
 
 import signal
+import subprocess
+import sys
 
 import pytest
+
+# As fast as the server reads them, and much faster than it reloads.
+RELOADS = """
+import socket, sys, time
+asking = socket.socket(fileno=int(sys.argv[1]))
+for _ in range(400):
+    for _ in range(50):
+        asking.sendto(b"CCHANGE", ("127.0.0.1", 6250))
+    time.sleep(0.004)
+"""
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
@@ -26,6 +38,16 @@ def test_orderly_end_while_the_line_is_busy(running):
     running.bc.deaf = True
     running.wait_for(lambda: running.server.logged("Internal link fail!!!!!!!!"))
     assert running.server.stop(3) == 0
+
+
+def test_end_with_more_work_left_than_time(running):
+    """The service layer has been told to reload the configuration more often than it can until it must have ended: the
+    relay is open, and the process ends in time and in order without it."""
+    with running.local_socket() as asking:
+        subprocess.run([sys.executable, "-c", RELOADS, str(asking.fileno())], pass_fds=[asking.fileno()], check=True)
+    running.server.signal(signal.SIGTERM)
+    running.wait_for(lambda: not running.relay.closed)
+    assert running.server.wait_exit(5) == 0
 
 
 def test_a_broken_pipe_is_survived(running):
