@@ -20,6 +20,10 @@ constexpr quint16 DefaultOutPort = 6251;
 
 constexpr int UsualStatusSize = 320;
 
+/// Datagrams that are handled before other events get their turn, so that a flood of requests delays neither the pushes
+/// nor the end of the thread. The socket tells again of those that wait.
+constexpr int DatagramsPerTurn = 32;
+
 constexpr char Topic[] = "APIServer:";
 
 struct StatusMember
@@ -168,7 +172,7 @@ void APIServer::start()
 
 void APIServer::readData()
 {
-    while (socket != nullptr && socket->hasPendingDatagrams()) {
+    for (int i = 0; i < DatagramsPerTurn && socket != nullptr && socket->hasPendingDatagrams(); ++i) {
         const QNetworkDatagram datagram = socket->receiveDatagram();
         if (datagram.isValid()) {
             handleDatagram(datagram.data());

@@ -75,6 +75,7 @@ private slots:
     void datagramsAreClassified();
     void onlyTheTextBeforeAZeroByteIsLogged();
     void severalDatagramsAreAllAnswered();
+    void aFloodLeavesOtherEventsTheirTurn();
     void theLargestDatagramIsAnswered();
     void answersGoToTheFixedPort();
     void missingListenerDoesNotDeafenTheServer();
@@ -299,6 +300,28 @@ void TestApiServer::severalDatagramsAreAllAnswered()
     QCOMPARE(m_client->answer(), StatusOfZeros);
     QCOMPARE(m_client->answer(), StatusOfZeros);
     QCOMPARE(m_client->answer(), QByteArray("NOTIFY"));
+}
+
+void TestApiServer::aFloodLeavesOtherEventsTheirTurn()
+{
+    constexpr int Flood = 150; // what the system's receive buffer surely takes
+    addAllTags();
+    startServer();
+    const LogSpy log;
+    int handled = 0;
+    int handledBeforeTheOtherEvent = 0;
+    connect(m_server.get(), &APIServer::egResetMsgReceived, this, [&] {
+        if (++handled == 1) {
+            QMetaObject::invokeMethod(
+                this, [&] { handledBeforeTheOtherEvent = handled; }, Qt::QueuedConnection);
+        }
+    });
+    for (int i = 0; i < Flood; ++i) {
+        m_client->ask("RESET", serverPort());
+    }
+    QTRY_COMPARE(handled, Flood);
+    QTRY_VERIFY(handledBeforeTheOtherEvent > 0);
+    QVERIFY2(handledBeforeTheOtherEvent < Flood / 2, qPrintable(QString::number(handledBeforeTheOtherEvent)));
 }
 
 void TestApiServer::theLargestDatagramIsAnswered()
