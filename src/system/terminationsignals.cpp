@@ -3,6 +3,7 @@
 #include <QSocketNotifier>
 #include <QtGlobal>
 
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <unistd.h>
@@ -17,9 +18,12 @@ int s_pipe[2] = {-1, -1};
 
 void handleSignal(int)
 {
+    // The interrupted code may be about to look at its own error number.
+    const int interruptedErrno = errno;
     const char anyByte = 1;
     // A full pipe already holds a request, so a failing write loses nothing.
     [[maybe_unused]] const ssize_t written = write(s_pipe[WriteEnd], &anyByte, sizeof(anyByte));
+    errno = interruptedErrno;
 }
 
 void installHandler(int signalNumber, void (*handler)(int))

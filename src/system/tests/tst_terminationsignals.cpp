@@ -3,6 +3,7 @@
 #include <QSignalSpy>
 #include <QtTest>
 
+#include <cerrno>
 #include <csignal>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@ private slots:
     void eachSignalAsksForTermination_data();
     void eachSignalAsksForTermination();
     void requestBeforeTheEventLoopIsNotLost();
+    void interruptedCodeKeepsItsErrorNumber();
     void brokenPipesAreIgnored();
 };
 
@@ -45,6 +47,21 @@ void TestTerminationSignals::requestBeforeTheEventLoopIsNotLost()
 
     QVERIFY(requested.wait(2000));
     QCOMPARE(requested.count(), 1);
+}
+
+void TestTerminationSignals::interruptedCodeKeepsItsErrorNumber()
+{
+    TerminationSignals termination;
+    // Enough to fill the pipe of the requests: then the handler's own write fails.
+    constexpr int MoreThanThePipeHolds = 70000;
+    int errorNumber = ENOENT;
+    for (int i = 0; i < MoreThanThePipeHolds && errorNumber == ENOENT; ++i) {
+        errno = ENOENT;
+        ::raise(SIGTERM);
+        errorNumber = errno;
+    }
+
+    QCOMPARE(errorNumber, ENOENT);
 }
 
 void TestTerminationSignals::brokenPipesAreIgnored()
