@@ -122,10 +122,8 @@ void Configuration::reConfig()
 
     const RemotesCheck check = checkRemotes();
     const ConfigFile app(m_sources.appFile, nullptr);
-    ConfigFile remotes(m_sources.remotesFile, nullptr);
-    if (check.repaired) {
-        remotes.loadData(check.content, m_sources.remotesFile);
-    }
+    const ConfigFile remotes = check.repaired ? ConfigFile(check.content, m_sources.remotesFile, nullptr)
+                                              : ConfigFile(m_sources.remotesFile, nullptr);
     const ConfigFile keys(m_sources.keysFile, nullptr);
 
     RemoteRows remoteRows;

@@ -37,6 +37,7 @@ private slots:
     void setAppTagChangesExistingRowsOnly();
     void reloadDropsWhatWasSetInMemory();
     void reloadRepairsTheRemotesFile();
+    void reloadReportsAnOddLineOnce();
     void reloadCorrectsWhatItCannotRepair();
     void missingFilesLeaveAnEmptyStore();
     void reloadOfVanishedFilesEmptiesTheStore();
@@ -319,6 +320,13 @@ void TestConfiguration::reloadRepairsTheRemotesFile()
     QCOMPARE(value, 11U);
     const QString updating = QString("Updating \"%1\"").arg(m_files->sources().remotesFile);
     QCOMPARE(m_spy->lines(QtInfoMsg), QStringList{updating});
+}
+
+void TestConfiguration::reloadReportsAnOddLineOnce()
+{
+    m_files->putRemotes("4;7;10;20;30;40\n1;9;11;21;31;41;51\n");
+    const Configuration configuration(m_files->sources(), nullptr);
+    QCOMPARE(m_spy->lines(QtWarningMsg).filter("Invalid line in").size(), 1);
 }
 
 void TestConfiguration::reloadCorrectsWhatItCannotRepair()

@@ -47,6 +47,13 @@ ConfigFile::ConfigFile(const QString& path, QObject* parent)
     loadFile(path);
 }
 
+ConfigFile::ConfigFile(const QByteArray& content, const QString& path, QObject* parent)
+    : QObject(parent)
+    , filePath(path)
+{
+    loadData(content, path);
+}
+
 bool ConfigFile::loadFile(const QString& path)
 {
     QByteArray content;

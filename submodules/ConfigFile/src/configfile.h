@@ -25,6 +25,9 @@ public:
     /// Remembers the path and loads the file. A file that cannot be read leaves the object empty (see loadFile).
     ConfigFile(const QString& path, QObject* parent);
 
+    /// The same for a file whose content is already in memory: read from there, and not from the path.
+    ConfigFile(const QByteArray& content, const QString& path, QObject* parent);
+
     /// Reads a file in place of what was loaded before. Rewrites still go to the constructor's path.
     ///
     /// Rows that the new file no longer has vanish from the list of row keys, yet their cells can still be looked up;
@@ -32,9 +35,6 @@ public:
     /// @return false, with no rows and columns left and a critical log line, when the file cannot be read. Lines that
     ///         are no valid rows are logged and skipped.
     bool loadFile(const QString& path);
-
-    /// Loads a table that is already in memory; otherwise as loadFile. `path` only names it in log lines.
-    void loadData(const QByteArray& content, const QString& path);
 
     /// The cell, or an empty string when there is no such row or column.
     QString getValue(const QString& tag, const QString& columnKey) const;
@@ -67,6 +67,7 @@ public:
     void removeAllData();
 
 private:
+    void loadData(const QByteArray& content, const QString& path);
     void addColumns(const QStringList& parts);
     void addDescriptions(const QStringList& parts);
     bool addRow(const QStringList& parts);

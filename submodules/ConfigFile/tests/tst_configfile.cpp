@@ -332,11 +332,14 @@ void TestConfigFile::reloadOfAMissingFileEmptiesTheTable()
 
 void TestConfigFile::loadsATableFromMemory()
 {
-    ConfigFile table(put("ID;A\na;b\n1;x\n"), nullptr);
-    table.loadData("ID;A\na;b\n2;y\n;z\n", "elsewhere");
+    const QString file = put("ID;A\na;b\n1;x\n");
+    ConfigFile table("ID;A\na;b\n2;y\n;z\n", file, nullptr);
     QCOMPARE(table.getAllTags(), Keys{"2"});
     QCOMPARE(table.getValue("2", "A"), QString("y"));
-    QCOMPARE(m_spy->lines(), QStringList{"Invalid line in \"elsewhere\" line 3"});
+    QCOMPARE(m_spy->lines(), QStringList{QString("Invalid line in \"%1\" line 3").arg(file)});
+    QVERIFY(table.writeData());
+    const ConfigFile written(file, nullptr);
+    QCOMPARE(written.getAllTags(), Keys{"2"});
 }
 
 void TestConfigFile::removeAllDataForgetsTheTable()
