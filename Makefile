@@ -18,9 +18,9 @@ build: ## build the server and its unit tests
 	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 	@cmake --build $(BUILD)
 
-run: build ## run the server on the simulated installation and watch it
+run: build ## run the server on the simulated installation and watch it; CAPTURE=file.pcapng keeps what crosses the links
 	@scripts/ensure-packages run
-	@bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE))
+	@bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE)) $(if $(CAPTURE),--capture "$(CAPTURE)")
 
 test: unit-test tool-test system-test ## everything that CI checks
 

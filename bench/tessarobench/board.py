@@ -18,6 +18,8 @@ import time
 from pathlib import Path
 from typing import Any, Callable, Optional
 
+from .capture import LOOPBACK, Capture
+from .capturefile import CaptureFile
 from .closing import Closing
 from .journal import Journal
 from .loop import Loop
@@ -32,6 +34,7 @@ SERVER_DIRECTORY = Path("tessaroserver")
 PROGRAM = "tessaroserver"
 UART = "ttymxc0"
 
+LOOPBACK_NUMBER = 1  # in every network
 _SHARED_DEVICES = ("null", "zero", "full", "random", "urandom", "tty")
 _TIOCSPTLCK, _TIOCGPTN = 0x40045431, 0x80045430
 
@@ -40,21 +43,29 @@ class Board(Closing):
     """Lays the board on construction; `close` (or leaving the `with` block) ends the server and everything else.
 
     `server` is the path of the binary, or None for a board without one; it is copied to its prescribed place, because
-    it finds files relative to itself. `installation` is the folder whose content becomes /home/root/Applications.
+    it finds files relative to itself. `installation` is the folder whose content becomes /home/root/Applications. Into
+    `capture` goes everything that crosses the links; the file is closed with the board.
 
-    Attributes: `loop`, `journal`, `server` (ServerProcess), `relay`, `eth0`, `wlan0`, `applications` (the folder
-    /home/root/Applications as seen from outside; an ordinary writable Path), `laid_in` (seconds that laying it took).
+    Attributes: `loop`, `journal`, `capture` (Capture or None), `server` (ServerProcess), `relay`, `eth0`, `wlan0`,
+    `applications` (the folder /home/root/Applications as seen from outside; an ordinary writable Path), `laid_in`
+    (seconds that laying it took).
     """
 
     def __init__(self, server: Optional[os.PathLike] = None, installation: Path = EXAMPLES,
-                 prepare: Optional[Callable[[Path], Any]] = None, relay_delay: float = 0.008):
+                 prepare: Optional[Callable[[Path], Any]] = None, relay_delay: float = 0.008,
+                 capture: Optional[CaptureFile] = None):
         began = time.monotonic()
         self.loop, self.journal = Loop(), Journal()
         self.loop.describe = self._describe
         super().__init__(self.loop.stop)
         self._world, self._peers = World("board", with_mounts=True), World("peers")
         self._closing += [self._world.close, self._peers.close]
+        self.eth0 = Interface("eth0", "10.42.20.1/24", "10.42.20.2/24", multicast=True)
+        self.wlan0 = Interface("wlan0", "192.168.32.1/24", "192.168.32.2/24")
+        self.capture: Optional[Capture] = None
         try:
+            if capture:
+                self._begin_capture(capture)
             self._lay(Path(server) if server else None, installation, prepare, relay_delay)
         except BaseException:
             self.close()
@@ -94,6 +105,16 @@ class Board(Closing):
         return self.loop.wait_for(predicate, timeout, what, poll)
 
     # --- laying ----------------------------------------------------------------------------------------------------
+
+    def _begin_capture(self, file: CaptureFile) -> None:
+        """Before there is anything to see, and to be ended after everything that could be seen."""
+        self.closing(file)
+        self.capture = self.closing(Capture(file, self._world, self._interface_name))
+
+    def _interface_name(self, number: int) -> Optional[str]:
+        if number == LOOPBACK_NUMBER:
+            return LOOPBACK
+        return next((each.name for each in (self.eth0, self.wlan0) if number in each.numbers), None)
 
     def _lay(self, server: Optional[Path], installation: Path, prepare: Optional[Callable], relay_delay: float) -> None:
         self._world.run(self._lay_files)
@@ -154,8 +175,6 @@ class Board(Closing):
         self._closing += [lambda: os.close(line_end), lambda: os.close(self._uart_far_end)]
 
     def _lay_network(self) -> None:
-        self.eth0 = Interface("eth0", "10.42.20.1/24", "10.42.20.2/24", multicast=True)
-        self.wlan0 = Interface("wlan0", "192.168.32.1/24", "192.168.32.2/24")
         interfaces = (self.eth0, self.wlan0)
         indexes = itertools.count(20)
         without_ipv6(self._world)

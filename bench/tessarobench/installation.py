@@ -5,11 +5,12 @@ from __future__ import annotations
 import socket
 from functools import cached_property
 from pathlib import Path
-from typing import Any
+from typing import Any, Optional
 
 from .apiclient import REQUEST_PORT, ApiClient
 from .basecontroller import BaseController
 from .board import Board
+from .capture import Capture
 from .csvfile import Table
 from .fallbackrelay import FallbackRelay
 from .glink import application_checksum
@@ -40,6 +41,8 @@ class Peers:
     Change the files under `applications` before `start`; `table` and `change` help with that.
     """
 
+    capture: Optional[Capture] = None  # of a board that can
+
     # --- files -----------------------------------------------------------------------------------------------------
 
     def table(self, file: Path) -> Table:
@@ -60,7 +63,14 @@ class Peers:
         """The base controller. It acknowledges from the moment it is first mentioned."""
         tags = self.applications / INPUT_TAGS
         image = ProcessImage(Table.load(tags)) if tags.exists() else None
-        return self.closing(BaseController(self.loop, self.serial(), self.journal, image, CONFIG_VALUES))
+        return self.closing(self.loop.call(self._make_controller, image))
+
+    def _make_controller(self, image: Optional[ProcessImage]) -> BaseController:
+        """On the loop's thread, so that nothing is read from the line before it is tapped."""
+        controller = BaseController(self.loop, self.serial(), self.journal, image, CONFIG_VALUES)
+        if self.capture:
+            controller.line.taps.append(self.capture.line)
+        return controller
 
     @cached_property
     def api(self) -> ApiClient:

@@ -128,9 +128,12 @@ TELLERS: dict[str, Callable[[Event], Optional[str]]] = {
 
 
 class Narrator:
-    """Prints events of a journal as they come; with `quiet`, headings and outcomes only."""
+    """Prints events of a journal as they come; with `quiet`, headings and outcomes only. `remark` gets the story itself:
+    headings, and what is about to happen."""
 
-    def __init__(self, journal: Journal, out: TextIO = sys.stdout, quiet: bool = False):
+    def __init__(self, journal: Journal, out: TextIO = sys.stdout, quiet: bool = False,
+                 remark: Optional[Callable[[str], None]] = None):
+        self._remark = remark or (lambda text: None)
         self._out, self._quiet, self._colour = out, quiet, out.isatty()
         self._lock = threading.Lock()
         self._pending: Optional[tuple[str, str, int]] = None
@@ -147,9 +150,11 @@ class Narrator:
             self._quiet = quiet
 
     def heading(self, text: str) -> None:
+        self._remark(text)
         self._print("\n" + self._paint("1", text))
 
     def say(self, text: str) -> None:
+        self._remark(text)
         self._print("  " + self._paint("36", text))
 
     def result(self, ok: bool, text: str) -> None:

@@ -55,10 +55,12 @@ class Interface:
     """One interface of the board and the far end of its cable.
 
     `address` and `far_address` are "a.b.c.d/length". With `multicast`, multicast leaves through this interface.
+    `numbers` are those of the devices that have been this interface, the newest one last.
     """
 
     def __init__(self, name: str, address: str, far_address: str, multicast: bool = False):
         self.name, self.address, self.far_address, self.multicast = name, address, far_address, multicast
+        self.numbers: list[int] = []
         self._indexes: Iterator[int] = iter(())
         self._board: Optional[World] = None
         self._far: Optional[World] = None
@@ -81,7 +83,8 @@ class Interface:
     def creation(self) -> list[str]:
         # The kernel announces a new carrier at once only where both ends differ in number, else after up to a second;
         # and no two devices of a board ever have the same number.
-        return [f"link add {self.name} index {next(self._indexes)} type veth peer name {self.name} "
+        self.numbers.append(next(self._indexes))
+        return [f"link add {self.name} index {self.numbers[-1]} type veth peer name {self.name} "
                 f"netns {self._far.network_path}",
                 f"addr add {self.address} dev {self.name}", *self._up_commands()]
 

@@ -1,29 +1,31 @@
 """Captures in the pcapng format: several interfaces of different kinds in one file, for Wireshark and tshark.
 
-Only what a capture needs: a section header, an interface description per link, and enhanced packet blocks with
-nanosecond time stamps and direction. Frames of the internal link are written as link type USER0, one byte of direction
-(0 to the base controller, 1 from it) before the bytes of the line; `tools/wireshark/tessaro.lua` reads them so.
+Only what a capture needs: a section header, an interface description per link, enhanced packet blocks with nanosecond
+time stamps, direction and comments, and at the end statistics per interface. Frames of the internal link are written as
+link type USER0, one byte of direction (0 to the base controller, 1 from it) before the bytes of the line;
+`tools/wireshark/tessaro.lua` reads them so.
 """
 
 from __future__ import annotations
 
 import struct
 import time
-from typing import BinaryIO
+from typing import BinaryIO, Optional, Sequence
 
 LINKTYPE_ETHERNET = 1
 LINKTYPE_USER0 = 147
 
-_SECTION_HEADER = 0x0A0D0D0A
-_INTERFACE_DESCRIPTION = 1
-_ENHANCED_PACKET = 6
+_SECTION_HEADER, _INTERFACE_DESCRIPTION, _INTERFACE_STATISTICS, _ENHANCED_PACKET = 0x0A0D0D0A, 1, 5, 6
 _BYTE_ORDER_MAGIC = 0x1A2B3C4D
 _UNKNOWN_LENGTH = 0xFFFFFFFFFFFFFFFF
-_OPTION_END = 0
-_OPTION_NAME = 2
-_OPTION_TIME_RESOLUTION = 9
+# Options. The first two mean the same in every block.
+_END, _COMMENT = 0, 1
+_SECTION_APPLICATION = 4
+_INTERFACE_NAME, _INTERFACE_WHAT, _INTERFACE_RESOLUTION = 2, 3, 9
+_PACKET_FLAGS, _INBOUND, _OUTBOUND = 2, 1, 2
+_STATISTICS_RECEIVED, _STATISTICS_DROPPED = 4, 5
 _NANOSECONDS = 9
-_SNAP_LENGTH = 262144
+SNAP_LENGTH = 262144  # the longest packet that readers take
 
 TO_BASE_CONTROLLER = 0
 FROM_BASE_CONTROLLER = 1
@@ -37,29 +39,58 @@ def _option(code: int, data: bytes) -> bytes:
     return struct.pack("<HH", code, len(data)) + _padded(data)
 
 
+def _options(*options: bytes) -> bytes:
+    """Given options and what ends them; no options need no end."""
+    given = b"".join(options)
+    return given + _option(_END, b"") if given else b""
+
+
 def _block(kind: int, body: bytes) -> bytes:
     total = len(body) + 12
     return struct.pack("<II", kind, total) + body + struct.pack("<I", total)
 
 
+def _stamp(nanoseconds: int) -> bytes:
+    return struct.pack("<II", nanoseconds >> 32, nanoseconds & 0xFFFFFFFF)
+
+
 class PcapngWriter:
     """Writes blocks to a binary stream; not thread-safe, one thread writes."""
 
-    def __init__(self, stream: BinaryIO):
+    def __init__(self, stream: BinaryIO, application: str = ""):
         self._stream = stream
         self._interfaces = 0
-        stream.write(_block(_SECTION_HEADER, struct.pack("<IHHQ", _BYTE_ORDER_MAGIC, 1, 0, _UNKNOWN_LENGTH)))
+        head = struct.pack("<IHHQ", _BYTE_ORDER_MAGIC, 1, 0, _UNKNOWN_LENGTH)
+        named = _option(_SECTION_APPLICATION, application.encode()) if application else b""
+        stream.write(_block(_SECTION_HEADER, head + _options(named)))
 
-    def add_interface(self, name: str, link_type: int) -> int:
+    def add_interface(self, name: str, link_type: int, what: str = "") -> int:
         """The number under which packets of this interface are written."""
-        options = _option(_OPTION_NAME, name.encode()) + _option(_OPTION_TIME_RESOLUTION, bytes([_NANOSECONDS]))
-        options += _option(_OPTION_END, b"")
-        self._stream.write(_block(_INTERFACE_DESCRIPTION, struct.pack("<HHI", link_type, 0, _SNAP_LENGTH) + options))
+        options = _options(_option(_INTERFACE_NAME, name.encode()),
+                           _option(_INTERFACE_WHAT, what.encode()) if what else b"",
+                           _option(_INTERFACE_RESOLUTION, bytes([_NANOSECONDS])))
+        self._stream.write(_block(_INTERFACE_DESCRIPTION, struct.pack("<HHI", link_type, 0, SNAP_LENGTH) + options))
         self._interfaces += 1
         return self._interfaces - 1
 
     def packet(self, interface: int, data: bytes, seconds: float | None = None) -> None:
         """One packet, now or at a time since the epoch."""
-        nanoseconds = time.time_ns() if seconds is None else round(seconds * 1e9)
-        head = struct.pack("<IIIII", interface, nanoseconds >> 32, nanoseconds & 0xFFFFFFFF, len(data), len(data))
-        self._stream.write(_block(_ENHANCED_PACKET, head + _padded(data)))
+        self.packet_at(interface, data, time.time_ns() if seconds is None else round(seconds * 1e9))
+
+    def packet_at(self, interface: int, data: bytes, nanoseconds: int, outbound: Optional[bool] = None,
+                  comments: Sequence[str] = ()) -> None:
+        """One packet with all that can be said of it; `outbound` is the base unit's point of view."""
+        flags = [] if outbound is None else [
+            _option(_PACKET_FLAGS, struct.pack("<I", _OUTBOUND if outbound else _INBOUND))]
+        options = _options(*(_option(_COMMENT, text.encode()) for text in comments), *flags)
+        head = struct.pack("<I", interface) + _stamp(nanoseconds) + struct.pack("<II", len(data), len(data))
+        self._stream.write(_block(_ENHANCED_PACKET, head + _padded(data) + options))
+
+    def statistics(self, interface: int, received: int, dropped: Optional[int], comment: str = "") -> None:
+        """How many packets of an interface there were, and how many of them are missing here (None: that is not known of
+        this interface alone)."""
+        options = _options(_option(_COMMENT, comment.encode()) if comment else b"",
+                           _option(_STATISTICS_RECEIVED, struct.pack("<Q", received)),
+                           _option(_STATISTICS_DROPPED, struct.pack("<Q", dropped)) if dropped is not None else b"")
+        body = struct.pack("<I", interface) + _stamp(time.time_ns()) + options
+        self._stream.write(_block(_INTERFACE_STATISTICS, body))

@@ -21,10 +21,11 @@ must balance, whatever the file says.
 from __future__ import annotations
 
 from pathlib import Path
-from typing import Callable, NamedTuple
+from typing import Callable, NamedTuple, Optional
 
 from . import glink
 from .account import statement
+from .capturefile import CaptureFile
 from .impair import Impairment
 from .installation import Installation
 from .pieces import Pieces
@@ -149,9 +150,10 @@ CONDITIONS: dict[str, Callable[[Installation, list[str]], object]] = {
 }
 
 
-def play(scenario: Scenario, server: Path, say: Callable[[str], None] = lambda text: None) -> list[str]:
+def play(scenario: Scenario, server: Path, say: Callable[[str], None] = lambda text: None,
+         capture: Optional[CaptureFile] = None) -> list[str]:
     """Plays it on a board of its own; returns what did not hold, in words."""
-    with Installation(server) as bench:
+    with Installation(server, capture=capture) as bench:
         plant = Plant(bench, scenario.seed)
         for number, (link, direction, *rest) in enumerate(scenario.impairments):
             impairment(bench, link, direction).chances(scenario.seed + number, **chances(rest))

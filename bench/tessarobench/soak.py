@@ -5,9 +5,10 @@ from __future__ import annotations
 import random
 import time
 from pathlib import Path
-from typing import Callable, NamedTuple
+from typing import Callable, NamedTuple, Optional
 
 from .account import slope, statement
+from .capturefile import CaptureFile
 from .installation import Installation
 from .plant import Plant
 from .remoteunit import RemoteUnit
@@ -25,14 +26,16 @@ class Sample(NamedTuple):
 
 
 class Soak:
-    """`run` returns the violations, in words; none is what one hopes for. `say` gets what happens, line by line."""
+    """`run` returns the violations, in words; none is what one hopes for. `say` gets what happens, line by line, and
+    `capture`, when set, what crosses the links."""
 
     def __init__(self, server: Path, seed: int, say: Callable[[str], None]):
         self._server, self._seed, self._random, self._say = server, seed, random.Random(seed), say
         self.faults: dict[str, int] = {}
+        self.capture: Optional[CaptureFile] = None
 
     def run(self, seconds: float) -> list[str]:
-        with Installation(self._server) as bench:
+        with Installation(self._server, capture=self.capture) as bench:
             self.bench = bench
             self.plant = Plant(bench, self._seed)
             self._wanderer, self._restless = self.plant.wanderer, self.plant.restless
