@@ -1,5 +1,6 @@
 """System tests: the real binary on a board of its own per test, driven by the bench's peers."""
 
+import re
 import sys
 from pathlib import Path
 
@@ -9,11 +10,14 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(REPOSITORY / "bench"))
 
 from tessarobench import namespaces  # noqa: E402
+from tessarobench.capturefile import CaptureFile  # noqa: E402
 from tessarobench.installation import APP, CONFIG_VALUES, Installation  # noqa: E402
 
 
 def pytest_addoption(parser):
     parser.addoption("--server", default=str(REPOSITORY / "build" / "tessaroserver"), help="the binary under test")
+    parser.addoption("--captures", type=Path, metavar="DIR", help="keep there, for each failed test that uses the fixture "
+                     "`bench`, everything that crossed the links (pcapng)")
 
 
 def pytest_configure(config):
@@ -31,10 +35,31 @@ def server_path(request):
     return path
 
 
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    if call.when == "call":
+        item.has_passed = outcome.get_result().passed
+
+
 @pytest.fixture
-def bench(server_path):
+def capture(request):
+    """A file for everything that crosses the links, which stays when the test fails; None when nobody asked for it."""
+    folder = request.config.getoption("--captures")
+    if folder is None:
+        yield None
+        return
+    folder.mkdir(parents=True, exist_ok=True)
+    path = folder / (re.sub(r"[^\w.\[\]-]+", "-", request.node.nodeid.split("/")[-1]) + ".pcapng")
+    yield CaptureFile(path, "pytest")
+    if getattr(request.node, "has_passed", False):
+        path.unlink()
+
+
+@pytest.fixture
+def bench(server_path, capture):
     """A freshly laid board with the example installation; the server is not started yet."""
-    with Installation(server_path) as laid:
+    with Installation(server_path, capture=capture) as laid:
         yield laid
         laid.loop.raise_failure()
 
