@@ -79,7 +79,7 @@ ADDED_TAG = [
     ("x;;34;2;0;0", 1, "unsupported data type ''"),
     ("x;;34;1;4;5;UINT", 9, "bit field outside its bytes: bits 4 to 8 of 8"),
     ("x;;34;1;8;0;BOOLEAN", 9, "bit field outside its bytes: bits 8 to 8 of 8"),
-    ("x;;503;2;0;0;UINT", 4, "bytes 503 to 504 lie outside the image of 504"),
+    ("x;;491;2;0;0;UINT", 4, "bytes 491 to 492 lie outside the image of 492, the largest while EMAP is not 0"),
     ("x;;32;2;0;0;UINT", 4, "tag 'x' overlaps 'eglink_status' of line 19"),
     ("x;;33;1;0;1;UINT", 4, "tag 'x' overlaps 'eglink_status' of line 19"),
     ("x;;a;2;0;0;UINT", 4, "'a' is not a number from 0 to 65535"),
@@ -105,13 +105,25 @@ def test_a_wrong_tag_is_reported(tmp_path, row, column, reason):
     pytest.param("a;;34;1;0;0;BOOLEAN\nb;;34;1;1;0;BOOLEAN\n", id="two booleans share a byte"),
     pytest.param("a;;34;3;0;20;INT\n", id="signed bit field of three bytes"),
     pytest.param("a;;34;11;0;0;STRING\nb;;45;7;0;0;RAW\n", id="texts and raw bytes of any size"),
-    pytest.param("a;;500;4;0;0;UINT\n", id="last bytes of the image"),
+    pytest.param("a;;488;4;0;0;UINT\n", id="last bytes of the image"),
 ])
 def test_unusual_but_sound_tags_pass(tmp_path, rows):
     files = clean_files()
     files[INPUT] += rows
     write(tmp_path, files)
     assert findings(tmp_path) == []
+
+
+@pytest.mark.parametrize("last, expected", [
+    pytest.param("502;2", [], id="last byte of the largest frame"),
+    pytest.param("503;2", [f"{INPUT}:20:4: bytes 503 to 504 lie outside the image of 504"], id="one byte further"),
+])
+def test_without_a_machine_controller_the_image_may_fill_a_frame(tmp_path, last, expected):
+    files = clean_files()
+    files[APP] = files[APP].replace("EMAP;7;", "EMAP;0;")
+    files[INPUT] += f"x;;{last};0;0;UINT\n"
+    write(tmp_path, files)
+    assert [line.replace(str(tmp_path) + "/", "") for line in findings(tmp_path)] == expected
 
 
 def test_the_image_size_can_be_given(tmp_path):
