@@ -27,6 +27,7 @@ LINK_FIELDS = ("frame.interface_name", "frame.packet_flags_direction", "frame.ti
                "tessaro_link.service", "tessaro_link.payload", "tessaro_link.crc.good", "tessaro_glink.id",
                "tessaro_glink.type", "tessaro_eglink.type", "tessaro_api.action", "tessaro_api.answer",
                "tessaro_pairing.command", "tessaro_transfer.so_far", "tessaro_link.unasked", "tessaro_glink.unasked",
+               "tessaro_eglink.unasked", "tessaro_link.repeats", "tessaro_glink.repeats", "tessaro_eglink.repeats",
                "tessaro_glink.response_time", "tessaro_eglink.response_time", "tessaro_link.response_time")
 DAMAGE = ("tessaro_link.bad_crc", "tessaro_glink.bad_crc", "tessaro_eglink.bad_crc", "tessaro_link.malformed",
           "tessaro_glink.malformed", "tessaro_eglink.malformed", "tessaro_pairing.malformed")
@@ -77,6 +78,7 @@ def play_everything(bench):
     first.command(b"hoist up")
     first.service_forward(b"battery 83 %")
     second.service_forward(b"a longer report " * 20)  # two blocks
+    bench.wait_for(lambda: controller.periodic, what="the link to the machine controller")
     controller.cycle(bytes(32))
     controller.command(b"lamp on")
     bench.api.get()
@@ -164,16 +166,19 @@ def test_packets_of_all_links_stand_in_the_order_of_one_clock(played):
 
 
 def test_answers_find_their_requests_in_plausible_time(played):
-    """As many as the journal has acknowledgements; none of them before its request, none later than the links allow."""
+    """As many as the journal has acknowledgements, less those of packets that were repeated because the first one came late
+    (this computer may be busy); none of them before its request, none later than the links allow."""
     rows, journal = played
     counts = journalled(journal)
     acks = {"glink": sum(count for (link, _, kind), count in counts.items() if kind.startswith("ack of")),
             "eglink": sum(count for (link, _, kind), count in counts.items() if kind in ("VRAI", "VRAO")),
             "link": sum(count for (link, _, kind), count in counts.items() if link == "uart" and kind in ("ack", "answer"))}
     times = {name: [float(value) for row in rows for value in row[f"tessaro_{name}.response_time"]] for name in acks}
-    assert {name: len(found) for name, found in times.items()} == acks
+    second = {name: sum(1 for row in rows if row[f"tessaro_{name}.unasked"]) for name in acks}
+    repeated = {name: sum(1 for row in rows if row[f"tessaro_{name}.repeats"]) for name in acks}
+    assert {name: len(times[name]) + second[name] for name in acks} == acks
+    assert all(second[name] <= repeated[name] for name in acks) and second["glink"] == 0
     assert all(0 < seconds < 4 for found in times.values() for seconds in found)
-    assert [row for row in rows if row["tessaro_link.unasked"] or row["tessaro_glink.unasked"]] == []
 
 
 # --- damage ------------------------------------------------------------------------------------------------------------
