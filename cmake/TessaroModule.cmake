@@ -17,6 +17,7 @@ if(TESSARO_FUZZ)
 endif()
 if(TESSARO_COVERAGE)
   target_compile_options(tessaro_options INTERFACE --coverage -O0)
+  target_compile_definitions(tessaro_options INTERFACE TESSARO_COVERAGE)
   target_link_options(tessaro_options INTERFACE --coverage)
 endif()
 

@@ -9,9 +9,32 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#ifdef TESSARO_COVERAGE
+extern "C" {
+#include <gcov.h>
+}
+#endif
+
 namespace {
 
 constexpr unsigned int ChildLifeSeconds = 10;
+
+#ifdef TESSARO_COVERAGE
+// A child ends without the C library's exit, at which its coverage would be written: that is done by hand.
+void beginCoverage()
+{
+    __gcov_reset(); // the parent writes its own
+    std::signal(SIGABRT, [](int) { __gcov_dump(); });
+}
+
+void keepCoverage()
+{
+    __gcov_dump();
+}
+#else
+void beginCoverage() {}
+void keepCoverage() {}
+#endif
 
 [[noreturn]] void runChild(int logPipe, const std::function<void()>& action)
 {
@@ -24,7 +47,9 @@ constexpr unsigned int ChildLifeSeconds = 10;
     // The test framework's message handler would print to standard output and count the line as a test failure.
     qInstallMessageHandler(nullptr);
     qputenv("QT_LOGGING_TO_CONSOLE", "1");
+    beginCoverage();
     action();
+    keepCoverage();
     std::fflush(stderr);
     _exit(0);
 }

@@ -1,10 +1,13 @@
+#include "fatalprobe.h"
 #include "terminationsignals.h"
 
+#include <QDebug>
 #include <QSignalSpy>
 #include <QtTest>
 
 #include <cerrno>
 #include <csignal>
+#include <sys/resource.h>
 #include <unistd.h>
 
 class TestTerminationSignals : public QObject
@@ -16,6 +19,7 @@ private slots:
     void eachSignalAsksForTermination();
     void requestBeforeTheEventLoopIsNotLost();
     void interruptedCodeKeepsItsErrorNumber();
+    void withoutDescriptorsTheSignalsEndTheProcess();
     void brokenPipesAreIgnored();
 };
 
@@ -62,6 +66,26 @@ void TestTerminationSignals::interruptedCodeKeepsItsErrorNumber()
     }
 
     QCOMPARE(errorNumber, ENOENT);
+}
+
+void TestTerminationSignals::withoutDescriptorsTheSignalsEndTheProcess()
+{
+    const FatalOutcome outcome = outcomeOf([] {
+        rlimit before = {};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit noMore{3, before.rlim_max}; // standard input, output and error stream
+        setrlimit(RLIMIT_NOFILE, &noMore);
+        const TerminationSignals termination;
+        setrlimit(RLIMIT_NOFILE, &before);
+        struct sigaction onTerm = {};
+        struct sigaction onPipe = {};
+        sigaction(SIGTERM, nullptr, &onTerm);
+        sigaction(SIGPIPE, nullptr, &onPipe);
+        qDebug() << (onTerm.sa_handler == SIG_DFL) << (onPipe.sa_handler == SIG_IGN);
+    });
+
+    QCOMPARE(outcome.log, QStringLiteral("true true\n"));
+    QCOMPARE(outcome.exitCode, 0);
 }
 
 void TestTerminationSignals::brokenPipesAreIgnored()
