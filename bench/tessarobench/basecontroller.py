@@ -77,8 +77,7 @@ class BaseController:
         self._answered: Optional[il.Packet] = None
         self._answered_at = 0.0
         self._periodic: list[Timer] = []
-        self.line = SerialLine(loop, fd, self._bytes_received)
-        self.pieces = Pieces(loop, self.line.write)
+        loop.call(self._open, fd)
 
     # --- sending ---------------------------------------------------------------------------------------------------
 
@@ -153,6 +152,11 @@ class BaseController:
         self.line.close()
 
     # --- on the loop's thread --------------------------------------------------------------------------------------
+
+    def _open(self, fd: int) -> None:
+        """On the loop's thread as a whole: what comes at once finds everything in its place."""
+        self.line = SerialLine(self._loop, fd, self._bytes_received)
+        self.pieces = Pieces(self._loop, self.line.write)
 
     def _forget(self) -> None:
         self._queue.clear()

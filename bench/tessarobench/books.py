@@ -70,7 +70,7 @@ class UnitBook:
         self.over = Account(f"GLink: commands of unit {unit} to EGLink")
         self.services = Account(f"GLink: service messages of unit {unit} to UART")
         self.periodic = Account(f"GLink: periodic data of unit {unit}")
-        self.acks = Account(f"GLink: messages of unit {unit} acknowledged")
+        self.acks = Alike(f"GLink: messages of unit {unit} acknowledged")
         self.blocks = BlockBook(unit)
         self.away_since: Optional[float] = None
         self.left: Optional[tuple[float, float]] = None  # when it left, and when the base unit has noticed

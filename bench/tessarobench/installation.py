@@ -139,6 +139,15 @@ class Peers:
         table.save(self.applications / REMOTES)
         return [first + row for row in range(count)]
 
+    def show_tsaps(self, number: int, timeout: float = 10.0) -> None:
+        """Sends this number in the process image, ten times a second at most, until the API shows it: whatever the link has
+        gone through, it works again."""
+        sender = self.loop.call(self.loop.every, 0.1, lambda: self.bc.idle and self.bc.set(tsaps=number))
+        try:
+            self.wait_for(lambda: self.api.tag("TSAPs") == str(number), timeout, f"TSAPs {number} over the API")
+        finally:
+            sender.cancel()
+
     # --- the way to normal operation -------------------------------------------------------------------------------
 
     def start(self, **options: Any) -> "Peers":

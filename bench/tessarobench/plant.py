@@ -8,6 +8,7 @@ from typing import Callable, Optional
 
 from . import glink
 from .account import Account
+from .basecontroller import RETRY_SECONDS
 from .books import UNIT_SERVICES, Sight, Watch
 from .installation import CONFIG_VALUES, IDENTITY, Installation
 from .ledger import Ledger
@@ -25,6 +26,7 @@ STEADY, WANDERER, RESTLESS = 1001, 1002, 1003
 
 # Answers carry no key: on a bad line one may be taken for the next key's, and must say the same.
 SETTING = 7
+PATIENT_SECONDS = 2.0
 AN_EVENT = 42  # one that changes nothing
 
 
@@ -45,6 +47,7 @@ class Plant:
         bench = self.bench
         bench.pair_units(3)
         bench.mc
+        bench.bc.retry_seconds = PATIENT_SECONDS  # no repeat whose acknowledgement would come when the books are open
         bench.bc.config = dict.fromkeys(CONFIG_VALUES, SETTING)
         bench.start_to_serve()
         bench.server.wait_log("JOIN RX MULTICAST SUCCESS", whole=True)
@@ -54,6 +57,8 @@ class Plant:
         shown = {**dict.fromkeys(CONFIG_VALUES, str(SETTING)), "BU_ID": str(IDENTITY)}
         bench.wait_for(lambda: bench.api.status.items() >= shown.items(), what="all settings and the identity shown")
         bench.api.get()  # pushes that were still on their way have come before its answer
+        bench.wait_for(lambda: bench.bc.idle)
+        bench.bc.retry_seconds = RETRY_SECONDS
 
     def load(self, pace: float = PACE) -> None:
         bench, books = self.bench, self.books

@@ -61,6 +61,12 @@ class ServiceTool:
             self._requests.close()
         self._requests, self._received = None, b""
 
+    def wait_no_longer_than(self, seconds: float) -> None:
+        """Bounds every single wait from now on."""
+        self._timeout = seconds
+        if self._requests:
+            self._requests.settimeout(seconds)
+
     # --- what a service technician does ----------------------------------------------------------------------------
 
     def list(self) -> list[dict[str, str]]:

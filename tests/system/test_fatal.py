@@ -119,4 +119,4 @@ def test_after_a_fatal_assertion_the_next_start_works(running):
     running.bc.forget()
     running.start()
     running.server.wait_log("RUN", whole=True)
-    running.wait_for(lambda: running.bc.set(tsaps=8) and running.api.tag("TSAPs") == "8", poll=0.1)
+    running.show_tsaps(8)

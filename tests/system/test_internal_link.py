@@ -182,7 +182,7 @@ def test_loss_and_recovery(running):
     running.server.wait_log("RUN", since=n, whole=True)
     running.wait_for(lambda: running.relay.closed)
     running.wait_for(lambda: running.bc.received["ask"] >= asked + 6)
-    running.wait_for(lambda: running.bc.set(tsaps=3) and running.api.tag("TSAPs") == "3", poll=0.1)
+    running.show_tsaps(3)
 
 
 def test_twenty_losses_leave_no_trace(running):

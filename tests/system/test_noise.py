@@ -97,4 +97,4 @@ def test_a_bad_cable_in_both_directions(running, seed):
     running.bc.to_base_unit.clear()
     running.bc.from_base_unit.clear()
     running.wait_for(lambda: running.relay.closed)
-    running.wait_for(lambda: running.bc.set(tsaps=81) and running.api.tag("TSAPs") == "81", poll=0.1)
+    running.show_tsaps(81)

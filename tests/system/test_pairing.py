@@ -11,7 +11,7 @@ from pairing_support import (NO_HANDLE, READY, SYSTEM, USER, file_in, install, m
 from tessarobench import pairwire
 from tessarobench.board import APPLICATIONS
 from tessarobench.installation import APP, KEYS, REMOTES
-from tessarobench.servicetool import NoAnswer
+from tessarobench.servicetool import ANSWER_SECONDS, NoAnswer
 
 from conftest import REPOSITORY
 
@@ -141,6 +141,7 @@ def test_paths_that_are_not_handed_out(pairing, path):
     pairing.server.wait_log(f'pairserver: Refused to send "{path}" - ')
     assert (pairing.applications / REMOTES).read_bytes() == before
     assert archives(pairing) == [] and not pairing.server.logged("Start creating")
+    tool.wait_no_longer_than(ANSWER_SECONDS)
     assert tool.list()  # and the conversation goes on
 
 
@@ -158,6 +159,7 @@ def test_without_tar_nothing_is_ever_packed_and_nobody_paired(bench):
     bench.server.wait_log(BUSY)
     assert words_of_unit(bench, 1003) is None
     assert words_of(bench.table("panel/config/keys.csv")) == ["0"] * 4
+    tool.wait_no_longer_than(ANSWER_SECONDS)
     assert tool.list()
 
 

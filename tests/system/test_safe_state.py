@@ -87,7 +87,7 @@ def test_while_stopped_for_ten_seconds_the_relay_stays_and_the_link_goes_on(clos
                     poll=0.1)
     assert closed.relay.closed and drives(closed, mark) == []
     closed.server.resume()
-    closed.wait_for(lambda: closed.bc.set(tsaps=7) and closed.api.tag("TSAPs") == "7", poll=0.1)
+    closed.show_tsaps(7)
     closed.wait_for(lambda: closed.relay.closed)
 
 
@@ -115,7 +115,7 @@ def test_without_descriptors_the_relay_still_opens(bench):
             client.setblocking(False)
             client.connect_ex(("192.168.32.1", 1147))
             sockets.append(client)
-        bench.wait_for(lambda: bench.bc.set(tsaps=9) and bench.api.tag("TSAPs") == "9", poll=0.1)
+        bench.show_tsaps(9)
         bench.wait_for(lambda: bench.relay.closed, what="the relay is closed under the load of connections")
         mark = bench.journal.mark()
         bench.bc.mute()
@@ -146,8 +146,9 @@ def test_a_full_disk_while_pairing_costs_neither_keys_nor_relay(serving):
     fill_config(serving)
     before = serving.on_board(lambda: Path(CONFIG, "remotes.csv").read_bytes())
     mark = serving.journal.mark()
-    with serving.service_tool(2.0) as tool:
+    with serving.service_tool() as tool:
         path = next(entry["pairAppPath"] for entry in tool.list() if entry.get("type") == "user")
+        tool.wait_no_longer_than(2.0)
         try:
             tool.ask(path, 4711)
         except ServiceToolError:

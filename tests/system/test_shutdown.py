@@ -73,4 +73,4 @@ def test_stopped_and_continued(running):
     sending = running.bc.set(tsaps=9)
     running.wait_for(lambda: sending.failed)
     running.server.resume()
-    running.wait_for(lambda: running.bc.set(tsaps=7) and running.api.tag("TSAPs") == "7", poll=0.1)
+    running.show_tsaps(7)
