@@ -57,12 +57,12 @@ public:
         return QCryptographicHash::hash(manifest + content, QCryptographicHash::Md5);
     }
 
-    /// The same with 256 MiB of zeros beside the manifest, which no machine hashes in a moment and no disk has to hold.
+    /// The same with 1 GiB of zeros beside the manifest, which no machine hashes in a moment and no disk has to hold.
     QByteArray installLargeApplication() const
     {
         installApplication(QByteArray());
-        QFile(applicationFile()).resize(256 * 1024 * 1024);
-        return QByteArray::fromHex("7369085dae464c01b78199409d21657c"); // as md5sum has it
+        QFile(applicationFile()).resize(1024LL * 1024 * 1024);
+        return QByteArray::fromHex("c9a3d69f4f774cd803f3bd2044d6a514"); // as md5sum has it
     }
 
     QString applicationFile() const { return m_folder.filePath("Applications/ruapp/panel.qml"); }
