@@ -15,13 +15,13 @@ namespace {
 /// thread, where it says its last, and schedules its deletion when the main thread has heard that.
 void deleteWhenHeard(GLinkTransportTcp* link)
 {
-    const auto scheduleDeletion = [guard = QPointer<GLinkTransportTcp>(link)] {
-        if (guard) {
-            guard->deleteLater();
-        }
-    };
-    const auto close = [link, scheduleDeletion] {
+    const auto close = [link] {
         link->close();
+        const auto scheduleDeletion = [guard = QPointer<GLinkTransportTcp>(link)] {
+            if (guard) {
+                guard->deleteLater();
+            }
+        };
         QMetaObject::invokeMethod(QCoreApplication::instance(), scheduleDeletion, Qt::QueuedConnection);
     };
     QMetaObject::invokeMethod(link, close, Qt::QueuedConnection);
