@@ -195,6 +195,7 @@ def test_the_machine_controllers_data_go_before_the_base_controllers(bench):
 def test_commands_of_the_machine_controller_reach_every_unit(bench):
     bench.start_to_serve()
     units = [bench.unit(unit_id).join().wait_joined() for unit_id in (1001, 1002)]
+    bench.server.wait_log("JOIN RX MULTICAST SUCCESS")  # sent once, so somebody must listen
     bench.mc.command(b"lamp on")
     for unit in units:
         bench.wait_for(lambda: unit.payloads(glink.CMD) == [b"lamp on"])
