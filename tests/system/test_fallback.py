@@ -277,6 +277,7 @@ def test_a_unit_that_vanished_on_the_fallback_costs_bounded_memory(relayed):
     gone.mute(False)
     gone.join_fallback()
     relayed.wait_for(lambda: gone.joins == 2, 10)
+    relayed.server.wait_log("command queue of RU 1001 is full, command refused.", 10)
     assert relayed.server.logged("command queue of RU 1001 is full, command refused.") == 1
 
 
