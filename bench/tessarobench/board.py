@@ -110,6 +110,7 @@ class Board(Closing):
         """Before there is anything to see, and to be ended after everything that could be seen."""
         self.closing(file)
         self.capture = self.closing(Capture(file, self._world, self._interface_name))
+        self.journal.listeners.append(self.capture.event)
 
     def _interface_name(self, number: int) -> Optional[str]:
         if number == LOOPBACK_NUMBER:

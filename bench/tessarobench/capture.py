@@ -1,4 +1,5 @@
-"""Everything that crosses the links of one board, into one file: the UART's lines, and all packets of its network.
+"""Everything that crosses the links of one board, into one file: the UART's lines, and all packets of its network; between
+them the server's log, and what the bench does to the links.
 
 What crosses a network is captured on the board's side of the cables, so that interfaces may go, come and change as they
 like. The UART's bytes are cut into lines, which is how the base unit reads them. Both carry the time of the same clock,
@@ -13,12 +14,14 @@ import time
 from typing import Callable, Optional
 
 from .capturefile import NETWORKS, CaptureFile
-from .journal import FROM_BASE_UNIT, TO_BASE_UNIT
+from .journal import BENCH, FROM_BASE_UNIT, TO_BASE_UNIT, Event
 from .namespaces import World
 from .packetring import BLOCKS, RETIRE_MILLISECONDS, PacketRing
 from .pcapng import FROM_BASE_CONTROLLER, TO_BASE_CONTROLLER
 
 UART, LOOPBACK = "ttymxc0", "lo"
+SERVER, RELAY = "server", "gpio"  # links of the journal
+_TOLD = ("unit", "number", "id", "fate", "value", "closed", "to", "text", "status", "name", "what", "reason")  # details
 LONGEST_LINE = 64 * 1024  # what has no end is cut
 _END_OF_LINE = b"\n"
 # By then, with room to spare, the kernel has handed over what had arrived.
@@ -48,6 +51,14 @@ class Capture:
             self._put_line(direction, rest[:LONGEST_LINE])
             rest = rest[LONGEST_LINE:]
         self._lines[direction] = rest
+
+    def event(self, event: Event) -> None:
+        """A listener of the journal, on the loop's thread: keeps what does not show on the links."""
+        if event.link == SERVER and event.direction == FROM_BASE_UNIT:
+            self._file.log(event.text, "tessaroserver")
+        elif event.link == RELAY or "fate" in event.detail or (event.direction == BENCH and not event.data):
+            fields = " ".join(f"{name} {value}" for name, value in event.detail.items() if name in _TOLD)
+            self._file.log(f"{event.link} {event.direction} {event.kind} {fields}".strip(), "bench")
 
     def close(self) -> None:
         """What has crossed so far, be it a moment ago, is still captured."""

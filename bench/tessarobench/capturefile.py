@@ -1,4 +1,5 @@
-"""The file of a capture: takes packets from any thread and writes them in the order of their time, in a thread of its own.
+"""The file of a capture: takes packets and lines of logs from any thread and writes them in the order of their time, in a
+thread of its own.
 
 A disk that stalls, is full or fails disturbs nobody: packets wait in memory up to a bound, are counted as lost beyond it,
 and what became of the file is told at the end. Whole blocks alone are written, so that the file can be read at any time.
@@ -21,6 +22,7 @@ from .pcapng import LINKTYPE_ETHERNET, LINKTYPE_USER0, PcapngWriter
 # One row per link: name, kind, who is at the other end.
 LINKS = (("ttymxc0", LINKTYPE_USER0, "base controller"), ("eth0", LINKTYPE_ETHERNET, "machine controller"),
          ("wlan0", LINKTYPE_ETHERNET, "remote units and service tool"), ("lo", LINKTYPE_ETHERNET, "local tools"))
+LOG = "log"
 NETWORKS = tuple(name for name, kind, _ in LINKS if kind == LINKTYPE_ETHERNET)
 
 TURN_SECONDS = 0.05
@@ -30,13 +32,13 @@ _ENTRY_BYTES = 256  # what a packet that waits takes beside its bytes
 
 
 class Entry(NamedTuple):
-    """One packet that waits, or a remark about the next one (then without a link)."""
+    """One packet that waits, or a line of the log of `source`."""
 
     nanoseconds: int
-    link: Optional[str]
+    link: str
     data: bytes
     outbound: Optional[bool]
-    text: str
+    source: str
 
     @property
     def size(self) -> int:
@@ -47,7 +49,8 @@ class Entry(NamedTuple):
 class CaptureFile:
     """Open from construction to `close`; raises OSError when the file cannot be opened. For any thread.
 
-    `packets`   how many of each link came here, by name; `lost` how many of those did not get into the file
+    `taken`     how many packets of each link, and lines of logs, came here, by name; `lost` how many of those did not get
+                into the file
     `lost_in_kernel`   how many did not even come here; of the networks together, as nobody knows of which
     `trouble`   what went wrong with the file, in words, or ""
     """
@@ -58,14 +61,13 @@ class CaptureFile:
         self._blocks = io.BytesIO()
         self._writer = PcapngWriter(self._blocks, application)
         self._numbers = {name: self._writer.add_interface(name, kind, what) for name, kind, what in LINKS}
-        self.packets, self.lost = dict.fromkeys(self._numbers, 0), dict.fromkeys(self._numbers, 0)
+        self.taken, self.lost = dict.fromkeys((*self._numbers, LOG), 0), dict.fromkeys((*self._numbers, LOG), 0)
         self.lost_in_kernel = 0
         self.trouble, self._written = "", 0
         self._lock = threading.Lock()
         self._waiting: list[Entry] = []
         self._waiting_bytes, self._settled = 0, 0
         self._sorted: list[Entry] = []
-        self._remarks: list[str] = []
         self._ending = threading.Event()
         self._thread = threading.Thread(target=self._run, name="capture file", daemon=True)
         self._thread.start()
@@ -75,19 +77,11 @@ class CaptureFile:
     def put(self, link: str, data: bytes, outbound: Optional[bool], nanoseconds: Optional[int] = None) -> None:
         """One packet, which crosses the link now, or whose time has been taken by the kernel. It may be `outbound` from the
         base unit, inbound (False), or neither (None)."""
-        with self._lock:
-            self.packets[link] += 1
-            entry = Entry(nanoseconds or time.time_ns(), link, data, outbound, "")
-            if self._waiting_bytes + entry.size > self._largest_waiting:
-                self.lost[link] += 1
-                return
-            self._waiting_bytes += entry.size
-            self._waiting.append(entry)
+        self._take(link, data, outbound, "", nanoseconds)
 
-    def remark(self, text: str) -> None:
-        """Becomes a comment of the next packet."""
-        with self._lock:
-            self._waiting.append(Entry(time.time_ns(), None, b"", None, text))
+    def log(self, text: str, source: str) -> None:
+        """One line of the log of `source`, written now."""
+        self._take(LOG, text.encode("utf-8", "replace"), None, source, None)
 
     def settle(self, nanoseconds: int) -> None:
         """Says that no packet will be put any more whose time is an earlier one: what is older may be written."""
@@ -104,12 +98,22 @@ class CaptureFile:
     @property
     def summary(self) -> str:
         """What was captured, in one line."""
-        kept = {name: count - self.lost[name] for name, count in self.packets.items()}
-        missing = sum(self.lost.values()) + self.lost_in_kernel
+        kept = {name: count - self.lost[name] for name, count in self.taken.items()}
+        lines, missing = kept.pop(LOG), sum(self.lost.values()) + self.lost_in_kernel
         return (f"{sum(kept.values())} packets ({', '.join(f'{name} {count}' for name, count in kept.items())}) "
-                f"in {self._path}, {self._written / 1e6:.2f} MB; "
+                f"and {lines} lines of logs in {self._path}, {self._written / 1e6:.2f} MB; "
                 + (f"{missing} MORE ARE MISSING" if missing else "none is missing")
                 + (f"; the file ends early: {self.trouble}" if self.trouble else ""))
+
+    def _take(self, link: str, data: bytes, outbound: Optional[bool], source: str, nanoseconds: Optional[int]) -> None:
+        with self._lock:
+            self.taken[link] += 1
+            entry = Entry(nanoseconds or time.time_ns(), link, data, outbound, source)
+            if self._waiting_bytes + entry.size > self._largest_waiting:
+                self.lost[link] += 1
+                return
+            self._waiting_bytes += entry.size
+            self._waiting.append(entry)
 
     # --- on the file's thread --------------------------------------------------------------------------------------
 
@@ -135,20 +139,18 @@ class CaptureFile:
         written = self._flush()
         with self._lock:
             for entry in due:
-                if entry.link is not None:
-                    self._waiting_bytes -= entry.size
-                    self.lost[entry.link] += not written
+                self._waiting_bytes -= entry.size
+                self.lost[entry.link] += not written
 
     def _add(self, entry: Entry) -> None:
-        if entry.link is None:
-            self._remarks.append(entry.text)
-            return
-        self._writer.packet_at(self._numbers[entry.link], entry.data, entry.nanoseconds, entry.outbound, self._remarks)
-        self._remarks = []
+        if entry.link == LOG:
+            self._writer.log_line(entry.data.decode(), entry.source, entry.nanoseconds)
+        else:
+            self._writer.packet_at(self._numbers[entry.link], entry.data, entry.nanoseconds, entry.outbound)
 
     def _add_statistics(self, name: str, number: int) -> None:
         shared = self.lost_in_kernel if name in NETWORKS else 0
-        self._writer.statistics(number, self.packets[name], None if shared else self.lost[name],
+        self._writer.statistics(number, self.taken[name], None if shared else self.lost[name],
                                 f"{shared} packets of {', '.join(NETWORKS)} together found no room" if shared else "")
 
     def _flush(self) -> bool:

@@ -129,7 +129,7 @@ TELLERS: dict[str, Callable[[Event], Optional[str]]] = {
 
 class Narrator:
     """Prints events of a journal as they come; with `quiet`, headings and outcomes only. `remark` gets the story itself:
-    headings, and what is about to happen."""
+    headings, what is about to happen, and what came out."""
 
     def __init__(self, journal: Journal, out: TextIO = sys.stdout, quiet: bool = False,
                  remark: Optional[Callable[[str], None]] = None):
@@ -158,6 +158,7 @@ class Narrator:
         self._print("  " + self._paint("36", text))
 
     def result(self, ok: bool, text: str) -> None:
+        self._remark(f"{'ok' if ok else 'FAILED'}: {text}")
         self._print(self._paint("32" if ok else "31", f"  {'ok    ' if ok else 'FAILED'} {text}"))
 
     def plain(self, text: str) -> None:

@@ -1,8 +1,8 @@
 """Captures in the pcapng format: several interfaces of different kinds in one file, for Wireshark and tshark.
 
 Only what a capture needs: a section header, an interface description per link, enhanced packet blocks with nanosecond
-time stamps, direction and comments, and at the end statistics per interface. Frames of the internal link are written as
-link type USER0, one byte of direction (0 to the base controller, 1 from it) before the bytes of the line;
+time stamps and direction, lines of logs between them, and at the end statistics per interface. Frames of the internal
+link are written as link type USER0, one byte of direction (0 to the base controller, 1 from it) before the bytes of the line;
 `tools/wireshark/tessaro.lua` reads them so.
 """
 
@@ -10,12 +10,13 @@ from __future__ import annotations
 
 import struct
 import time
-from typing import BinaryIO, Optional, Sequence
+from typing import BinaryIO, Optional
 
 LINKTYPE_ETHERNET = 1
 LINKTYPE_USER0 = 147
 
 _SECTION_HEADER, _INTERFACE_DESCRIPTION, _INTERFACE_STATISTICS, _ENHANCED_PACKET = 0x0A0D0D0A, 1, 5, 6
+_JOURNAL_ENTRY = 9  # one entry as systemd's journal exports it
 _BYTE_ORDER_MAGIC = 0x1A2B3C4D
 _UNKNOWN_LENGTH = 0xFFFFFFFFFFFFFFFF
 # Options. The first two mean the same in every block.
@@ -77,14 +78,19 @@ class PcapngWriter:
         """One packet, now or at a time since the epoch."""
         self.packet_at(interface, data, time.time_ns() if seconds is None else round(seconds * 1e9))
 
-    def packet_at(self, interface: int, data: bytes, nanoseconds: int, outbound: Optional[bool] = None,
-                  comments: Sequence[str] = ()) -> None:
-        """One packet with all that can be said of it; `outbound` is the base unit's point of view."""
-        flags = [] if outbound is None else [
-            _option(_PACKET_FLAGS, struct.pack("<I", _OUTBOUND if outbound else _INBOUND))]
-        options = _options(*(_option(_COMMENT, text.encode()) for text in comments), *flags)
+    def packet_at(self, interface: int, data: bytes, nanoseconds: int, outbound: Optional[bool] = None) -> None:
+        """One packet; `outbound` is the base unit's point of view."""
+        options = b"" if outbound is None else _options(
+            _option(_PACKET_FLAGS, struct.pack("<I", _OUTBOUND if outbound else _INBOUND)))
         head = struct.pack("<I", interface) + _stamp(nanoseconds) + struct.pack("<II", len(data), len(data))
         self._stream.write(_block(_ENHANCED_PACKET, head + _padded(data) + options))
+
+    def log_line(self, text: str, source: str, nanoseconds: int) -> None:
+        """One line of a log, of the program `source`; readers show it in a row of its own."""
+        fields = (f"__REALTIME_TIMESTAMP={nanoseconds // 1000}", f"MESSAGE={' '.join(text.splitlines())}",
+                  f"SYSLOG_IDENTIFIER={source}")
+        entry = "".join(f"{field}\n" for field in fields)
+        self._stream.write(_block(_JOURNAL_ENTRY, _padded(entry.encode("utf-8", "replace"))))
 
     def statistics(self, interface: int, received: int, dropped: Optional[int], comment: str = "") -> None:
         """How many packets of an interface there were, and how many of them are missing here (None: that is not known of

@@ -27,7 +27,7 @@ LINK_FIELDS = ("frame.interface_name", "frame.packet_flags_direction", "frame.ti
                "tessaro_link.service", "tessaro_link.payload", "tessaro_link.crc.good", "tessaro_glink.id",
                "tessaro_glink.type", "tessaro_eglink.type", "tessaro_api.action", "tessaro_api.answer",
                "tessaro_pairing.command", "tessaro_transfer.so_far", "tessaro_link.unasked", "tessaro_glink.unasked",
-               "tessaro_eglink.unasked", "tessaro_link.repeats", "tessaro_glink.repeats", "tessaro_eglink.repeats",
+               "systemd_journal.message", "systemd_journal.syslog_id", "tessaro_eglink.unasked", "tessaro_link.repeats", "tessaro_glink.repeats", "tessaro_eglink.repeats",
                "tessaro_glink.response_time", "tessaro_eglink.response_time", "tessaro_link.response_time")
 DAMAGE = ("tessaro_link.bad_crc", "tessaro_glink.bad_crc", "tessaro_eglink.bad_crc", "tessaro_link.malformed",
           "tessaro_glink.malformed", "tessaro_eglink.malformed", "tessaro_pairing.malformed")
@@ -152,7 +152,9 @@ def played(server_path, tmp_path_factory):
 def test_tshark_reads_what_the_journal_says(played):
     rows, journal = played
     assert shown(rows) == journalled(journal)
-    assert {row["frame.interface_name"][0] for row in rows} == {"ttymxc0", "eth0", "wlan0", "lo"}
+    assert {name for row in rows for name in row["frame.interface_name"]} == {"ttymxc0", "eth0", "wlan0", "lo"}
+    assert [text for row in rows for text in row["systemd_journal.message"] if row["systemd_journal.syslog_id"] == [
+        "tessaroserver"]] == [event.text for event in journal.select("server", FROM_BASE_UNIT, "log")]
     assert [row for row in rows if any(row[field] for field in DAMAGE)] == []
     sizes = [int(size) for row in rows for size in row["tessaro_transfer.so_far"]]
     assert max(sizes) == journal.last(link="pairing", kind="file").size
@@ -301,19 +303,18 @@ def test_lines_are_cut_at_their_end_however_they_come(path):
 # --- the file ----------------------------------------------------------------------------------------------------------
 
 
-def test_packets_are_sorted_by_time_and_remarks_go_with_the_next_one(path):
+def test_packets_and_lines_of_logs_are_sorted_by_time(path):
     file = CaptureFile(path, "a test")
     now = time.time_ns()
     file.put("eth0", bytes(14), True, now + 2_000)
-    file.remark("what comes now")
+    file.log("what comes\nnow", "bench")
     file.put("ttymxc0", b"\0\x82\n", True)
     file.put("wlan0", bytes(14), False, now + 1_000)
     file.close()
-    rows = tsharkreader.read(path, "frame.interface_name", "frame.comment", "frame.packet_flags_direction")
-    assert [tuple(row[field] for field in ("frame.interface_name", "frame.comment", "frame.packet_flags_direction"))
-            for row in rows] == [(["wlan0"], [], ["0x00000001"]), (["eth0"], [], [OUTBOUND]),
-                                 (["ttymxc0"], ["what comes now"], [OUTBOUND])]
-    assert "3 packets (ttymxc0 1, eth0 1, wlan0 1, lo 0)" in file.summary and "none is missing" in file.summary
+    fields = ("frame.interface_name", "frame.packet_flags_direction", "systemd_journal.message")
+    assert [tuple(row[field] for field in fields) for row in tsharkreader.read(path, *fields)] == [
+        (["wlan0"], ["0x00000001"], []), (["eth0"], [OUTBOUND], []), ([], [], ["what comes now"]), (["ttymxc0"], [OUTBOUND], [])]
+    assert "3 packets (ttymxc0 1, eth0 1, wlan0 1, lo 0) and 1 lines" in file.summary and "none is missing" in file.summary
 
 
 def test_nothing_is_written_before_what_may_still_come(path):
@@ -367,14 +368,17 @@ def test_a_disk_that_takes_nothing_disturbs_nobody(server_path, tmp_path, monkey
 BENCH = ROOT / "bench"
 
 
-def test_a_captured_scene_tells_its_story_in_comments(server_path, path):
+def test_a_captured_scene_tells_its_story_between_the_packets(server_path, path):
     tour = subprocess.run([BENCH / "run", "--server", server_path, "--scene", "settings", "--capture", path],
                           capture_output=True, text=True, timeout=60, check=False)
     assert tour.returncode == 0, tour.stdout + tour.stderr
     assert "; none is missing." in tour.stdout.splitlines()[-1]
-    comments = [text for row in tsharkreader.read(path, "frame.comment") for text in row["frame.comment"]]
-    assert comments[0].startswith("1. The internal link comes up")
-    assert "A local tool announces that the configuration has changed." in comments
+    told = [text for row in tsharkreader.read(path, "systemd_journal.message",
+                                              display_filter='systemd_journal.syslog_id == "tour"')
+            for text in row["systemd_journal.message"]]
+    assert told[0].startswith("1. The internal link comes up")
+    assert "A local tool announces that the configuration has changed." in told
+    assert "ok: the base controller is told RECONFIG" in told
 
 
 @pytest.mark.parametrize("number, status", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
