@@ -27,8 +27,9 @@ LINK_FIELDS = ("frame.interface_name", "frame.packet_flags_direction", "frame.ti
                "tessaro_link.service", "tessaro_link.payload", "tessaro_link.crc.good", "tessaro_glink.id",
                "tessaro_glink.type", "tessaro_eglink.type", "tessaro_api.action", "tessaro_api.answer",
                "tessaro_pairing.command", "tessaro_transfer.so_far", "tessaro_link.unasked", "tessaro_glink.unasked",
-               "systemd_journal.message", "systemd_journal.syslog_id", "tessaro_eglink.unasked", "tessaro_link.repeats", "tessaro_glink.repeats", "tessaro_eglink.repeats",
-               "tessaro_glink.response_time", "tessaro_eglink.response_time", "tessaro_link.response_time")
+               "tessaro_eglink.unasked", "tessaro_link.repeats", "tessaro_glink.repeats", "tessaro_eglink.repeats",
+               "tessaro_glink.response_time", "tessaro_eglink.response_time", "tessaro_link.response_time",
+               "systemd_journal.message", "systemd_journal.syslog_id")
 DAMAGE = ("tessaro_link.bad_crc", "tessaro_glink.bad_crc", "tessaro_eglink.bad_crc", "tessaro_link.malformed",
           "tessaro_glink.malformed", "tessaro_eglink.malformed", "tessaro_pairing.malformed")
 

@@ -40,6 +40,7 @@ private slots:
 
     void hasSevenServices();
     void everythingLivesInTheThreadOfTheLayer();
+    void serviceThatListensToNothingStaysSilent();
     void nothingExistsBeforeInitialize();
     void payloadGoesToTheServiceOfItsId();
     void payloadFromTheRemoteSideIsDropped();
@@ -123,6 +124,18 @@ void TestServiceLayer::hasSevenServices()
     QVERIFY(service<GfallbackServiceC>(105) != nullptr);
     QVERIFY(service<FbCmdService>(106) != nullptr);
     QVERIFY(service<FbPeriodicService>(107) != nullptr);
+}
+
+void TestServiceLayer::serviceThatListensToNothingStaysSilent()
+{
+    ServiceBase service(nullptr, 103);
+    const QSignalSpy sent(&service, &ServiceBase::readyReadFromService);
+    const LogSpy log;
+
+    service.readData("unheard", Internal, MSG_CLASS_TRANSP_ACK);
+
+    QCOMPARE(sent.count(), 0);
+    QCOMPARE(log.lines(), QStringList());
 }
 
 void TestServiceLayer::everythingLivesInTheThreadOfTheLayer()

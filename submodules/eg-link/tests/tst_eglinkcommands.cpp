@@ -28,6 +28,7 @@ private slots:
     void emptyCommandIsNeverSent();
     void commandOfEveryAllowedSize();
     void commandWithDisabledChannelIsNotSent();
+    void commandStoredWhileTheChannelWasOffLeavesWithTheNextTick();
     void commandIdsAreUnsigned();
 
     void commandFromTheController();
@@ -195,6 +196,19 @@ void TestEGLinkCommands::commandWithDisabledChannelIsNotSent()
     link.receiveCmd("go");
     QCOMPARE(link.sent.size(), 1);
     QCOMPARE(link.sent.value(0).mid(22, 2), QByteArray("go"));
+}
+
+void TestEGLinkCommands::commandStoredWhileTheChannelWasOffLeavesWithTheNextTick()
+{
+    StartedLink link(VrpiOnly);
+    link.receiveCmd("older");
+    link.receiveCmd("late");
+    link.setEmap(Everything);
+    link.resendVRCIMessage();
+    QCOMPARE(link.sent.size(), 1);
+    QCOMPARE(link.sent.value(0).mid(16, 10).toHex(), QByteArray("0000000000006c617465"));
+    link.resendVRCIMessage();
+    QCOMPARE(link.sent.value(1), link.sent.value(0)); // from then on it is repeated like any other
 }
 
 void TestEGLinkCommands::commandIdsAreUnsigned()

@@ -59,6 +59,7 @@ private slots:
     void discardsInputFromBeforeTheStart();
     void runsTheLineWithFixedSettings();
     void otherLineSettingsAreKeptWithoutEffect();
+    void refusedBaudRateIsToldAndTheLineStartsAllTheSame();
     void writesBytesUnchanged();
     void logsAStart();
     void survivesAPortThatCannotBeUsed_data();
@@ -200,6 +201,21 @@ void TestSerialPort::otherLineSettingsAreKeptWithoutEffect()
     QCOMPARE(cfgetospeed(&settings), static_cast<speed_t>(B9600));
     QCOMPARE(settings.c_cflag & ~static_cast<tcflag_t>(CBAUD), static_cast<tcflag_t>(CS8 | CREAD | CLOCAL));
     QCOMPARE(static_cast<int>(settings.c_cc[VEOL]), 0);
+}
+
+void TestSerialPort::refusedBaudRateIsToldAndTheLineStartsAllTheSame()
+{
+    m_port->setBaudRate(12345); // bits per second instead of one of the system's constants
+    const LogSpy spy;
+    QSignalSpy received(m_port.get(), &SerialPort::readyRead);
+
+    open();
+
+    QCOMPARE(spy.lines().mid(2), (QStringList{"Serial_port_c: Failed to set baud rate on line-in",
+                                              "Serial_port_c: Failed to set baud rate on line-out",
+                                              "Serial_port_c: Config success", "Serial_port_c: Start reading data"}));
+    QVERIFY(m_line->send("still here\n"));
+    QTRY_COMPARE(payloads(received), QList<QByteArray>{"still here\n"});
 }
 
 void TestSerialPort::writesBytesUnchanged()
