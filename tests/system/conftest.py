@@ -58,10 +58,13 @@ def capture(request):
 
 @pytest.fixture
 def bench(server_path, capture):
-    """A freshly laid board with the example installation; the server is not started yet."""
+    """A freshly laid board with the example installation; the server is not started yet. Whatever a test has put it through,
+    the server ends in order when asked: its exit status tells, and so do the leak checker and the coverage of such builds."""
     with Installation(server_path, capture=capture) as laid:
         yield laid
         laid.loop.raise_failure()
+        if laid.server.running:
+            assert laid.server.stop() == 0
 
 
 @pytest.fixture
