@@ -35,8 +35,10 @@ def test_everything_lands_in_its_place(clean, newer):
     assert (clean / PROGRAM).stat().st_mode & 0o777 == 0o755
     for file in EXAMPLE_FILES:
         assert (clean / f"{DOC}/examples/{file}").is_file()
-    for file in (UNIT, "usr/bin/tessaro-check", "usr/bin/tessaro-top", "usr/bin/tessaro-report",
-                 f"{DOC}/wireshark/tessaro.lua", f"{DOC}/installation.md", f"{DOC}/copyright"):
+    for tool in ("tessaro-check", "tessaro-top", "tessaro-report"):
+        assert (clean / f"usr/bin/{tool}").is_file() and (clean / f"usr/share/man/man1/{tool}.1.gz").is_file()
+    for file in (UNIT, f"{DOC}/wireshark/tessaro.lua", f"{DOC}/wireshark/README.md", f"{DOC}/installation.md",
+                 f"{DOC}/copyright"):
         assert (clean / file).is_file(), file
 
 
