@@ -57,6 +57,7 @@ private slots:
     // Links
     void numberOfUnitsIsShown();
     void endOfASupersededTransportLeavesTheCurrentOne();
+    void linkThatWasIntroducedEarlierDoesNotSupersede();
     void endOfTheCurrentTransportDetachesIt();
     void directRemovalDetachesTheLink();
     void removalForAnUnknownUnitIsLogged();
@@ -622,6 +623,29 @@ void TestRGPCom::endOfASupersededTransportLeavesTheCurrentOne()
     h.hub.messageSent(Unit, current.sent.lastRefNr(), &current);
     h.hub.send(Unit, Forward, "still there");
     QCOMPARE(current.sent.texts().last(), QString("5:still there"));
+}
+
+// A unit gave up while its INIT waited for a large application to be hashed, and came back; the answers of both
+// connections are ready at once, and either may be first.
+void TestRGPCom::linkThatWasIntroducedEarlierDoesNotSupersede()
+{
+    Hub h(*m_unit);
+    FakeTcpLink givenUp;
+    FakeTcpLink current;
+    const QSignalSpy closed(&givenUp, &GLinkTransportTcp::finished);
+    givenUp.handleInitMsg();
+    current.handleInitMsg();
+
+    h.hub.addGLink(Unit, &current);
+    h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity), &current);
+    h.hub.addGLink(Unit, &givenUp);
+    h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity), &givenUp);
+    h.hub.messageSent(Unit, current.sent.lastRefNr(), &current);
+    h.hub.send(Unit, Forward, "still there");
+
+    QCOMPARE(givenUp.sent.texts(), QStringList());
+    QCOMPARE(current.sent.texts().last(), QString("5:still there"));
+    QTRY_COMPARE(closed.count(), 1);
 }
 
 void TestRGPCom::endOfTheCurrentTransportDetachesIt()

@@ -248,11 +248,25 @@ GLinkConnection::LinkType GLinkConnection::setGLink(GLinkTransportTcp* link)
 {
     if (link == nullptr) {
         m_isGLinkInited = false;
-    } else if (m_gLink && m_gLink != link) {
-        supersede(m_gLink);
+    } else if (m_gLink && m_gLink != link && !supersede(*link)) {
+        return updateActiveLink();
     }
     m_gLink = link;
     return updateActiveLink();
+}
+
+/// The unit has connected anew before its old connection, half open perhaps, was found dead. An answer to the INIT
+/// before is of no use on the new link, where the answer to its own INIT follows.
+/// @return false if `link` is the old connection after all: its INIT waited for a checksum while that of the link in
+///         use overtook it.
+bool GLinkConnection::supersede(GLinkTransportTcp& link)
+{
+    const bool isStale = link.isIntroducedBefore(*m_gLink);
+    if (!isStale) {
+        m_queue.dropInitAcks();
+    }
+    QMetaObject::invokeMethod(isStale ? &link : m_gLink.data(), &GLinkTransportTcp::close, Qt::QueuedConnection);
+    return !isStale;
 }
 
 GLinkConnection::LinkType GLinkConnection::setFallbackLink(GLinkTransportFallback* link)
@@ -262,14 +276,6 @@ GLinkConnection::LinkType GLinkConnection::setFallbackLink(GLinkTransportFallbac
     }
     m_gFallbackLink = link;
     return updateActiveLink();
-}
-
-/// The unit has connected anew before its old connection, half open perhaps, was found dead. An answer to the INIT
-/// before is of no use on the new link, where the answer to its own INIT follows.
-void GLinkConnection::supersede(GLinkTransportTcp* link)
-{
-    m_queue.dropInitAcks();
-    QMetaObject::invokeMethod(link, &GLinkTransportTcp::close, Qt::QueuedConnection);
 }
 
 bool GLinkConnection::initChannel(GLinkTransportBase* channel)

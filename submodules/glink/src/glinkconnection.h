@@ -117,7 +117,7 @@ private:
     void sendBehindOthers(quint8 msgId, const QByteArray& data);
     void queueMessage(quint8 msgId, const QByteArray& data, bool prepend);
     void forgetMessageInFlight();
-    void supersede(GLinkTransportTcp* link);
+    bool supersede(GLinkTransportTcp& link);
     void logInvalidIndex() const;
 
     static GLinkConnection* takeFromFallbackUsers(int startIndex, RPGComGLinkMessage& out);

@@ -255,15 +255,23 @@ void GLinkTransportTcp::resetTimers()
 
 bool GLinkTransportTcp::handleInitMsg()
 {
+    static std::atomic<quint64> introductions{0};
+
     const quint16 previousId = m_rxPeerId;
+    const bool wasIntroduced = m_introduction.exchange(++introductions) != 0;
     const bool isAsConfigured = GLinkTransportBase::handleInitMsg();
-    if (m_isIntroduced && previousId != m_rxPeerId) {
+    if (wasIntroduced && previousId != m_rxPeerId) {
         // The same connection now speaks for another unit: the one before has no link any more.
         emit closedConnection(previousId);
     }
-    m_isIntroduced = true;
     emit newConnection(m_rxPeerId, this);
     return isAsConfigured;
+}
+
+bool GLinkTransportTcp::isIntroducedBefore(const GLinkTransportTcp& other) const
+{
+    const quint64 introduction = m_introduction;
+    return introduction != 0 && introduction < other.m_introduction;
 }
 
 void GLinkTransportTcp::restartExchange(quint16 remoteId)

@@ -70,6 +70,10 @@ public:
     /// Closes the connection; no more of its bytes are looked at.
     void handleCrcError() override;
 
+    /// Whether the last INIT came here before the last one came to `other`. Of two links that name the same unit the
+    /// unit uses the one with the later INIT, whichever was dealt with first. From any thread.
+    bool isIntroducedBefore(const GLinkTransportTcp& other) const;
+
     /// Received data: the next heartbeat and the silence time-out count from now.
     void resetTimers();
 
@@ -131,7 +135,7 @@ private:
     GLinkTcpTimes m_times;
     QTimer* m_resumeTimer = nullptr;
     std::shared_ptr<GLinkBacklog> m_backlog;
-    bool m_isIntroduced = false; ///< an INIT was received
+    std::atomic<quint64> m_introduction{0}; ///< which of all INITs over TCP the last one was; 0 before the first
     bool m_isAborting = false;
     bool m_hasEnded = false;
 };
