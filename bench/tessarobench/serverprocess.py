@@ -173,11 +173,16 @@ class ServerProcess:
         return Usage(time.clock_gettime(_cpu_clock(self.pid)), resident_pages * _PAGE, threads,
                      len(os.listdir(f"/proc/{self.pid}/fd")), self._wakeups())
 
-    def memory(self) -> int:
-        """Resident bytes, for comparing with later ones. A server with the address sanitizer keeps what it has freed on
-        purpose, and looks for leaks when it ends in an orderly way: always 0 then."""
+    @property
+    def sanitized(self) -> bool:
+        """Whether it runs with the address sanitizer: such a server keeps what it has freed on purpose, so that its resident
+        memory tells nothing, and looks for leaks itself when it ends in an orderly way."""
         with open(f"/proc/{self.pid}/maps", encoding="ascii") as file:
-            return 0 if "libasan" in file.read() else self.usage().resident_bytes
+            return "libasan" in file.read()
+
+    def memory(self) -> int:
+        """Resident bytes, for comparing with later ones; always 0 when `sanitized`."""
+        return 0 if self.sanitized else self.usage().resident_bytes
 
     def _stat(self) -> list[str]:
         """The fields of /proc/PID/stat from the state on."""

@@ -24,7 +24,7 @@ def endure(record_property, capsys):
     def run(bench, name, cycle, cycles=CYCLES, warm_up=WARM_UP):
         for number in range(warm_up):
             cycle(number)
-        before, began = settled(bench, lambda usage: True), time.monotonic()
+        before, memory, began = settled(bench, lambda usage: True), bench.server.memory(), time.monotonic()
         for number in range(warm_up, warm_up + cycles):
             cycle(number)
         seconds = time.monotonic() - began
@@ -36,7 +36,7 @@ def endure(record_property, capsys):
                   + ", ".join(f"{what} {old} -> {new}" for what, old, new in rows))
         for what, old, new in rows:
             record_property(what, f"{old} -> {new}")
-        assert after.resident_bytes - before.resident_bytes < RESIDENT_GROWTH
+        assert bench.server.memory() - memory < RESIDENT_GROWTH
     return run
 
 
