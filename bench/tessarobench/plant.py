@@ -28,6 +28,7 @@ STEADY, WANDERER, RESTLESS = 1001, 1002, 1003
 SETTING = 7
 PATIENT_SECONDS = 2.0
 AN_EVENT = 42  # one that changes nothing
+LAST_SET_SECONDS = 0.3  # for the machine controller's last set to be with every unit
 
 
 class Plant:
@@ -111,8 +112,14 @@ class Plant:
             sent = unit.command()
             bench.wait_for(lambda: sent.acked, 5)
         bench.api.get()
-        until = bench.journal.now + 1.0  # more than any repetition of the internal link takes
-        bench.wait_for(lambda: bench.journal.now > until, 5, poll=0.1)
+        self._pause(1.0)  # more than any repetition of the internal link takes
+
+    def _pause(self, seconds: float) -> None:
+        until = self.bench.journal.now + seconds
+        self.bench.wait_for(lambda: self.bench.journal.now > until, seconds + 5, poll=0.1)
 
     def close_books(self) -> list[Account]:
+        """What became of everything. The controller is silent from now on, and its last set is with every unit."""
+        self.bench.mc.silence()
+        self._pause(LAST_SET_SECONDS)
         return self.watch.close()
