@@ -1,0 +1,272 @@
+#include "joinedlinks.h"
+
+#include <QSignalSpy>
+#include <QtTest>
+
+class TestGLinkConnectionReturns : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { m_noApplications.reset(new NoApplications); }
+    void cleanupTestCase() { m_noApplications.reset(); }
+
+    // A unit that comes back
+    void supersededTransportIsClosed();
+    void sameTransportAgainIsNotClosed();
+    void supersedingSendsOneMessageAtATime();
+    void newTransportGetsOneAnswerToItsInit();
+    void goneTransportDoesNotStopTheQueue();
+    void initIsAnsweredThoughAMessageIsInFlightOnTheTransport();
+    void queueGoesOnAfterAnotherInitOnTheSameTransport();
+    void tcpTakesTheNextMessageAfterAnEpisodeOnTheFallback();
+
+    // INIT over TCP while the fallback is in use
+    void initOverTcpIsAnsweredOnceOverTcp_data();
+    void initOverTcpIsAnsweredOnceOverTcp();
+    void initOverTcpLeavesTheFallbacksMessageInFlight();
+    void acknowledgementOverTheClosingFallbackSendsNothingThere();
+    void initOverTheClosingFallbackIsAnsweredThere();
+    void initOverTheFallbackIsAnsweredThere();
+
+private:
+    QScopedPointer<NoApplications> m_noApplications;
+};
+
+// --- A unit that comes back -----------------------------------------------------------------------------------------
+
+void TestGLinkConnectionReturns::supersededTransportIsClosed()
+{
+    FakeTcpLink old;
+    FakeTcpLink current;
+    QSignalSpy oldFinished(&old, &GLinkTransportTcp::finished);
+    QSignalSpy currentFinished(&current, &GLinkTransportTcp::finished);
+    GLinkConnection unit(5, &old, nullptr, nullptr);
+    unit.initChannel(&old);
+    unit.setGLink(&current);
+    QCOMPARE(unit.gLink(), &current);
+    QTRY_COMPARE(oldFinished.count(), 1);
+    QCOMPARE(currentFinished.count(), 0);
+}
+
+void TestGLinkConnectionReturns::sameTransportAgainIsNotClosed()
+{
+    FakeTcpLink tcp;
+    QSignalSpy finished(&tcp, &GLinkTransportTcp::finished);
+    GLinkConnection unit(5, &tcp, nullptr, nullptr);
+    unit.initChannel(&tcp);
+    QCOMPARE(unit.setGLink(&tcp), GLinkConnection::TCP);
+    QCoreApplication::processEvents();
+    QCOMPARE(finished.count(), 0);
+}
+
+void TestGLinkConnectionReturns::supersedingSendsOneMessageAtATime()
+{
+    PacedTcpLink old;
+    PacedTcpLink current;
+    GLinkConnection unit(5, &old, nullptr, nullptr);
+    unit.initChannel(&old);
+    for (const quint8 msgId : {Status, Forward, Forward, Forward}) {
+        unit.enqueueMessage(msgId, "x", false);
+    }
+    QSignalSpy sent(&current, &GLinkTransportBase::messageSent);
+    unit.setGLink(&current);
+    QCoreApplication::processEvents();
+    QCOMPARE(current.written, QList<int>{Forward});
+}
+
+// An INIT gets one answer: what waits of the answer to an earlier one is dropped.
+void TestGLinkConnectionReturns::newTransportGetsOneAnswerToItsInit()
+{
+    FakeTcpLink old;
+    FakeTcpLink current;
+    GLinkConnection unit(5, &old, nullptr, nullptr);
+    unit.initChannel(&old);
+    unit.enqueueMessage(Status, "1", false);
+    unit.enqueueMessage(InitAck, "old", true);
+
+    unit.setGLink(&current);
+    QCoreApplication::processEvents();
+    unit.initChannel(&current);
+    unit.enqueueMessage(InitAck, "new", true);
+    QCOMPARE(current.sent.texts(), QStringList{"2:new"});
+}
+
+// A queued "send" to a link that is gone is dropped and the queue goes on.
+void TestGLinkConnectionReturns::goneTransportDoesNotStopTheQueue()
+{
+    auto* const gone = new FakeTcpLink;
+    GLinkConnection unit(5, gone, nullptr, nullptr);
+    unit.initChannel(gone);
+    unit.enqueueMessage(Status, "1", false);
+    unit.enqueueMessage(Status, "2", false);
+    delete gone;
+    QCoreApplication::processEvents();
+    unit.enqueueMessage(Status, "3", false);
+
+    FakeTcpLink current;
+    unit.setGLink(&current);
+    unit.initChannel(&current);
+    unit.enqueueMessage(Status, "4", false);
+    QCOMPARE(current.sent.texts(), QStringList{"8:4"});
+}
+
+// The INITACK is never refused: a message that was on its way to the transport when the INIT came is forgotten there.
+void TestGLinkConnectionReturns::initIsAnsweredThoughAMessageIsInFlightOnTheTransport()
+{
+    PacedTcpLink tcp;
+    GLinkConnection unit(5, &tcp, nullptr, nullptr);
+    unit.initChannel(&tcp);
+    unit.enqueueMessage(Forward, "sent just after the INIT was received", false);
+    QCoreApplication::processEvents();
+    QCOMPARE(tcp.written, QList<int>{Forward});
+
+    unit.initChannel(&tcp);
+    unit.enqueueMessage(InitAck, "answer", true);
+    QCoreApplication::processEvents();
+    QCOMPARE(tcp.written, (QList<int>{Forward, InitAck}));
+}
+
+// The queue never hangs: what waited goes first, and the answer after its acknowledgement.
+void TestGLinkConnectionReturns::queueGoesOnAfterAnotherInitOnTheSameTransport()
+{
+    PacedTcpLink tcp;
+    GLinkConnection unit(5, &tcp, nullptr, nullptr);
+    connect(&tcp, &GLinkTransportBase::messageSent, &unit,
+            [&unit](quint16, quint32 refNr, GLinkTransportBase*) { unit.messageSent(refNr); });
+    unit.initChannel(&tcp);
+    unit.enqueueMessage(Forward, "1", false);
+    unit.enqueueMessage(Status, "2", false);
+    QCoreApplication::processEvents();
+
+    unit.initChannel(&tcp);
+    unit.enqueueMessage(InitAck, "answer", true);
+    QCoreApplication::processEvents();
+    QCOMPARE(tcp.written, (QList<int>{Forward, Status}));
+    tcp.acknowledge();
+    QCoreApplication::processEvents();
+    QCOMPARE(tcp.written, (QList<int>{Forward, Status, InitAck}));
+}
+
+void TestGLinkConnectionReturns::tcpTakesTheNextMessageAfterAnEpisodeOnTheFallback()
+{
+    PacedTcpLink tcp;
+    FakeFallbackLink fallback;
+    GLinkConnection unit(5, &tcp, nullptr, nullptr);
+    unit.initChannel(&tcp);
+    unit.enqueueMessage(Forward, "never acknowledged", false);
+    joinFallback(unit, fallback);
+    unit.setFallbackLink(nullptr);
+    QCOMPARE(unit.activeLinkType(), GLinkConnection::TCP);
+    unit.enqueueMessage(Status, "next", false);
+    QCoreApplication::processEvents();
+    QCOMPARE(tcp.written, (QList<int>{Forward, Status}));
+}
+
+// --- INIT over TCP while the fallback is in use ---------------------------------------------------------------------
+
+void TestGLinkConnectionReturns::initOverTcpIsAnsweredOnceOverTcp_data()
+{
+    QTest::addColumn<bool>("isInFlight");
+    QTest::addColumn<bool>("isQueued");
+
+    QTest::newRow("nothing in flight") << false << false;
+    QTest::newRow("a message in flight on the fallback") << true << false;
+    QTest::newRow("one in flight, one waiting") << true << true;
+}
+
+// An INIT over TCP while the fallback is in use yields exactly one INITACK.
+void TestGLinkConnectionReturns::initOverTcpIsAnsweredOnceOverTcp()
+{
+    QFETCH(bool, isInFlight);
+    QFETCH(bool, isQueued);
+    FakeTcpLink tcp;
+    FakeFallbackLink fallback;
+    GLinkConnection unit(5, &fallback, nullptr, nullptr);
+    // As the hub does it, when the transport has done what it was asked for.
+    connect(&fallback, &GLinkTransportBase::closedConnection, &unit, [&unit] { unit.setFallbackLink(nullptr); });
+    connect(&fallback, &GLinkTransportBase::messageSent, &unit,
+            [&unit](quint16, quint32 refNr, GLinkTransportBase*) { unit.messageSent(refNr); });
+    unit.initChannel(&fallback);
+    if (isInFlight) {
+        unit.enqueueMessage(Status, "in flight", false);
+    }
+    if (isQueued) {
+        unit.enqueueMessage(Command, "waiting", false);
+    }
+
+    joinTcp(unit, tcp);
+    unit.enqueueMessage(InitAck, "answer", true);
+    unit.enqueueMessage(Periodic, "values", true);
+    for (int i = 0; i < 5; ++i) {
+        unit.messageSent(tcp.sent.lastRefNr());
+    }
+    QStringList overTcp{"2:answer", "4:values"};
+    if (isQueued) {
+        overTcp.prepend("3:waiting");
+    }
+    QCOMPARE(tcp.sent.texts(), overTcp);
+    QCOMPARE(fallback.sent.count(InitAck), 0);
+}
+
+// Neither lost nor doubled: the fallback service keeps only one message waiting, and drops what comes on top.
+void TestGLinkConnectionReturns::initOverTcpLeavesTheFallbacksMessageInFlight()
+{
+    FakeTcpLink tcp;
+    FakeFallbackLink fallback;
+    GLinkConnection unit(5, &fallback, nullptr, nullptr);
+    unit.initChannel(&fallback);
+    for (const char* text : {"1", "2", "3"}) {
+        unit.enqueueMessage(Command, text, false);
+    }
+    joinTcp(unit, tcp);
+    QCOMPARE(fallback.sent.texts(), QStringList{"3:1"});
+    unit.setFallbackLink(nullptr);
+    unit.messageSent(tcp.sent.lastRefNr());
+    QCOMPARE(tcp.sent.texts(), (QStringList{"3:2", "3:3"}));
+    QCOMPARE(fallback.sent.texts(), QStringList{"3:1"});
+}
+
+void TestGLinkConnectionReturns::acknowledgementOverTheClosingFallbackSendsNothingThere()
+{
+    FakeTcpLink tcp;
+    FakeFallbackLink fallback;
+    GLinkConnection unit(5, &fallback, nullptr, nullptr);
+    unit.initChannel(&fallback);
+    unit.enqueueMessage(Command, "1", false);
+    unit.enqueueMessage(Command, "2", false);
+    joinTcp(unit, tcp);
+    unit.messageSent(fallback.sent.lastRefNr());
+    QCOMPARE(fallback.sent.texts(), QStringList{"3:1"});
+    unit.setFallbackLink(nullptr);
+    QCOMPARE(tcp.sent.texts(), QStringList{"3:2"});
+}
+
+void TestGLinkConnectionReturns::initOverTheClosingFallbackIsAnsweredThere()
+{
+    FakeTcpLink tcp;
+    FakeFallbackLink fallback;
+    GLinkConnection unit(5, &fallback, nullptr, nullptr);
+    unit.initChannel(&fallback);
+    joinTcp(unit, tcp);
+    unit.enqueueMessage(InitAck, "over TCP", true);
+    unit.setGLink(nullptr); // TCP is gone again at once
+    joinFallback(unit, fallback);
+    unit.enqueueMessage(InitAck, "over the fallback", true);
+    QCOMPARE(fallback.sent.texts(), QStringList{"2:over the fallback"});
+}
+
+void TestGLinkConnectionReturns::initOverTheFallbackIsAnsweredThere()
+{
+    FakeTcpLink tcp;
+    FakeFallbackLink fallback;
+    GLinkConnection unit(5, &tcp, nullptr, nullptr);
+    unit.initChannel(&tcp);
+    unit.enqueueMessage(Status, "in flight", false);
+    joinFallback(unit, fallback);
+    unit.enqueueMessage(InitAck, "answer", true);
+    QCOMPARE(fallback.sent.texts(), QStringList{"2:answer"});
+}
+
+QTEST_GUILESS_MAIN(TestGLinkConnectionReturns)
+#include "tst_glinkconnectionreturns.moc"
