@@ -14,6 +14,9 @@ vanish, join, fallback, reset, babble, slow, bytewise, rejoin (a unit, with seco
 (how uart or a unit writes: at most so many bytes at once, what comes within so many seconds in one, as it comes); noise (so
 many bytes on the uart).
 
+Conditions: relay closed, relay open; opened (the relay, at some time), stayed closed (it never opened); unit N on TCP, unit N
+on fallback; eglink N (the state in the status record); log TEXT, nothing of TEXT (in what the server has said).
+
 "#" begins a comment. Load is that of the soak, at the nominal pace times `pace` (4). At the end the books are closed, and
 must balance, whatever the file says.
 """
