@@ -22,7 +22,7 @@ run: build ## run the server on the simulated installation and watch it; CAPTURE
 	@scripts/ensure-packages run
 	@bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE)) $(if $(CAPTURE),--capture "$(CAPTURE)")
 
-test: unit-test tool-test system-test ## everything that CI checks
+test: unit-test tool-test system-test ## all tests that need no board; CI runs lint and board, too
 
 unit-test: build ## the unit tests alone
 	@ctest --test-dir $(BUILD) --output-on-failure --parallel 4

@@ -42,6 +42,14 @@ def test_everything_lands_in_its_place(clean, newer):
         assert (clean / file).is_file(), file
 
 
+def test_the_pages_link_to_nothing_that_is_missing(clean, newer):
+    clean.install(newer)
+    pages = list((clean / DOC).rglob("*.md"))
+    links = [(page, link) for page in pages for link in re.findall(r"\]\(([^)#:]+)", page.read_text())]
+    assert len(pages) > 10 and len(links) > 10
+    assert [(page.name, link) for page, link in links if not (page.parent / link).exists()] == []
+
+
 def test_the_applications_folder_gets_the_program_and_nothing_else(clean, newer):
     clean.install(newer)
     files = [path for path in (clean / APPLICATIONS).rglob("*") if path.is_file()]
