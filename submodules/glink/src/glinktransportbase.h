@@ -138,6 +138,8 @@ protected:
     /// The link is being closed: from now on received bytes are dropped unseen. Also ends a parseStream() under way.
     void stopParsing();
     bool isParsingStopped() const { return m_isParsingStopped; }
+    /// True while parseStream() is under way, within all that it calls.
+    bool isParsing() const { return m_isParsing; }
 
     const quint16 m_localId;
     quint16 m_txPeerId = 0; ///< reported with messageSent

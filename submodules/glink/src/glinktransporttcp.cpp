@@ -351,13 +351,24 @@ void GLinkTransportTcp::disconnectFromPeer()
 
 void GLinkTransportTcp::commTimeout()
 {
+    hearTheRest();
     abortSocket();
 }
 
 void GLinkTransportTcp::tcpError(QAbstractSocket::SocketError socketError)
 {
     Q_UNUSED(socketError)
+    hearTheRest();
     abortSocket();
+}
+
+/// Aborting would drop what waits in the socket while reading pauses, and the last of it may be a machine stop.
+void GLinkTransportTcp::hearTheRest()
+{
+    if (m_socket != nullptr) {
+        m_incomingData.append(m_socket->readAll());
+        parseStream();
+    }
 }
 
 void GLinkTransportTcp::close()
@@ -380,6 +391,11 @@ void GLinkTransportTcp::abortSocket()
 
 void GLinkTransportTcp::disconnected()
 {
+    if (isParsing()) {
+        // An acknowledgement could not be sent. The messages behind that one count, too, and come before the end.
+        QMetaObject::invokeMethod(this, &GLinkTransportTcp::disconnected, Qt::QueuedConnection);
+        return;
+    }
     if (std::exchange(m_hasEnded, true)) {
         return;
     }

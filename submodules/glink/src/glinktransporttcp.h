@@ -35,7 +35,8 @@ using GLinkBacklog = std::atomic<int>;
 /// succeeds; it is the remote unit's side. Either way an object serves one connection and is not used again.
 ///
 /// Threads: constructed anywhere, moved to a thread of its own, and from run() on used there only. It ends by itself:
-/// whatever closes the connection makes it emit closedConnection and finished, once and in this order. Destroy it in
+/// whatever closes the connection makes it emit closedConnection and finished, once and in this order, behind all whole
+/// messages that it had read by then (none after a damaged frame or close()). Destroy it in
 /// its own thread, or in any other after its own thread has ended; if it did not end before, it emits finished then.
 class GLinkTransportTcp : public GLinkTransportBase
 {
@@ -117,6 +118,7 @@ private:
     void setSocketOptions();
     void stopSupervision();
     void abortSocket();
+    void hearTheRest();
     void disconnectFromPeer();
     void releaseLink();
     bool mustPauseReading();
