@@ -100,6 +100,7 @@ void RGPCom::connectFallback(GfallbackServiceC* gFallback)
 {
     GLinkTransportFallback* const link = m_gFallbackLink;
     connect(link, &GLinkTransportFallback::newConnection, this, &RGPCom::addFallbackLink);
+    connect(link, &GLinkTransportFallback::introduced, this, &RGPCom::noteFallbackIntroduction);
     connect(link, &GLinkTransportFallback::closedConnection, this, &RGPCom::removeFallbackLink);
     connect(link, &GLinkTransportFallback::readyReadFromGLink, this, &RGPCom::dataFromGLink);
     connect(link, &GLinkTransportFallback::messageSent, this, &RGPCom::messageSent);
@@ -208,6 +209,13 @@ void RGPCom::addFallbackLink(quint16 remoteId)
         insertConnection(remoteId, new GLinkConnection(remoteId, m_gFallbackLink, m_log, this));
     }
     m_connection.value(remoteId)->setFallbackLink(m_gFallbackLink);
+}
+
+void RGPCom::noteFallbackIntroduction(quint16 remoteId, quint64 introduction)
+{
+    if (GLinkConnection* const connection = m_connection.value(remoteId)) {
+        connection->setFallbackIntroduction(introduction);
+    }
 }
 
 void RGPCom::removeFallbackLink(quint16 remoteId)

@@ -91,6 +91,8 @@ public:
 
 public slots:
     void addFallbackLink(quint16 remoteId);
+    /// Behind addFallbackLink(): the number of that INIT among all INITs.
+    void noteFallbackIntroduction(quint16 remoteId, quint64 introduction);
     void removeFallbackLink(quint16 remoteId);
     void addGLink(quint16 remoteId, GLinkTransportTcp* gLink);
     /// The unit's TCP link is gone. As a slot of a transport that another one has replaced it does nothing.

@@ -3,6 +3,7 @@
 #include "eventually.h"
 #include "gfallback_service_c.h"
 #include "glinkserver.h"
+#include "glinktransporttcp.h"
 #include "logspy.h"
 #include "remoteunit.h"
 #include "rgpcom.h"
@@ -41,6 +42,7 @@ private slots:
     void rejectedFallbackDetachesTheUnit();
     void unitGoesToTheFallbackAndReturns();
     void initOverTcpWhileTheFallbackIsInUseIsAnsweredOnce();
+    void initOverTcpThatWasGivenUpLeavesTheFallbackInUse();
     void commandsAreNeitherLostNorDoubledAcrossLinks();
     void vanishedUnitOnTheFallbackDoesNotStopAHealthyOne();
     void serviceMessagesGoBothWays();
@@ -369,6 +371,25 @@ void TestRGPComLinks::initOverTcpWhileTheFallbackIsInUseIsAnsweredOnce()
 
 // Fallback and return under load, without a lost or doubled command. A command is accepted for a unit that has a link,
 // so the test sends while it knows of one.
+// An INIT over TCP waits for a large application to be hashed. The unit does not, and goes to the fallback meanwhile.
+void TestRGPComLinks::initOverTcpThatWasGivenUpLeavesTheFallbackInUse()
+{
+    ReceivedFrames& received = m_plant->relay.unit(Unit);
+    GLinkTransportTcp givenUp(-1, 0, nullptr, nullptr, nullptr);
+    const QSignalSpy ended(&givenUp, &GLinkTransportTcp::finished);
+    givenUp.handleInitMsg();
+    m_plant->relay.deliver(Unit, initFrame(Unit));
+    VERIFY_EVENTUALLY(received.count(InitAck) == 1);
+
+    m_plant->hub->addGLink(Unit, &givenUp);
+    m_plant->hub->dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity), &givenUp);
+    m_plant->hub->send(Unit, Forward, "still there");
+
+    VERIFY_EVENTUALLY(received.lastPayload(Forward) == "still there");
+    VERIFY_EVENTUALLY(ended.count() == 1);
+    QCOMPARE(received.count(InitAck), 1);
+}
+
 void TestRGPComLinks::commandsAreNeitherLostNorDoubledAcrossLinks()
 {
     FallbackRelay& relay = m_plant->relay;

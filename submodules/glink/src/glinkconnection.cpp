@@ -261,12 +261,19 @@ GLinkConnection::LinkType GLinkConnection::setGLink(GLinkTransportTcp* link)
 ///         use overtook it.
 bool GLinkConnection::supersede(GLinkTransportTcp& link)
 {
-    const bool isStale = link.isIntroducedBefore(*m_gLink);
+    const bool isStale = link.isIntroducedBefore(m_gLink->introduction());
     if (!isStale) {
         m_queue.dropInitAcks();
     }
     QMetaObject::invokeMethod(isStale ? &link : m_gLink.data(), &GLinkTransportTcp::close, Qt::QueuedConnection);
     return !isStale;
+}
+
+/// The INIT over TCP waited for a checksum until the unit gave up and went to the fallback. Dealt with now, it would
+/// take the fallback from a unit that uses it.
+bool GLinkConnection::isGivenUpForFallback(const GLinkTransportTcp& link) const
+{
+    return m_gFallbackLink && link.isIntroducedBefore(m_fallbackIntroduction);
 }
 
 GLinkConnection::LinkType GLinkConnection::setFallbackLink(GLinkTransportFallback* link)
@@ -286,6 +293,10 @@ bool GLinkConnection::initChannel(GLinkTransportBase* channel)
     const bool isTcp = channel == m_gLink;
     if (!isTcp && channel != m_gFallbackLink) {
         qDebug() << "INIT FOR UNKNOWN CHANNEL! IGNORED.";
+        return false;
+    }
+    if (isTcp && isGivenUpForFallback(*m_gLink)) {
+        QMetaObject::invokeMethod(m_gLink, &GLinkTransportTcp::close, Qt::QueuedConnection);
         return false;
     }
     m_queue.dropInitAcks();

@@ -75,10 +75,13 @@ public:
     /// @return the type of link in use from now on.
     LinkType setGLink(GLinkTransportTcp* link);
     LinkType setFallbackLink(GLinkTransportFallback* link);
+    /// The unit's last INIT over the fallback was that one of all INITs.
+    void setFallbackIntroduction(quint64 introduction) { m_fallbackIntroduction = introduction; }
 
     /// An INIT came over `channel`: the link becomes usable, and what was in flight on it is forgotten on both sides.
     /// Null is fatal.
-    /// @return false, with nothing done, for a channel that is not (or no longer) one of this unit's links.
+    /// @return false, with nothing done, for a channel that is not (or no longer) one of this unit's links. A TCP link
+    ///         that the unit gave up for the fallback while its INIT waited is told to close.
     bool initChannel(GLinkTransportBase* channel);
 
 signals:
@@ -118,6 +121,7 @@ private:
     void queueMessage(quint8 msgId, const QByteArray& data, bool prepend);
     void forgetMessageInFlight();
     bool supersede(GLinkTransportTcp& link);
+    bool isGivenUpForFallback(const GLinkTransportTcp& link) const;
     void logInvalidIndex() const;
 
     static GLinkConnection* takeFromFallbackUsers(int startIndex, RPGComGLinkMessage& out);
@@ -131,6 +135,7 @@ private:
     bool m_isGLinkInited = false;
     QPointer<GLinkTransportFallback> m_gFallbackLink;
     bool m_isFallbackLinkInited = false;
+    quint64 m_fallbackIntroduction = 0;
     bool m_isFallbackClosing = false; ///< TCP is there again, and the fallback has been asked to let go
     QPointer<GLinkTransportBase> m_activeLink;
     LinkType m_activeLinkType = NONE;

@@ -7,6 +7,7 @@
 #include <QDebug>
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 namespace {
@@ -193,6 +194,12 @@ bool GLinkTransportBase::handleInitMsg()
     QByteArray checksum;
     const bool isChecksumGood = !getAppChecksum(checksum) || checksum == init.checksum();
     return isChecksumGood && isBuId(init.baseId) && isRuPaired(init.remoteId);
+}
+
+quint64 GLinkTransportBase::nextIntroduction()
+{
+    static std::atomic<quint64> introductions{0};
+    return ++introductions;
 }
 
 void GLinkTransportBase::restartExchange(quint16 remoteId)

@@ -121,6 +121,10 @@ protected:
     /// several units share overrides it to keep what is in flight for another unit.
     virtual void restartExchange(quint16 remoteId);
 
+    /// The number of an INIT that has just come: higher than those of all INITs before, over whatever transport. Any
+    /// thread.
+    static quint64 nextIntroduction();
+
     /// Makes the list in the background; getAppChecksum() waits for it. Any thread.
     void requestChecksumList();
 

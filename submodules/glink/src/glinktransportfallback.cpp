@@ -25,8 +25,10 @@ void GLinkTransportFallback::dataFromServiceLayer(quint16 remoteId, const QByteA
 
 bool GLinkTransportFallback::handleInitMsg()
 {
+    const quint64 introduction = nextIntroduction();
     const bool isAcceptable = GLinkTransportBase::handleInitMsg();
     emit newConnection(m_rxPeerId);
+    emit introduced(m_rxPeerId, introduction);
     return isAcceptable;
 }
 

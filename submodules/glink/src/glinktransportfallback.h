@@ -44,6 +44,8 @@ public slots:
 signals:
     /// That unit introduced itself over the fallback.
     void newConnection(quint16 remoteId);
+    /// The same INIT's number among all INITs, behind newConnection(). See GLinkTransportTcp::isIntroducedBefore().
+    void introduced(quint16 remoteId, quint64 introduction);
     void readyRead();
     /// A frame for that unit.
     void dataToServiceLayer(quint16 remoteId, const QByteArray& data);

@@ -255,10 +255,8 @@ void GLinkTransportTcp::resetTimers()
 
 bool GLinkTransportTcp::handleInitMsg()
 {
-    static std::atomic<quint64> introductions{0};
-
     const quint16 previousId = m_rxPeerId;
-    const bool wasIntroduced = m_introduction.exchange(++introductions) != 0;
+    const bool wasIntroduced = m_introduction.exchange(nextIntroduction()) != 0;
     const bool isAsConfigured = GLinkTransportBase::handleInitMsg();
     if (wasIntroduced && previousId != m_rxPeerId) {
         // The same connection now speaks for another unit: the one before has no link any more.
@@ -268,10 +266,10 @@ bool GLinkTransportTcp::handleInitMsg()
     return isAsConfigured;
 }
 
-bool GLinkTransportTcp::isIntroducedBefore(const GLinkTransportTcp& other) const
+bool GLinkTransportTcp::isIntroducedBefore(quint64 introduction) const
 {
-    const quint64 introduction = m_introduction;
-    return introduction != 0 && introduction < other.m_introduction;
+    const quint64 own = m_introduction;
+    return own != 0 && own < introduction;
 }
 
 void GLinkTransportTcp::restartExchange(quint16 remoteId)

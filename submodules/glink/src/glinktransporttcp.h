@@ -71,9 +71,11 @@ public:
     /// Closes the connection; no more of its bytes are looked at.
     void handleCrcError() override;
 
-    /// Whether the last INIT came here before the last one came to `other`. Of two links that name the same unit the
-    /// unit uses the one with the later INIT, whichever was dealt with first. From any thread.
-    bool isIntroducedBefore(const GLinkTransportTcp& other) const;
+    /// The number of the last INIT here among all INITs; 0 before the first. From any thread.
+    quint64 introduction() const { return m_introduction; }
+    /// Whether the last INIT came here before the one of that number came elsewhere. Of two links that name the same
+    /// unit the unit uses the one with the later INIT, whichever was dealt with first. From any thread.
+    bool isIntroducedBefore(quint64 introduction) const;
 
     /// Received data: the next heartbeat and the silence time-out count from now.
     void resetTimers();
@@ -137,7 +139,7 @@ private:
     GLinkTcpTimes m_times;
     QTimer* m_resumeTimer = nullptr;
     std::shared_ptr<GLinkBacklog> m_backlog;
-    std::atomic<quint64> m_introduction{0}; ///< which of all INITs over TCP the last one was; 0 before the first
+    std::atomic<quint64> m_introduction{0};
     bool m_isAborting = false;
     bool m_hasEnded = false;
 };
