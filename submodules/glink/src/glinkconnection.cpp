@@ -357,11 +357,12 @@ void GLinkConnection::takeRoute(const Route& route)
 }
 
 /// Nobody waits for its acknowledgement any more: the link in use changes, or an INIT has come over it. A TCP transport
-/// that stays would refuse the next message until it is told so; the fallback never refuses one.
+/// that stays, for another unit perhaps, would refuse the next message until it is told so; the fallback never refuses
+/// one.
 void GLinkConnection::forgetMessageInFlight()
 {
-    if (m_activeLinkType == TCP && isInFlight() && m_activeLink && m_activeLink == m_gLink) {
-        GLinkTransportTcp* const link = m_gLink;
+    if (m_activeLinkType == TCP && isInFlight() && m_activeLink) {
+        GLinkTransportBase* const link = m_activeLink;
         QMetaObject::invokeMethod(
             link, [link, refNr = m_activeRefNr] { link->forgetMessage(refNr); }, Qt::QueuedConnection);
     }

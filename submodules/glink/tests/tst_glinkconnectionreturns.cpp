@@ -20,6 +20,7 @@ private slots:
     void initIsAnsweredThoughAMessageIsInFlightOnTheTransport();
     void queueGoesOnAfterAnotherInitOnTheSameTransport();
     void tcpTakesTheNextMessageAfterAnEpisodeOnTheFallback();
+    void transportThatSpeaksForAnotherUnitIsFreeForThatOne();
 
     // INIT over TCP while the fallback is in use
     void initOverTcpIsAnsweredOnceOverTcp_data();
@@ -161,6 +162,23 @@ void TestGLinkConnectionReturns::tcpTakesTheNextMessageAfterAnEpisodeOnTheFallba
     unit.enqueueMessage(Status, "next", false);
     QCoreApplication::processEvents();
     QCOMPARE(tcp.written, (QList<int>{Forward, Status}));
+}
+
+// The message for the unit that the transport spoke for first was under way when the INIT of the second one came.
+void TestGLinkConnectionReturns::transportThatSpeaksForAnotherUnitIsFreeForThatOne()
+{
+    PacedTcpLink tcp;
+    GLinkConnection first(5, &tcp, nullptr, nullptr);
+    first.initChannel(&tcp);
+    first.enqueueMessage(Status, "for the first", false);
+    QCoreApplication::processEvents();
+    first.setGLink(nullptr);
+
+    GLinkConnection second(6, &tcp, nullptr, nullptr);
+    second.initChannel(&tcp);
+    second.enqueueMessage(InitAck, "answer", true);
+    QCoreApplication::processEvents();
+    QCOMPARE(tcp.written, (QList<int>{Status, InitAck}));
 }
 
 // --- INIT over TCP while the fallback is in use ---------------------------------------------------------------------
