@@ -11,7 +11,8 @@ SCENARIOS = sorted((Path(__file__).resolve().parents[2] / "bench" / "scenarios")
 
 @pytest.mark.parametrize("path", SCENARIOS, ids=lambda path: path.stem)
 def test_scenario(server_path, path):
-    assert play(Scenario(path), server_path) == []
+    failures = play(Scenario(path), server_path)
+    assert not failures, "\n".join(failures)
 
 
 @pytest.mark.parametrize("text", ["at 1 explode", "impair uart to loss", "impair uart to luck 1", "nonsense", "seed x",
