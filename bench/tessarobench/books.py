@@ -26,6 +26,7 @@ UNIT_SERVICES = 20000  # a unit's number in its service messages is this much ab
 
 SLACK = 1.0    # seconds by which a loss may precede or outlast what the bench sees of it
 REBUILD = 3.0  # seconds within which the base unit is back in the group once eth0 is there
+LEAVING = 0.1  # the journal says that the cable goes by so much before it has gone
 SAME_LOSS = 0.5    # what came so shortly before a loss of the internal link was told may have come after it
 NOTICED = 1.0      # seconds after which the base unit has forgotten what waited for a unit that left
 UNNOTICED = 4.0    # and how much longer that takes when the unit left without a word
@@ -279,7 +280,7 @@ class Books:
 
     def _order_entered(self, packet: eglink.Packet, when: float) -> None:
         """The base unit takes a command whose id follows the last one; another is dropped, and the next one taken."""
-        if self._cable_out_since is not None:
+        if self._cable_out_since is not None and when > self._cable_out_since + LEAVING:
             self.datagrams.rule(NO_CABLE)
             return
         fields = eglink.describe(packet)
