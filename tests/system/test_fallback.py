@@ -274,10 +274,10 @@ def test_a_unit_that_vanished_on_the_fallback_costs_bounded_memory(relayed):
         last = relayed.bc.command(other.inbox.issue())
     relayed.wait_for(lambda: last.acked, 10)
     relayed.wait_for(lambda: other.inbox.seen, 10)
+    relayed.server.wait_log("command queue of RU 1001 is full, command refused.", 10)
     gone.mute(False)
     gone.join_fallback()
     relayed.wait_for(lambda: gone.joins == 2, 10)
-    relayed.server.wait_log("command queue of RU 1001 is full, command refused.", 10)
     assert relayed.server.logged("command queue of RU 1001 is full, command refused.") == 1
 
 
