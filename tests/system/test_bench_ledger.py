@@ -134,9 +134,11 @@ def places(sights, identity):
 
 
 def choose(sights, kind, seed):
+    """Neither the first, which may be the first on its link, so that nothing tells that one is missing before it, nor the
+    last."""
     found = places(sights, LEAVING[kind])
-    assert len(found) >= 2, f"{kind}: only {len(found)} in the record"
-    return random.Random(seed).choice(found[:-1])
+    assert len(found) >= 3, f"{kind}: only {len(found)} in the record"
+    return random.Random(seed).choice(found[1:-1])
 
 
 def test_the_record_itself_balances(record):
