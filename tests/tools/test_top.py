@@ -18,16 +18,28 @@ STATUS = {"BU_ID": "4660", "BU_STATE": "16", "TSAPs": "1", "UNARMED_RUs": "2", "
           "IFTY": "1", "IVL1": "0", "IVL2": "0", "IVL3": "0"}
 
 
+def free_ports(first):
+    """Ports that nobody has, below those that the system hands out by itself: no other program takes one in between."""
+    for port in range(first, first + 1000):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+            except OSError:
+                continue
+        yield port
+
+
+WORKER = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw"))
+answer_ports = free_ports(20000 + 1000 * (WORKER % 10))
+
+
 class Server:
     """Answers like the base unit, to a fixed port whoever asks; keeps what it was asked."""
 
     def __init__(self):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.bind(("127.0.0.1", 0))
-        spare = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        spare.bind(("127.0.0.1", 0))
-        self.answer_port = spare.getsockname()[1]
-        spare.close()
+        self.answer_port = next(answer_ports)
         self.port = self.socket.getsockname()[1]
         self.status = dict(STATUS)
         self.asked = []
