@@ -40,6 +40,9 @@ class Usage(NamedTuple):
     descriptors: int
     wakeups: int
 
+    def holds_more_than(self, before: Usage) -> bool:
+        return self.threads > before.threads or self.descriptors > before.descriptors
+
 
 def _cpu_clock(pid: int) -> int:
     """The clock of the CPU time of all threads of a process, to the nanosecond (see clock_getcpuclockid)."""

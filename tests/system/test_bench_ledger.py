@@ -37,7 +37,20 @@ def frames(record):
 
 @pytest.fixture(scope="module")
 def record(server_path):
-    """How things stood, what was seen, and when it ended."""
+    """How things stood, what was seen, and when it ended. No link was lost in it: a loss explains what is missing around
+    it, and a computer busy with other things may cost the UART its 150 ms."""
+    for _ in range(5):
+        start, seen, end = recorded(server_path)
+        if not any(is_loss(sight.event) for sight in seen if sight.what == "event"):
+            return start, list(frames(seen)), end
+    pytest.fail("the computer holds up base unit and bench so long that the UART's link is lost in each record")
+
+
+def is_loss(event):
+    return event.kind == "log" and event.text in ("Internal link fail!!!!!!!!", "NO_BI_LINK")
+
+
+def recorded(server_path):
     seen = []
     with Installation(server_path) as bench:
         plant = Plant(bench, record=seen)
@@ -49,7 +62,7 @@ def record(server_path):
         plant.calm()
         accounts = plant.close_books()
         assert violations(accounts) == [], "\n".join(statement(accounts))
-        return plant.watch.start, list(frames(seen)), bench.journal.now
+        return plant.watch.start, seen, bench.journal.now
 
 
 def violations(accounts):

@@ -199,8 +199,7 @@ def test_twenty_losses_leave_no_trace(running):
     before, memory = running.server.usage(), running.server.memory()
     for _ in range(20):
         lose_and_find_again()
-    after = running.server.usage()
-    assert after.threads <= before.threads and after.descriptors <= before.descriptors
+    assert not running.server.usage().holds_more_than(before)
     assert running.server.memory() - memory < 2_000_000
 
 
