@@ -265,20 +265,24 @@ def test_a_corrupt_frame_costs_one_unit_its_link_and_nothing_else(relayed):
     assert not lost.acked
 
 
-def test_a_unit_that_vanished_on_the_fallback_costs_bounded_memory(relayed):
-    """Nothing times out there: messages for it are queued to a limit, and said so once; the other unit is served."""
-    gone, other = relayed.unit(1001), relayed.unit(1002)
-    gone.mute()
-    other.inbox = Ledger(3)
+def test_units_that_vanished_on_the_fallback_cost_bounded_memory(relayed):
+    """Nothing times out there: messages for each are queued to a limit, and said so once; who comes back is served, while
+    another stays away, too."""
+    refused = "command queue of RU {} is full, command refused."
+    units = relayed.unit(1001), relayed.unit(1002)
+    inbox = Ledger(3)
+    for unit in units:
+        unit.mute()
     for _ in range(330):
-        last = relayed.bc.command(other.inbox.issue())
-    relayed.wait_for(lambda: last.acked, 10)
-    relayed.wait_for(lambda: other.inbox.seen, 10)
-    relayed.server.wait_log("command queue of RU 1001 is full, command refused.", 10)
-    gone.mute(False)
-    gone.join_fallback()
-    relayed.wait_for(lambda: gone.joins == 2, 10)
-    assert relayed.server.logged("command queue of RU 1001 is full, command refused.") == 1
+        relayed.bc.command(inbox.issue())
+    for unit in units:
+        relayed.server.wait_log(refused.format(unit.id), 10)
+    for unit in units:
+        unit.inbox = Ledger(3)
+        unit.mute(False)
+        unit.join_fallback()
+        relayed.wait_for(lambda: unit.joins == 2 and unit.inbox.seen, 10)
+    assert [relayed.server.logged(refused.format(unit.id)) for unit in units] == [1, 1]
 
 
 def test_a_lost_internal_link_and_its_return(relayed):
