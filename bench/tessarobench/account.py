@@ -7,6 +7,7 @@ left without having entered, or more often than it entered, is never explained.
 
 from __future__ import annotations
 
+import bisect
 import collections
 from typing import Hashable, Iterable, NamedTuple, Optional
 
@@ -91,23 +92,24 @@ class Account:
         return self
 
     def _settle(self) -> None:
-        places: dict[Hashable, collections.deque] = collections.defaultdict(collections.deque)
+        places: dict[Hashable, list[int]] = collections.defaultdict(list)
         for place, (_, payload) in enumerate(self._in):
             places[payload].append(place)
-        taken = [self._take(places, payload, when) for when, payload in self._out]
-        self._judge_order([place for place in taken if place is not None])
+        taken: list[int] = []
+        for when, payload in self._out:
+            self._take(places[payload], taken, payload, when)
+        self._judge_order(taken)
         for place in sorted(place for rest in places.values() for place in rest):
             self._explain(*self._in[place])
 
-    def _take(self, places: dict, payload: Hashable, when: Optional[float]) -> Optional[int]:
-        if not places[payload]:
+    def _take(self, places: list[int], taken: list[int], payload: Hashable, when: Optional[float]) -> None:
+        if not places:
             self.violations.append(f"{self.name}: {told(payload)} left more often than it entered")
-            return None
-        place = places[payload].popleft()
-        entered = self._in[place][0]
+            return
+        taken.append(in_turn(places, taken[-1] if taken else -1))
+        entered = self._in[taken[-1]][0]
         if when is not None and any(entered < barrier.before and when > barrier.after for barrier in self.barriers):
             self.violations.append(f"{self.name}: {told(payload)} of {entered:.3f} s came back at {when:.3f} s, after a loss")
-        return place
 
     def _judge_order(self, taken: list[int]) -> None:
         """A payload may be overtaken only where it could as well have been dropped: what a unit had under way on the
@@ -164,6 +166,13 @@ class Alike(Account):
                 missing.discard(place)
         for place in sorted(missing):
             self._explain(*self._in[place])
+
+
+def in_turn(places: list[int], last: int) -> int:
+    """Takes that one of the places of equal payloads, in order, out of the list which is meant by what leaves next: the
+    first behind the `last` one that left, or the first of all where there is none."""
+    behind = bisect.bisect_right(places, last)
+    return places.pop(behind if behind < len(places) else 0)
 
 
 def told(payload: Hashable) -> str:

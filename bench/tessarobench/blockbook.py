@@ -10,7 +10,7 @@ from __future__ import annotations
 import bisect
 from typing import NamedTuple, Optional
 
-from .account import Account
+from .account import Account, in_turn
 from .glink import FROM_BASE_CONTROLLER, FROM_MACHINE_CONTROLLER
 from .remotepaths import TCP
 from .rules import SUPERSEDED
@@ -104,11 +104,13 @@ class BlockBook:
         places: dict[tuple[int, bytes], list[int]] = {}
         for place, block in enumerate(self._blocks):
             places.setdefault((block.origin, block.payload), []).append(place)
+        last: dict[int, int] = {}  # of each origin
         anew_since = -1  # how often the unit had joined when it last got a kept block
         for index, arrival in enumerate(self._arrivals):
             waiting = places.get((arrival.origin, arrival.payload), [])
             if waiting:
-                self._delivered[waiting.pop(0)] = arrival
+                last[arrival.origin] = in_turn(waiting, last.get(arrival.origin, -1))
+                self._delivered[last[arrival.origin]] = arrival
                 self.of[arrival.origin].leave(arrival.payload, arrival.when)
             elif arrival.joins > anew_since and self._is_first(index) and self._was_newest(arrival):
                 anew_since = arrival.joins

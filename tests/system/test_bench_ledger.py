@@ -17,6 +17,7 @@ from tessarobench.journal import FROM_BASE_UNIT, TO_BASE_UNIT, Event
 from tessarobench.newestbook import Newest
 from tessarobench.packetbook import PacketBook
 from tessarobench.plant import Plant
+from tessarobench.rules import LINK_LOST
 
 SECONDS, PACE = 4.0, 3.0
 
@@ -241,6 +242,11 @@ def test_a_block_that_waited_behind_a_message_may_be_replaced():
     assert account.violations == [] and account.dropped == {"a newer one took its place": 1}
 
 
+def test_a_block_may_be_replaced_by_one_that_says_the_same_again():
+    account = blocks((5.0, b"one"), (5.1, b"two"), (5.2, b"one"), arrived=[(5.11, b"two"), (5.21, b"one")], busy=[(4.9, 5.105)])
+    assert account.violations == [] and account.dropped == {"a newer one took its place": 1}
+
+
 def test_a_block_that_had_nothing_to_wait_for_is_lost():
     lost = blocks((5.0, b"one"), (6.0, b"two"), arrived=[(6.001, b"two")], busy=[(6.001, 6.002)])
     assert lost.violations == ["UART: periodic data to unit 1001: 6f 6e 65 entered at 5.000 s and never left"]
@@ -290,6 +296,21 @@ def test_what_comes_back_from_before_a_loss_is_found():
     account.leave(b"early", 5.1)
     account.leave(b"late", 5.2)
     assert account.close().violations == ["books: 65 61 72 6c 79 of 1.000 s came back at 5.100 s, after a loss"]
+
+
+def test_what_says_the_same_again_is_in_its_turn():
+    def settled(*leaving):
+        account = Account("books")
+        for when, payload in ((1.0, b"a"), (2.0, b"b"), (3.0, b"a")):
+            account.enter(when, payload)
+        account.may_drop(1.0, 1.0, LINK_LOST)
+        for payload in leaving:
+            account.leave(payload)
+        return account.close()
+    again = settled(b"b", b"a")
+    assert again.violations == [] and again.dropped == {LINK_LOST: 1}
+    assert settled(b"a", b"b", b"a").violations == []
+    assert settled(b"a", b"a", b"b").violations == ["books: 1 times a later one came first"]
 
 
 def test_a_reason_that_is_no_rule_is_found():
