@@ -134,10 +134,10 @@ void PairArchive::tarFinished(int exitCode)
 void PairArchive::finishJob(const QString& digest)
 {
     keepDigest(digest);
-    if (currentProcess == EXTRACT) {
-        finishExtract();
-    } else {
-        finishCreate();
+    switch (currentProcess) {
+    case CREATE: finishCreate(); break;
+    case EXTRACT: finishExtract(); break;
+    case NONE: break;
     }
 }
 

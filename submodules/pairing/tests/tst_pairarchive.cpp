@@ -55,6 +55,7 @@ private slots:
     void missingParentDirectoryLeavesItBusy();
     void missingTarLeavesItBusy();
     void failingTarIsAnnouncedLikeAGoodOne();
+    void anEndWithoutAJobIsNotAnnounced();
     void outputOfTarIsLogged();
     void tarReadsAnEmptyStandardInput();
     void md5OfAFile_data();
@@ -264,6 +265,20 @@ void TestPairArchive::failingTarIsAnnouncedLikeAGoodOne()
     QCOMPARE(ready.first(), (QVariantList{QStringLiteral("app"), path("app.tar")}));
     QVERIFY(!QFile::exists(path("app.tar")));
     QCOMPARE(archive.digest(), EmptyDigest);
+    QVERIFY(!archive.isBusy());
+}
+
+void TestPairArchive::anEndWithoutAJobIsNotAnnounced()
+{
+    PairArchive archive(nullptr);
+    QSignalSpy created(&archive, &PairArchive::createdTarReady);
+    QSignalSpy extracted(&archive, &PairArchive::extractedTarReady);
+
+    QVERIFY(QMetaObject::invokeMethod(&archive, "tarFinished", Q_ARG(int, 0)));
+    QTRY_VERIFY(m_log->contains(QStringLiteral("Hash: ") + quoted(EmptyDigest)));
+
+    QVERIFY(created.isEmpty());
+    QVERIFY(extracted.isEmpty());
     QVERIFY(!archive.isBusy());
 }
 
