@@ -4,11 +4,13 @@
 #include "serialportreadthreadworker.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QThread>
 #include <QtTest>
 
 #include <algorithm>
+#include <array>
 #include <fcntl.h>
 #include <iterator>
 #include <memory>
@@ -66,6 +68,7 @@ private slots:
     void survivesAPortThatCannotBeUsed();
     void survivesAVanishedDevice();
     void releasesThreadAndDescriptor();
+    void stopsAReaderWhoseDeviceCameBySignal();
     void readsAgainAtOnce_data();
     void readsAgainAtOnce();
     void stopMayComeBeforeTheLoop();
@@ -305,6 +308,24 @@ void TestSerialPort::releasesThreadAndDescriptor()
     }
 
     QCOMPARE(openDescriptors(), before);
+}
+
+void TestSerialPort::stopsAReaderWhoseDeviceCameBySignal()
+{
+    std::array<int, 2> pipe = {};
+    QCOMPARE(::pipe(pipe.data()), 0);
+    QSignalSpy spy(m_port.get(), &SerialPort::readyRead);
+    emit m_port->startReading(pipe[0]);
+    QCOMPARE(::write(pipe[1], "x\n", 2), 2);
+    QTRY_COMPARE(payloads(spy), QList<QByteArray>{"x\n"});
+
+    QElapsedTimer elapsed;
+    elapsed.start();
+    m_port.reset();
+
+    QVERIFY(elapsed.elapsed() < 900); // a reader that cannot be stopped is given up after a second
+    ::close(pipe[0]);
+    ::close(pipe[1]);
 }
 
 void TestSerialPort::readsAgainAtOnce_data()

@@ -41,6 +41,8 @@ SerialPort::SerialPort(QObject* parent)
 {
     QObject::connect(readThread, &QThread::finished, readWorker, &QObject::deleteLater);
     QObject::connect(this, &SerialPort::startReading, readWorker, &SerialPortReadThreadWorker::readLoop);
+    // Whoever hands a device to the reader: from then on only the worker's `stop` ends it.
+    QObject::connect(this, &SerialPort::startReading, this, [this] { reading = true; });
     QObject::connect(readWorker, &SerialPortReadThreadWorker::readyRead, this, &SerialPort::readyRead);
     readThread->start(QThread::InheritPriority);
     readWorker->moveToThread(readThread);
@@ -101,7 +103,6 @@ void SerialPort::start()
         return;
     }
     qDebug() << "Serial_port_c: Start reading data";
-    reading = true;
     emit startReading(fileHandle);
 }
 
