@@ -66,6 +66,7 @@ private slots:
     void logsAStart();
     void survivesAPortThatCannotBeUsed_data();
     void survivesAPortThatCannotBeUsed();
+    void survivesAStartWithoutAName();
     void survivesAVanishedDevice();
     void releasesThreadAndDescriptor();
     void stopsAReaderWhoseDeviceCameBySignal();
@@ -271,6 +272,15 @@ void TestSerialPort::survivesAPortThatCannotBeUsed()
 
     QCOMPARE(spy.lines(), log);
     QCOMPARE(reading.count(), 0);
+}
+
+void TestSerialPort::survivesAStartWithoutAName()
+{
+    const LogSpy spy;
+
+    m_port->start(); // no null path may reach the system, which the sanitizers would tell
+
+    QCOMPARE(spy.lines(), (QStringList{"Serial_port_c: Start connection", "Serial_port_c: Failed connection to:  "}));
 }
 
 void TestSerialPort::survivesAVanishedDevice()

@@ -56,7 +56,7 @@ private:
 
     QThread* readThread;
     SerialPortReadThreadWorker* readWorker;
-    const char* portName = nullptr; ///< full path, inside `unixPort`
+    const char* portName = ""; ///< full path, inside `unixPort`; a port without a name opens nothing
     QByteArray unixPort;
     int baudRate = 4099; ///< B230400
     int startBit = 1;
