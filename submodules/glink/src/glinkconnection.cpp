@@ -75,7 +75,7 @@ void GLinkConnection::enqueueMessage(quint8 msgId, const QByteArray& data, bool 
         dropWithoutLink(msgId);
     } else if (isInFlight() || mustWaitForTcp(msgId)) {
         queueMessage(msgId, data, prepend);
-    } else if (prepend || m_queue.isEmpty()) {
+    } else if (m_queue.isEmpty() || (prepend && GLinkMessageQueue::isPrependable(msgId))) {
         sendMessage(msgId, data);
     } else {
         sendBehindOthers(msgId, data);

@@ -13,6 +13,11 @@ bool isInitAck(const RPGComGLinkMessage& message)
 
 } // namespace
 
+bool GLinkMessageQueue::isPrependable(quint8 msgId)
+{
+    return msgId != GLINK_MSG_ID_CMD && msgId != GLINK_MSG_ID_PERIODIC_DATA;
+}
+
 GLinkMessageQueue::Outcome GLinkMessageQueue::push(quint8 msgId, const QByteArray& data, bool prepend)
 {
     switch (msgId) {

@@ -28,7 +28,10 @@ public:
         CommandRefused, ///< not queued: an operator's command is not dropped for a later one
     };
 
-    /// @param prepend  put the message before all others of its kind; no effect on commands and periodic data.
+    /// Commands and periodic data stay behind what waits, whatever the caller wishes.
+    static bool isPrependable(quint8 msgId);
+
+    /// @param prepend  put the message before all others of its kind, if it is prependable.
     Outcome push(quint8 msgId, const QByteArray& data, bool prepend);
 
     /// Takes the next message. @return false, `out` untouched, when there is none.

@@ -12,7 +12,10 @@ private slots:
     void cleanupTestCase() { m_noApplications.reset(); }
 
     void queuedMessagesAlternateBetweenUnits();
+    void messageDoesNotOvertakeOneThatMissedItsTurn_data();
     void messageDoesNotOvertakeOneThatMissedItsTurn();
+    void prependedPeriodicDataReplacesWhatMissedItsTurn();
+    void prependedMessageGoesBeforeWhatMissedItsTurn();
     void commandsOfAllUnitsGoFirst();
     void onlyUserOfTheFallbackGoesOnAtOnce();
     void unitThatLeavesTheFallbackPassesTheTurnOn();
@@ -23,6 +26,23 @@ private slots:
 private:
     QScopedPointer<NoApplications> m_noApplications;
 };
+
+namespace {
+
+/// Leaves `unit` with a message of that kind waiting and none in flight: the turn went to `other`.
+void missTurn(GLinkConnection& unit, GLinkConnection& other, FakeFallbackLink& fallback, quint8 msgId)
+{
+    unit.initChannel(&fallback);
+    other.initChannel(&fallback);
+    unit.enqueueMessage(msgId, "first", false);
+    const quint32 first = fallback.sent.lastRefNr();
+    unit.enqueueMessage(msgId, "waits", false);
+    other.enqueueMessage(Command, "other 1", false);
+    other.enqueueMessage(Command, "other 2", false);
+    unit.messageSent(first);
+}
+
+} // namespace
 
 void TestGLinkConnectionTurns::queuedMessagesAlternateBetweenUnits()
 {
@@ -43,9 +63,17 @@ void TestGLinkConnectionTurns::queuedMessagesAlternateBetweenUnits()
     QCOMPARE(fallback.sent.texts(), (QStringList{"5:1", "8:1", "5:2", "8:2", "5:3", "8:3"}));
 }
 
+void TestGLinkConnectionTurns::messageDoesNotOvertakeOneThatMissedItsTurn_data()
+{
+    QTest::addColumn<bool>("prepend");
+    QTest::newRow("appended") << false;
+    QTest::newRow("prepended, which commands are not") << true;
+}
+
 // The turn went to another unit while a message of this one waited: the next one must not overtake it.
 void TestGLinkConnectionTurns::messageDoesNotOvertakeOneThatMissedItsTurn()
 {
+    QFETCH(const bool, prepend);
     FakeFallbackLink fallback;
     GLinkConnection five(5, &fallback, nullptr, nullptr);
     GLinkConnection six(6, &fallback, nullptr, nullptr);
@@ -57,11 +85,36 @@ void TestGLinkConnectionTurns::messageDoesNotOvertakeOneThatMissedItsTurn()
     six.enqueueMessage(Command, "six 1", false);
     six.enqueueMessage(Command, "six 2", false);
     five.messageSent(firstOfFive);
-    five.enqueueMessage(Command, "five 3", false);
+    five.enqueueMessage(Command, "five 3", prepend);
     QCOMPARE(fallback.sent.texts(), (QStringList{"3:five 1", "3:six 1", "3:six 2", "3:five 2"}));
 
     five.messageSent(fallback.sent.lastRefNr());
     QCOMPARE(fallback.sent.texts().last(), QString("3:five 3"));
+}
+
+// Sent ahead of them, the newer values would be overtaken by the older ones.
+void TestGLinkConnectionTurns::prependedPeriodicDataReplacesWhatMissedItsTurn()
+{
+    FakeFallbackLink fallback;
+    GLinkConnection five(5, &fallback, nullptr, nullptr);
+    GLinkConnection six(6, &fallback, nullptr, nullptr);
+    missTurn(five, six, fallback, Periodic);
+    five.enqueueMessage(Periodic, "newer", true);
+    QCOMPARE(fallback.sent.texts().last(), QString("4:newer"));
+
+    const int sentSoFar = fallback.sent.all.size();
+    five.messageSent(fallback.sent.lastRefNr());
+    QCOMPARE(fallback.sent.texts().size(), sentSoFar);
+}
+
+void TestGLinkConnectionTurns::prependedMessageGoesBeforeWhatMissedItsTurn()
+{
+    FakeFallbackLink fallback;
+    GLinkConnection five(5, &fallback, nullptr, nullptr);
+    GLinkConnection six(6, &fallback, nullptr, nullptr);
+    missTurn(five, six, fallback, Forward);
+    five.enqueueMessage(InitAck, "answer", true);
+    QCOMPARE(fallback.sent.texts().last(), QString("2:answer"));
 }
 
 void TestGLinkConnectionTurns::commandsOfAllUnitsGoFirst()
