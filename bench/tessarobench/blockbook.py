@@ -105,19 +105,34 @@ class BlockBook:
         for place, block in enumerate(self._blocks):
             places.setdefault((block.origin, block.payload), []).append(place)
         last: dict[int, int] = {}  # of each origin
+        taken: dict[tuple[int, bytes], int] = {}  # the arrival that was last taken for a block of its own
         anew_since = -1  # how often the unit had joined when it last got a kept block
         for index, arrival in enumerate(self._arrivals):
-            waiting = places.get((arrival.origin, arrival.payload), [])
+            key = (arrival.origin, arrival.payload)
+            waiting = places.get(key, [])
             if waiting:
+                taken[key] = index
                 last[arrival.origin] = in_turn(waiting, last.get(arrival.origin, -1))
                 self._delivered[last[arrival.origin]] = arrival
                 self.of[arrival.origin].leave(arrival.payload, arrival.when)
-            elif arrival.joins > anew_since and self._is_first(index) and self._was_newest(arrival):
-                anew_since = arrival.joins
+            elif (joins := self._join_of_kept(index, taken.get(key), anew_since)) is not None:
+                anew_since = joins
                 self.kept.enter(arrival.when, b"")
                 self.kept.leave(b"")
             else:
                 self.of[arrival.origin].leave(arrival.payload, arrival.when)  # once too often
+
+    def _join_of_kept(self, index: int, taken: Optional[int], anew_since: int) -> Optional[int]:
+        """The join for which this arrival is the kept block, or for which the one taken for the block itself was: then
+        this one was under way on the path that the unit has left."""
+        candidates = [index]
+        if taken is not None and self._arrivals[taken].path != self._arrivals[index].path:
+            candidates.append(taken)
+        return next((self._arrivals[candidate].joins for candidate in candidates if self._is_kept(candidate, anew_since)), None)
+
+    def _is_kept(self, index: int, anew_since: int) -> bool:
+        arrival = self._arrivals[index]
+        return arrival.joins > anew_since and self._is_first(index) and self._was_newest(arrival)
 
     def _is_first(self, index: int) -> bool:
         """Of its join."""

@@ -278,6 +278,20 @@ def test_a_kept_block_comes_once_for_each_join():
     assert kept.delivered == 1 and first.violations == ["UART: periodic data to unit 1001: 6f 6e 65 left more often than it entered"]
 
 
+@pytest.mark.parametrize("late_path, violations_expected", [("fallback", 0), ("TCP", 1)])
+def test_a_block_may_come_late_over_the_path_that_the_unit_has_left(late_path, violations_expected):
+    """It was under way there when the unit got it as the kept one over the other path. Twice over one path is once too often."""
+    book = BlockBook(1001)
+    book.joined(0.0)
+    book.entered(glink.FROM_MACHINE_CONTROLLER, b"one", 6.99)
+    book.joined(7.0)
+    book.arrived(b"\0one", "TCP", 7.01)
+    book.arrived(b"\0one", late_path, 7.02)
+    book.close(9.0)
+    _, machine, kept = [account.close() for account in book.accounts]
+    assert len(machine.violations) == violations_expected and kept.delivered == 1 - violations_expected
+
+
 def test_a_kept_block_that_is_not_the_newest_is_found():
     stale = blocks((3.0, b"old"), (5.0, b"new"), joins=(0.0, 7.0), arrived=[(3.001, b"old"), (5.001, b"new"), (7.001, b"old")])
     assert stale.violations
