@@ -34,7 +34,7 @@ tool-test: ## the tools for installers and operators
 system-test: build ## the real binary on the simulated installation, and two minutes of soak beside it
 	@scripts/ensure-packages test
 	@bench/soak --minutes 2 --server $(BUILD)/tessaroserver >$(BUILD)/soak.log 2>&1 & soak=$$!; \
-	bench/sandbox $(PYTHON) -m pytest -p no:cacheprovider -q -n 4 tests/system --server $(BUILD)/tessaroserver; tests=$$?; \
+	scripts/system-tests $(BUILD)/tessaroserver; tests=$$?; \
 	wait $$soak; soaked=$$?; cat $(BUILD)/soak.log; [ $$tests = 0 ] && [ $$soaked = 0 ]
 
 soak: build ## all peers at ten times the nominal pace with seeded faults for MINUTES (10); SEED (1)
@@ -46,7 +46,7 @@ sanitize: ## unit and system tests under address and undefined-behaviour sanitiz
 	@cmake --preset sanitize >/dev/null
 	@cmake --build build-sanitize
 	@UBSAN_OPTIONS=print_stacktrace=1 ctest --test-dir build-sanitize --output-on-failure --parallel 4
-	@bench/sandbox $(PYTHON) -m pytest -p no:cacheprovider -q -n 4 tests/system --server build-sanitize/tessaroserver
+	@scripts/system-tests build-sanitize/tessaroserver
 
 SECONDS_EACH = $(or $(SECONDS),60)
 
