@@ -16,9 +16,10 @@ static_assert(BlockHeaderSize == 4, "the base controller expects the data at off
 constexpr int DataAckSize = 1;
 constexpr int FlowControlSize = RemoteIdSize;
 
+/// The type byte alone decides: whether the frame around it is whole is the remote unit's to judge.
 bool isAcknowledgement(const QByteArray& frame)
 {
-    return frame.size() >= GLinkFrame::HeaderSize &&
+    return frame.size() > GLinkFrame::MsgTypeOffset &&
            static_cast<quint8>(frame.at(GLinkFrame::MsgTypeOffset)) == GLINK_MSG_TYPE_ACK;
 }
 

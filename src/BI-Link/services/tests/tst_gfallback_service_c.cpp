@@ -15,6 +15,7 @@ private slots:
     void blocksCarryTheServicesIdAndClass();
     void acknowledgementWaitsForTheLastBlockAndOvertakesTheWaitingMessage();
     void acknowledgementNeverInterruptsAMessage();
+    void typeByteTellsAnAcknowledgementWhateverElseIsThere();
     void onlyOneAcknowledgementAndOneMessageWait();
     void messagesInTurnWaitInTheirOrder();
     void acknowledgementDoesNotWaitBehindMessagesInTurn();
@@ -173,6 +174,17 @@ void TestGfallbackServiceC::acknowledgementNeverInterruptsAMessage()
     QCOMPARE(f.lastData(), acknowledgement());
     f.next();
     QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
+}
+
+void TestGfallbackServiceC::typeByteTellsAnAcknowledgementWhateverElseIsThere()
+{
+    Fixture f;
+    f.service.fallbackTx(7, QByteArray::fromHex("0000010301"));
+    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::BUSY_ACK);
+    f.service.fallbackTx(8, QByteArray::fromHex("0000010300"));
+    QCOMPARE(f.service.linkStatus(8), GfallbackServiceC::BUSY_MSG_LAST_BLOCK);
+    f.service.fallbackTx(9, QByteArray::fromHex("01010101"));
+    QCOMPARE(f.service.linkStatus(9), GfallbackServiceC::BUSY_MSG_LAST_BLOCK);
 }
 
 void TestGfallbackServiceC::onlyOneAcknowledgementAndOneMessageWait()
