@@ -136,6 +136,7 @@ void GLinkTransportBase::processMessage()
 
 void GLinkTransportBase::rejectFrame()
 {
+    dropConsumed(); // the transport may look at what is left, or clear it
     handleCrcError();
     m_isFrameRejected = true;
 }

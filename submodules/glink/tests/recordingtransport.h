@@ -43,8 +43,12 @@ public:
     void handleCrcError() override
     {
         events << (isFrameRejected() ? QStringLiteral("CRC error again") : QStringLiteral("CRC error"));
+        unconsumedAtCrcError << m_incomingData;
         if (stopsAtCrcError) {
             stopParsing();
+        }
+        if (clearsAtCrcError) {
+            m_incomingData.clear();
         }
     }
     void handleInitAckMsg() override { events << QStringLiteral("INITACK"); }
@@ -66,7 +70,9 @@ public:
     QList<QByteArray> frames;
     QList<quint16> receivers;
     QStringList events;
+    QList<QByteArray> unconsumedAtCrcError;
     bool stopsAtCrcError = false;
+    bool clearsAtCrcError = false;
     bool isPipeOpen = true;
     bool lastVerdict = false;
 

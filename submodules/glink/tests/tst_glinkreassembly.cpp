@@ -68,6 +68,8 @@ private slots:
     void aBadMessageIsLogged_data();
     void aBadMessageIsLogged();
     void afterAnErrorTheNextReadStartsAFrame();
+    void atAnErrorTheTransportSeesOnlyWhatIsNotConsumed();
+    void atABadHeaderTheTransportMayDropTheRest();
     void onceStoppedNothingIsInterpretedAndABadFrameClosesOnce();
     void discardingForgetsAllPieces_data();
     void discardingForgetsAllPieces();
@@ -293,6 +295,31 @@ void TestGLinkReassembly::afterAnErrorTheNextReadStartsAFrame()
     transport.receive(Frames::periodicData());
 
     QCOMPARE(transport.events, (QStringList{"CRC error", "wrote id 4 type 1", PassedOnPeriodicData}));
+}
+
+void TestGLinkReassembly::atAnErrorTheTransportSeesOnlyWhatIsNotConsumed()
+{
+    RecordingTransport transport;
+
+    transport.receive(Frames::command() + Frames::damaged(Frames::command(), 18) + "rest");
+    transport.receive(Frames::damaged(Frames::command(), 0).left(17) + "behind");
+
+    QCOMPARE(transport.unconsumedAtCrcError, (QList<QByteArray>{"rest", "behind", "nd"}));
+}
+
+void TestGLinkReassembly::atABadHeaderTheTransportMayDropTheRest()
+{
+    RecordingTransport transport;
+    transport.clearsAtCrcError = true;
+
+    transport.receive(Frames::damaged(Frames::command(), 0) + Frames::command());
+    QCOMPARE(transport.events, QStringList{"CRC error"});
+    QVERIFY(transport.m_incomingData.isEmpty());
+
+    // The message CRC of the bad frame is still to come.
+    transport.receive("abcd");
+    transport.receive(Frames::command());
+    QCOMPARE(transport.events, (QStringList{"CRC error", "CRC error again", "wrote id 3 type 1", PassedOnCommand}));
 }
 
 void TestGLinkReassembly::onceStoppedNothingIsInterpretedAndABadFrameClosesOnce()
