@@ -122,6 +122,7 @@ void GLinkServer::wire(GLinkTransportTcp* transport, QThread* thread)
     connect(thread, &QThread::started, transport, &GLinkTransportTcp::run);
     // Direct, so that a thread also ends while the main thread waits for it.
     connect(transport, &GLinkTransportTcp::finished, thread, &QThread::quit, Qt::DirectConnection);
+    connect(transport, &QObject::destroyed, thread, &QThread::quit, Qt::DirectConnection);
 
     // Into the main thread, in the order in which they were emitted.
     connect(transport, &GLinkTransportTcp::newConnection, m_rgpCom, &RGPCom::addGLink);

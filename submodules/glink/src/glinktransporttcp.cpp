@@ -93,12 +93,7 @@ GLinkTransportTcp::GLinkTransportTcp(const QHostAddress& host, quint16 port, qui
     qRegisterMetaType<QAbstractSocket::SocketError>();
 }
 
-GLinkTransportTcp::~GLinkTransportTcp()
-{
-    if (!std::exchange(m_hasEnded, true)) {
-        emit finished();
-    }
-}
+GLinkTransportTcp::~GLinkTransportTcp() = default;
 
 bool GLinkTransportTcp::isClientMode() const
 {

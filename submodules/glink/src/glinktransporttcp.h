@@ -36,8 +36,8 @@ using GLinkBacklog = std::atomic<int>;
 ///
 /// Threads: constructed anywhere, moved to a thread of its own, and from run() on used there only. It ends by itself:
 /// whatever closes the connection makes it emit closedConnection and finished, once and in this order, behind all whole
-/// messages that it had read by then (none after a damaged frame or close()). Destroy it in
-/// its own thread, or in any other after its own thread has ended; if it did not end before, it emits finished then.
+/// messages that it had read by then (none after a damaged frame or close()). Destroy it in its own thread, or in any
+/// other after its own thread has ended; one that did not end before closes its connection then and emits nothing.
 class GLinkTransportTcp : public GLinkTransportBase
 {
     Q_OBJECT

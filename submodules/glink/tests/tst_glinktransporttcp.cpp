@@ -78,7 +78,7 @@ private slots:
     void nothingHappensAfterTheEnd();
     void closeEndsWhateverTheState_data();
     void closeEndsWhateverTheState();
-    void destructionWithoutAnEndIsAnEnd();
+    void destructionClosesTheConnectionWithoutASignal();
 
     void aDescriptorThatCannotBeAdoptedEndsTheThread();
     void theFifthFailureInARowIsFatal();
@@ -487,13 +487,14 @@ void TestGLinkTransportTcp::closeEndsWhateverTheState()
     QCOMPARE(m_ends, (QStringList{isIntroduced ? "closed 515" : "closed 0", "finished"}));
 }
 
-void TestGLinkTransportTcp::destructionWithoutAnEndIsAnEnd()
+void TestGLinkTransportTcp::destructionClosesTheConnectionWithoutASignal()
 {
     start();
 
     m_transport.reset();
 
-    QCOMPARE(m_ends, QStringList{"finished"});
+    // A signal from the destructor would find receivers that derive from the transport destroyed in part.
+    QCOMPARE(m_ends, QStringList());
     QTRY_VERIFY(!m_peer->isConnected());
 }
 
