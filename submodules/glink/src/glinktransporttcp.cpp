@@ -128,7 +128,6 @@ void GLinkTransportTcp::run()
     m_heartbeatTimer->setSingleShot(false);
     m_timeoutTimer = makeTimer(m_times.silence, &GLinkTransportTcp::commTimeout);
     m_ackTimeoutTimer = makeTimer(m_times.acknowledge, &GLinkTransportTcp::commTimeout);
-    m_resumeTimer = makeTimer(ResumeCheck, &GLinkTransportTcp::readyRead);
 
     m_socket = new QTcpSocket(this);
     m_socket->setReadBufferSize(ReadBufferBytes);
@@ -159,7 +158,7 @@ void GLinkTransportTcp::connectLink()
 
 void GLinkTransportTcp::adoptDescriptor()
 {
-    if (m_socket != nullptr &&
+    if (m_socket != nullptr && !m_hasEnded &&
         m_socket->setSocketDescriptor(m_socketDescriptor, QAbstractSocket::ConnectedState, QIODevice::ReadWrite)) {
         m_socketFailCount = 0;
         setSocketOptions();
@@ -175,7 +174,7 @@ void GLinkTransportTcp::adoptDescriptor()
 
 void GLinkTransportTcp::connectToPeer()
 {
-    if (m_socket == nullptr) {
+    if (m_socket == nullptr || m_hasEnded) {
         return;
     }
     ++m_connectTryCount;
@@ -225,7 +224,7 @@ void GLinkTransportTcp::setCableStatus()
 
 void GLinkTransportTcp::readyRead()
 {
-    if (m_socket == nullptr || mustPauseReading()) {
+    if (m_socket == nullptr || !m_socket->isOpen() || mustPauseReading()) {
         return;
     }
     resetTimers();
@@ -238,7 +237,10 @@ bool GLinkTransportTcp::mustPauseReading()
     if (!m_backlog || *m_backlog < MaxBacklog) {
         return false;
     }
-    restart(m_resumeTimer);
+    if (m_resumeTimer == nullptr) {
+        m_resumeTimer = makeTimer(ResumeCheck, &GLinkTransportTcp::readyRead);
+    }
+    m_resumeTimer->start();
     return true;
 }
 
@@ -358,7 +360,7 @@ void GLinkTransportTcp::tcpError(QAbstractSocket::SocketError socketError)
 /// Aborting would drop what waits in the socket while reading pauses, and the last of it may be a machine stop.
 void GLinkTransportTcp::hearTheRest()
 {
-    if (m_socket != nullptr) {
+    if (m_socket != nullptr && m_socket->isOpen()) {
         m_incomingData.append(m_socket->readAll());
         parseStream();
     }
@@ -403,10 +405,9 @@ void GLinkTransportTcp::releaseLink()
     for (QTimer* const timer : {m_connectTimer, m_heartbeatTimer, m_timeoutTimer, m_ackTimeoutTimer, m_resumeTimer}) {
         halt(timer);
     }
-    if (QTcpSocket* const socket = std::exchange(m_socket, nullptr)) {
-        socket->disconnect(this);
-        socket->abort();
-        // Not at once: this may be a slot of the socket's own signal.
-        socket->deleteLater();
+    if (m_socket != nullptr) {
+        m_socket->disconnect(this);
+        m_socket->abort();
+        m_socket->close(); // what the peer sent last and nobody read keeps a socket open
     }
 }

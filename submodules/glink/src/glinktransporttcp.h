@@ -127,7 +127,7 @@ private:
 
     QHostAddress m_hostAddr;
     quint16 m_hostPort;
-    QTcpSocket* m_socket = nullptr; ///< null before run() and after the end
+    QTcpSocket* m_socket = nullptr; ///< child, made in run(); closed after the end
     qintptr m_socketDescriptor;
     quint32 m_socketFailCount = 0;
     quint32 m_connectTryCount = 0;
@@ -137,7 +137,7 @@ private:
     QTimer* m_ackTimeoutTimer = nullptr;
 
     GLinkTcpTimes m_times;
-    QTimer* m_resumeTimer = nullptr;
+    QTimer* m_resumeTimer = nullptr; ///< child, made when reading pauses for the first time
     std::shared_ptr<GLinkBacklog> m_backlog;
     std::atomic<quint64> m_introduction{0};
     bool m_isAborting = false;

@@ -4,9 +4,12 @@
 #include "logspy.h"
 #include "tcppeer.h"
 
+#include <QPointer>
 #include <QSignalSpy>
 #include <QTimer>
 #include <QtTest>
+
+#include <algorithm>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -59,6 +62,7 @@ private slots:
     void aBadMessageCloses();
     void aClosingPeerThatDoesNotReadIsAborted();
 
+    void runMakesThreeTimersAndStartsNone();
     void anInitRegistersTheLink();
     void anInitUnderAnotherIdReleasesTheFirst();
     void anInitStopsTheAckTimer();
@@ -79,6 +83,7 @@ private slots:
     void closeEndsWhateverTheState_data();
     void closeEndsWhateverTheState();
     void destructionClosesTheConnectionWithoutASignal();
+    void theSocketOutlivesTheConnection();
 
     void aDescriptorThatCannotBeAdoptedEndsTheThread();
     void theFifthFailureInARowIsFatal();
@@ -214,6 +219,20 @@ void TestGLinkTransportTcp::aClosingPeerThatDoesNotReadIsAborted()
     writing.start(20);
 
     QTRY_COMPARE(m_ends, (QStringList{"closed 0", "finished"}));
+}
+
+void TestGLinkTransportTcp::runMakesThreeTimersAndStartsNone()
+{
+    m_transport->run();
+
+    QList<int> intervals;
+    const auto timers = m_transport->findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly);
+    for (const QTimer* const timer : timers) {
+        QVERIFY(!timer->isActive());
+        intervals << timer->interval();
+    }
+    std::sort(intervals.begin(), intervals.end());
+    QCOMPARE(intervals, (QList<int>{250, 4000, 4000})); // heartbeat, silence, acknowledgement; ms
 }
 
 void TestGLinkTransportTcp::anInitRegistersTheLink()
@@ -496,6 +515,21 @@ void TestGLinkTransportTcp::destructionClosesTheConnectionWithoutASignal()
     // A signal from the destructor would find receivers that derive from the transport destroyed in part.
     QCOMPARE(m_ends, QStringList());
     QTRY_VERIFY(!m_peer->isConnected());
+}
+
+void TestGLinkTransportTcp::theSocketOutlivesTheConnection()
+{
+    start();
+    const QPointer<QTcpSocket> socket = m_transport->findChild<QTcpSocket*>();
+    QVERIFY(socket);
+
+    m_peer->socket.abort();
+    QTRY_COMPARE(m_ends.size(), 2);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+
+    QVERIFY(socket);
+    QCOMPARE(socket->state(), QAbstractSocket::UnconnectedState);
+    QVERIFY(!socket->isOpen());
 }
 
 void TestGLinkTransportTcp::aDescriptorThatCannotBeAdoptedEndsTheThread()
