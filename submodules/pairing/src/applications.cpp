@@ -8,21 +8,26 @@
 namespace {
 
 const QString PathKey = QStringLiteral("pairAppPath");
+const QString TargetKey = QStringLiteral("target");
 const QString TypeKey = QStringLiteral("type");
 
-ApplicationManifest::Entries manifestOf(const QString& appPath)
+std::optional<ApplicationManifest::Entries> manifestOf(const QString& appPath)
 {
-    return ApplicationManifest::read(appPath + QStringLiteral("/manifest.csv"))
-        .value_or(ApplicationManifest::Entries());
+    return ApplicationManifest::read(appPath + QStringLiteral("/manifest.csv"));
 }
 
-/// True when the folder that holds `path` is the root or lies below it once all links are resolved. The archive is made
-/// in that folder.
-bool liesBelow(const QString& rootPath, const QString& path)
+/// True when `path` is the folder or lies below it once all links are resolved.
+bool isWithin(const QString& folderPath, const QString& path)
 {
-    const QString root = QFileInfo(rootPath).canonicalFilePath();
-    const QString folder = QFileInfo(QFileInfo(path).path()).canonicalFilePath();
-    return !root.isEmpty() && (folder == root || folder.startsWith(root + QLatin1Char('/')));
+    const QString folder = QFileInfo(folderPath).canonicalFilePath();
+    const QString place = QFileInfo(path).canonicalFilePath();
+    return !folder.isEmpty() && (place == folder || place.startsWith(folder + QLatin1Char('/')));
+}
+
+bool mayBeForRemoteUnits(const QString& appPath)
+{
+    const auto manifest = manifestOf(appPath);
+    return manifest && (ApplicationManifest::isForRemoteUnits(*manifest) || !manifest->contains(TargetKey));
 }
 
 /// True when tar would not take `name` for the name of a file: an option, or an archive on another machine.
@@ -50,7 +55,7 @@ ApplicationList listApplications(const QString& rootPath)
 
 QString getAppType(QString appPath)
 {
-    return manifestOf(appPath).value(TypeKey);
+    return manifestOf(appPath).value_or(ApplicationManifest::Entries()).value(TypeKey);
 }
 
 bool isUserApp(QString path)
@@ -63,7 +68,7 @@ bool isSystemApp(QString path)
     return getAppType(path) == QLatin1String("system");
 }
 
-QString refusalReason(const QString& rootPath, const QString& path)
+QString refusalReason(const QString& rootPath, const QString& ownFolder, const QString& path)
 {
     const QFileInfo folder(path);
     if (folder.isRelative() || path != QDir::cleanPath(path)) {
@@ -72,10 +77,13 @@ QString refusalReason(const QString& rootPath, const QString& path)
     if (!folder.isDir() || folder.isSymLink()) {
         return QStringLiteral("not a folder");
     }
-    if (!liesBelow(rootPath, path)) {
+    if (!isWithin(rootPath, folder.path())) { // where the archive is made
         return QStringLiteral("outside the applications folder");
     }
-    if (!ApplicationManifest::isForRemoteUnits(manifestOf(path))) {
+    if (isWithin(ownFolder, path)) {
+        return QStringLiteral("the server's own folder");
+    }
+    if (!mayBeForRemoteUnits(path)) {
         return QStringLiteral("not an application for remote units");
     }
     if (misleadsTar(folder.fileName())) {

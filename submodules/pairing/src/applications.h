@@ -30,5 +30,6 @@ bool isSystemApp(QString path);
 /// Why a service tool may not have the application in `path`; empty when it may.
 ///
 /// Only the folder of an application for remote units somewhere below `rootPath`, named by its clean absolute path, is
-/// handed out: never a folder outside, and never the server's own folder, which holds the keys of every remote unit.
-QString refusalReason(const QString& rootPath, const QString& path);
+/// handed out: never a folder outside, and never the server's `ownFolder` or one in it, where the keys of every remote
+/// unit lie. A manifest that names no target is taken for one of remote units, though it is not listed as such.
+QString refusalReason(const QString& rootPath, const QString& ownFolder, const QString& path);

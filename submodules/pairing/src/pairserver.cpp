@@ -10,6 +10,7 @@
 #include "tagdatabase.h"
 #include "temporaryarchive.h"
 
+#include <QCoreApplication>
 #include <QDataStream>
 #include <QDebug>
 #include <QDir>
@@ -243,7 +244,7 @@ void PairServer::sendApp(QString path)
     if (!isClientOpen()) {
         return;
     }
-    const QString refusal = refusalReason(ApplicationManifest::root(), path);
+    const QString refusal = refusalReason(ApplicationManifest::root(), QCoreApplication::applicationDirPath(), path);
     if (!refusal.isEmpty()) {
         qWarning() << "pairserver: Refused to send" << path << "-" << qPrintable(refusal);
         return;

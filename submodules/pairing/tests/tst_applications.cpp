@@ -27,6 +27,7 @@ private slots:
 private:
     QString path(const QString& name) const { return m_folder->path() + QLatin1Char('/') + name; }
     QString root() const { return path(QStringLiteral("Applications")); }
+    QString own() const { return root() + QStringLiteral("/tessaroserver"); }
     void writeManifest(const QString& folder, const QByteArray& content)
     {
         QVERIFY(QDir().mkpath(path(folder)));
@@ -133,6 +134,7 @@ void TestApplications::pathsThatAreHandedOut_data()
     const QString noFolder = QStringLiteral("not a folder");
     const QString outside = QStringLiteral("outside the applications folder");
     const QString otherTarget = QStringLiteral("not an application for remote units");
+    const QString own = QStringLiteral("the server's own folder");
 
     QTest::newRow("an application") << "/Applications/ruapp"
                                     << "";
@@ -149,7 +151,13 @@ void TestApplications::pathsThatAreHandedOut_data()
     QTest::newRow("outside") << "/outside/foreign" << outside;
     QTest::newRow("a folder that only begins like the applications folder") << "/Applications2/ruapp" << outside;
     QTest::newRow("the applications folder itself") << "/Applications" << outside;
-    QTest::newRow("the server's own folder") << "/Applications/tessaroserver" << otherTarget;
+    QTest::newRow("an application that names no target") << "/Applications/untargeted"
+                                                         << "";
+    QTest::newRow("an application for another target") << "/Applications/panel" << otherTarget;
+    QTest::newRow("the server's own folder") << "/Applications/tessaroserver" << own;
+    QTest::newRow("a folder in the server's own") << "/Applications/tessaroserver/config" << own;
+    QTest::newRow("a folder that only begins like the server's own") << "/Applications/tessaroserver2"
+                                                                     << "";
     QTest::newRow("a folder without manifest") << "/Applications/plain" << otherTarget;
     QTest::newRow("a name like an option of tar") << "/Applications/-cf"
                                                   << "a name that tar would misread";
@@ -162,10 +170,15 @@ void TestApplications::pathsThatAreHandedOut()
     QFETCH(QString, below);
     writeManifest(QStringLiteral("Applications"), "target;ru\n");
     writeManifest(QStringLiteral("Applications2/ruapp"), "target;ru\n");
+    writeManifest(QStringLiteral("Applications/untargeted"), "type;system\n");
+    writeManifest(QStringLiteral("Applications/panel"), "target;bu\ntype;system\n");
+    writeManifest(QStringLiteral("Applications/tessaroserver"), "type;system\n");
+    writeManifest(QStringLiteral("Applications/tessaroserver/config"), "type;system\n");
+    writeManifest(QStringLiteral("Applications/tessaroserver2"), "type;system\n");
     writeManifest(QStringLiteral("Applications/-cf"), "target;ru\n");
     writeManifest(QStringLiteral("Applications/host:app"), "target;ru\n");
 
-    QTEST(refusalReason(root(), m_folder->path() + below), "reason");
+    QTEST(refusalReason(root(), own(), m_folder->path() + below), "reason");
 }
 
 void TestApplications::linksThatLeadOutsideAreRefused()
@@ -174,17 +187,18 @@ void TestApplications::linksThatLeadOutsideAreRefused()
     QVERIFY(QFile::link(path("outside"), root() + "/linkedFolder"));
     QVERIFY(QFile::link(root() + "/nested", path("outside/wayIn")));
 
-    QCOMPARE(refusalReason(root(), root() + "/linkedApp"), QStringLiteral("not a folder"));
-    QCOMPARE(refusalReason(root(), root() + "/linkedFolder/foreign"),
+    QCOMPARE(refusalReason(root(), own(), root() + "/linkedApp"), QStringLiteral("not a folder"));
+    QCOMPARE(refusalReason(root(), own(), root() + "/linkedFolder/foreign"),
              QStringLiteral("outside the applications folder"));
-    QCOMPARE(refusalReason(root(), path("outside/wayIn/deep/rusys")), QString());
+    QCOMPARE(refusalReason(root(), own(), path("outside/wayIn/deep/rusys")), QString());
 }
 
 void TestApplications::everythingIsRefusedWithoutAnApplicationsFolder()
 {
-    QCOMPARE(refusalReason(path("missing"), root() + "/ruapp"), QStringLiteral("outside the applications folder"));
-    QCOMPARE(refusalReason(root(), QString()), QStringLiteral("not a clean absolute path"));
-    QCOMPARE(refusalReason(root(), QStringLiteral("ruapp")), QStringLiteral("not a clean absolute path"));
+    QCOMPARE(refusalReason(path("missing"), own(), root() + "/ruapp"),
+             QStringLiteral("outside the applications folder"));
+    QCOMPARE(refusalReason(root(), own(), QString()), QStringLiteral("not a clean absolute path"));
+    QCOMPARE(refusalReason(root(), own(), QStringLiteral("ruapp")), QStringLiteral("not a clean absolute path"));
 }
 
 QTEST_GUILESS_MAIN(TestApplications)
