@@ -1,54 +1,15 @@
 #include "acknowledgement.h"
-#include "fatalprobe.h"
-#include "internallink.h"
-#include "logspy.h"
-#include "pseudoterminal.h"
-#include "transport_layer.h"
+#include "transportonaline.h"
 
 #include <QSignalSpy>
 #include <QTimer>
 #include <QtTest>
 
-#include <memory>
-#include <random>
 #include <utility>
 
+using namespace TransportPackets;
+
 namespace {
-
-class PseudoTerminalLink : public InternalLink
-{
-public:
-    explicit PseudoTerminalLink(const PseudoTerminal& line)
-        : InternalLink(line.portName().constData(), nullptr)
-    {}
-};
-
-/// The layer on a line whose far end the test plays.
-class OpenTransportLayer : public TransportLayer
-{
-public:
-    explicit OpenTransportLayer(const PseudoTerminal& line)
-        : TransportLayer(new PseudoTerminalLink(line), nullptr)
-    {}
-};
-
-QByteArray bytes(const char* hex)
-{
-    return QByteArray::fromHex(hex);
-}
-
-// Packets of ours, each with the acknowledgement that the base controller answers it with.
-const QByteArray Reset0 = bytes("82406400E58E27030A");
-const QByteArray Reset0Ack = bytes("82C0647CDC60E20A");
-const QByteArray Data0 = bytes("824065117F4720180A"); // service 101, payload 11
-const QByteArray Data0Ack = bytes("82C065781D7D550A");
-const QByteArray Data1 = bytes("82416522A7EEC7D60A"); // service 101, payload 22
-const QByteArray Data1Ack = bytes("82C165AA04BC890A");
-const QByteArray Data2 = bytes("82426533ED57F4980A"); // service 101, payload 33
-
-// A packet of the test's own, told from all others by its service id.
-constexpr quint8 MarkerService = 107;
-constexpr int ServiceIdInFrame = 2;
 
 // Reference clocks on either side of the 50 ms that a transmission waits for its acknowledgement. They run in the same
 // event loop as the layer's timers, and so keep their order with them however busy the machine is.
@@ -57,13 +18,13 @@ constexpr int WellAfterMs = 80;
 
 } // namespace
 
-class TestTransportLayer : public QObject
+class TestTransportLayer : public TransportOnALine
 {
     Q_OBJECT
 
 private slots:
     void init();
-    void cleanup();
+    void cleanup() { end(); }
 
     void sendsThreeTimesThenFails();
     void sendsAgainAfterAFailure();
@@ -81,16 +42,6 @@ private slots:
     void clearedPacketsMakeRoom_data();
     void clearedPacketsMakeRoom();
 
-    void receivesByClass_data();
-    void receivesByClass();
-    void repeatedPacketIsDeliveredAndAcknowledgedAgain();
-    void replyOfAServiceComesUpOnce();
-    void dropsWhatIsNoPacket_data();
-    void dropsWhatIsNoPacket();
-    void classZeroIsFatal();
-    void survivesGarbage();
-    void speaksOverTheLineInBothDirections();
-
     void resetAckIsToldBeforeThePacketGoes();
     void onlyTheResetIsTold_data();
     void onlyTheResetIsTold();
@@ -101,52 +52,22 @@ private slots:
     void worksWithoutALine();
 
 private:
-    void send(const char* payloadHex, quint8 serviceId = 101, quint8 messageClass = 1);
     void note(const QString& event) { m_events.append(event); }
     void noteTransmissionsAndTime();
     bool nextStepCameInTime(int step) const;
     bool waitForTransmission(int count);
-    bool waitForFailure();
-    QList<QByteArray> framesUpToLaterFailure();
     void flood(int packets, quint8 serviceId);
     void acknowledgeEverything();
 
-    std::unique_ptr<PseudoTerminal> m_line;
-    std::unique_ptr<OpenTransportLayer> m_layer;
-    QList<QByteArray> m_sent; ///< all frames of `sendOnInternal`
     int m_steps = 0;
-    int m_failures = 0;
-    int m_resetAcks = 0;
     QStringList m_events;
-    std::unique_ptr<LogSpy> m_log;
 };
 
 void TestTransportLayer::init()
 {
-    m_log = std::make_unique<LogSpy>();
-    m_line = std::make_unique<PseudoTerminal>();
-    m_layer = std::make_unique<OpenTransportLayer>(*m_line);
-    m_sent.clear();
+    begin();
     m_events.clear();
     m_steps = 0;
-    m_failures = 0;
-    m_resetAcks = 0;
-    connect(m_layer.get(), &TransportLayer::sendOnInternal, this,
-            [this](const QByteArray& frame) { m_sent.append(frame); });
-    connect(m_layer.get(), &TransportLayer::internLinkFail, this, [this] { ++m_failures; });
-    connect(m_layer.get(), &TransportLayer::resetAckRecieved, this, [this] { ++m_resetAcks; });
-}
-
-void TestTransportLayer::cleanup()
-{
-    m_layer.reset();
-    m_line.reset();
-    m_log.reset();
-}
-
-void TestTransportLayer::send(const char* payloadHex, quint8 serviceId, quint8 messageClass)
-{
-    m_layer->readDataFromService(bytes(payloadHex), Internal, serviceId, messageClass);
 }
 
 /// From now on, writes down each transmission and the failure, numbered together, and the two reference times after it.
@@ -181,25 +102,6 @@ bool TestTransportLayer::waitForTransmission(int count)
         }
     }
     return m_sent.size() == count;
-}
-
-bool TestTransportLayer::waitForFailure()
-{
-    return QSignalSpy(m_layer.get(), &TransportLayer::internLinkFail).wait();
-}
-
-/// Lets another packet fail, so that everything due before has happened; returns the frames of the other packets.
-QList<QByteArray> TestTransportLayer::framesUpToLaterFailure()
-{
-    send("FF", MarkerService);
-    waitForFailure();
-    QList<QByteArray> others;
-    for (const QByteArray& frame : qAsConst(m_sent)) {
-        if (static_cast<quint8>(frame.at(ServiceIdInFrame)) != MarkerService) {
-            others.append(frame);
-        }
-    }
-    return others;
 }
 
 void TestTransportLayer::flood(int packets, quint8 serviceId)
@@ -413,153 +315,6 @@ void TestTransportLayer::clearedPacketsMakeRoom()
     acknowledgeEverything();
 
     QCOMPARE(m_sent.size(), 512);
-}
-
-void TestTransportLayer::receivesByClass_data()
-{
-    QTest::addColumn<QByteArray>("line");
-    QTest::addColumn<QByteArray>("payload"); // null: nothing comes up
-    QTest::addColumn<int>("serviceId");
-    QTest::addColumn<int>("messageClass");
-    QTest::addColumn<QByteArray>("answer");
-
-    QTest::newRow("class 1 is acknowledged with its own number")
-        << bytes("824565908A90029010B9561CE50A") << bytes("0A8290") << 101 << 1 << bytes("82C565EF209D200A");
-    QTest::newRow("class 1 with the highest number")
-        << bytes("827F651152165B250A") << bytes("11") << 101 << 1 << bytes("82FF65F568ED480A");
-    QTest::newRow("class 1 for a service that does not exist")
-        << bytes("8240670193A465670A") << bytes("01") << 103 << 1 << bytes("82C067719F463B0A");
-    QTest::newRow("class 2 is left to the service")
-        << bytes("828766454D41508D3FF1B20A") << QByteArray("EMAP") << 102 << 2 << QByteArray();
-    QTest::newRow("class 2 whose control byte is escaped")
-        << bytes("8290026641424344726B95210A") << QByteArray("ABCD") << 102 << 2 << QByteArray();
-    QTest::newRow("class 3 with payload")
-        << bytes("82C96634120000452E0BEA0A") << bytes("34120000") << 102 << 3 << QByteArray();
-    QTest::newRow("class 3 without payload") << Data0Ack << QByteArray() << 0 << 0 << QByteArray();
-}
-
-void TestTransportLayer::receivesByClass()
-{
-    QFETCH(QByteArray, line);
-    QFETCH(QByteArray, payload);
-    QFETCH(int, serviceId);
-    QFETCH(int, messageClass);
-    QFETCH(QByteArray, answer);
-    QSignalSpy up(m_layer.get(), &TransportLayer::readyRead);
-
-    m_layer->readDataFromInternal(line);
-
-    QCOMPARE(up.count(), payload.isNull() ? 0 : 1);
-    if (!payload.isNull()) {
-        QCOMPARE(up.at(0).at(0).toByteArray(), payload);
-        QCOMPARE(up.at(0).at(1).value<Link>(), Internal);
-        QCOMPARE(up.at(0).at(2).toInt(), serviceId);
-        QCOMPARE(up.at(0).at(3).toInt(), messageClass);
-    }
-    // The packet sent last proves that nothing but the expected answer went before it.
-    send("11");
-    QTRY_COMPARE(m_line->received().toHex(), (answer + Data0).toHex());
-}
-
-void TestTransportLayer::repeatedPacketIsDeliveredAndAcknowledgedAgain()
-{
-    QSignalSpy up(m_layer.get(), &TransportLayer::readyRead);
-
-    m_layer->readDataFromInternal(bytes("824565908A90029010B9561CE50A"));
-    m_layer->readDataFromInternal(bytes("824565908A90029010B9561CE50A"));
-
-    QCOMPARE(up.count(), 2);
-    QTRY_COMPARE(m_line->received(), bytes("82C565EF209D200A82C565EF209D200A"));
-}
-
-void TestTransportLayer::replyOfAServiceComesUpOnce()
-{
-    QSignalSpy up(m_layer.get(), &TransportLayer::readyRead);
-    send("11");
-    send("22");
-    send("41424344", 102, 2); // number 2
-    m_layer->readDataFromInternal(Data0Ack);
-    m_layer->readDataFromInternal(Data1Ack);
-    const QByteArray request = bytes("8290026641424344726B95210A");
-    QCOMPARE(m_sent, (QList<QByteArray>{Data0, Data1, request}));
-
-    m_layer->readDataFromInternal(bytes("82C26600000000CE25C18B0A"));
-
-    QCOMPARE(up.count(), 1);
-    QCOMPARE(up.at(0).at(0).toByteArray(), bytes("00000000"));
-    QCOMPARE(framesUpToLaterFailure(), (QList<QByteArray>{Data0, Data1, request}));
-}
-
-void TestTransportLayer::dropsWhatIsNoPacket_data()
-{
-    QTest::addColumn<QByteArray>("line");
-
-    QTest::newRow("nothing") << QByteArray();
-    QTest::newRow("newline alone") << bytes("0A");
-    QTest::newRow("empty frame") << bytes("820A");
-    QTest::newRow("intact CRC of no packet") << bytes("82FFFFFFFF0A");
-    QTest::newRow("intact CRC of half a header") << bytes("82407A8ECFC30A");
-    QTest::newRow("flipped payload bit") << bytes("824565908A90029011B9561CE50A");
-    QTest::newRow("flipped CRC bit") << bytes("824565908A90029010B9561CE40A");
-    QTest::newRow("cut off") << bytes("824565908A900290");
-    QTest::newRow("tail only") << bytes("90029010B9561CE50A");
-    QTest::newRow("garbage in front") << bytes("55824565908A90029010B9561CE50A");
-    QTest::newRow("two packets in one line") << Data0Ack + Data1Ack;
-    QTest::newRow("escape byte at the very end") << bytes("82456590");
-}
-
-void TestTransportLayer::dropsWhatIsNoPacket()
-{
-    QFETCH(QByteArray, line);
-    QSignalSpy up(m_layer.get(), &TransportLayer::readyRead);
-    m_log->clear();
-
-    m_layer->readDataFromInternal(line);
-
-    QCOMPARE(up.count(), 0);
-    QCOMPARE(m_log->lines(), QStringList());
-    send("11");
-    QTRY_COMPARE(m_line->received().toHex(), Data0.toHex()); // no answer to the line
-}
-
-void TestTransportLayer::classZeroIsFatal()
-{
-    VERIFY_FATAL("src/BI-Link/transport_layer", 183,
-                 TransportLayer(nullptr).readDataFromInternal(bytes("82006511096C01D80A")));
-}
-
-void TestTransportLayer::survivesGarbage()
-{
-    std::mt19937 random(20240607);
-    QSignalSpy up(m_layer.get(), &TransportLayer::readyRead);
-    for (int chunk = 0; chunk < 5000; ++chunk) {
-        QByteArray garbage(static_cast<int>(random() % 513), '\0');
-        for (char& byte : garbage) {
-            byte = static_cast<char>(random());
-        }
-        m_layer->readDataFromInternal(garbage);
-    }
-    QCOMPARE(up.count(), 0);
-
-    m_layer->readDataFromInternal(bytes("824565908A90029010B9561CE50A"));
-
-    QCOMPARE(up.count(), 1);
-    QTRY_COMPARE(m_line->received(), bytes("82C565EF209D200A"));
-}
-
-void TestTransportLayer::speaksOverTheLineInBothDirections()
-{
-    QSignalSpy up(m_layer.get(), &TransportLayer::readyRead);
-    send("00", 100);
-    QTRY_COMPARE(m_line->received().left(Reset0.size()), Reset0);
-    m_line->clear();
-
-    QVERIFY(m_line->send(Reset0Ack + bytes("827F651152165B250A")));
-
-    QTRY_COMPARE(m_resetAcks, 1);
-    QTRY_COMPARE(up.count(), 1);
-    QCOMPARE(up.at(0).at(0).toByteArray(), bytes("11"));
-    QTRY_VERIFY(m_line->received().endsWith(bytes("82FF65F568ED480A")));
 }
 
 void TestTransportLayer::resetAckIsToldBeforeThePacketGoes()
