@@ -25,6 +25,12 @@ class QThread;
 class QTimer;
 class TagDatabase;
 
+/// First byte of every block of periodic data that the base unit sends.
+enum PeriodicDataOrigin : quint8 {
+    PERIODIC_DATA_FROM_EG = 0, ///< from the machine controller
+    PERIODIC_DATA_FROM_EC = 1, ///< from the base controller
+};
+
 /// The hub between the remote units and the rest of the base unit: keeps one connection per remote unit, decides
 /// whether a unit's INIT is accepted, hands what units send to the rest of the system, and sends them base status,
 /// periodic data and commands.
@@ -41,12 +47,6 @@ class RGPCom : public QObject
     Q_OBJECT
 
 public:
-    /// First byte of every block of periodic data that the base unit sends.
-    enum PeriodicDataOrigin : quint8 {
-        PERIODIC_DATA_FROM_EG = 0,
-        PERIODIC_DATA_FROM_EC = 1,
-    };
-
     /// Why an INIT is refused, as remote units understand it.
     enum InitError : quint16 {
         INIT_ACCEPTED = 0,
