@@ -1,35 +1,20 @@
 #include "fatalprobe.h"
-#include "glinkframes.h"
-#include "glinktransporttcp.h"
 #include "logspy.h"
-#include "tcppeer.h"
+#include "transportwithpeer.h"
 
 #include <QPointer>
 #include <QSignalSpy>
 #include <QTimer>
 #include <QtTest>
 
-#include <algorithm>
-
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+using namespace FrameKinds;
+using namespace TransportTimes;
+
 namespace {
-
-using namespace std::chrono_literals;
-
-/// Times so long that they play no part; each test shortens the one it is about.
-constexpr GLinkTcpTimes Never{1h, 1h, 1h, 5s, 1h};
-
-constexpr int HeartbeatId = 0;
-constexpr int InitId = 1;
-constexpr int InitAckId = 2;
-constexpr int CommandId = 3;
-constexpr int PeriodicDataId = 4;
-constexpr int PowerOffId = 6;
-constexpr int Message = 0;
-constexpr int Ack = 1;
 
 int socketOption(qintptr descriptor, int level, int name)
 {
@@ -48,13 +33,13 @@ void shrinkBuffer(qintptr descriptor, int name)
 } // namespace
 
 /// Server mode, in the thread of the test; tst_glinkserver has threads.
-class TestGLinkTransportTcp : public QObject
+class TestGLinkTransportTcp : public TransportWithPeer
 {
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
+    void init() { begin(); }
+    void cleanup() { end(); }
 
     void singleBytesAndTwoFramesInOneReadAreUnderstood();
     void garbageInFrontClosesTheConnection();
@@ -62,19 +47,9 @@ private slots:
     void aBadMessageCloses();
     void aClosingPeerThatDoesNotReadIsAborted();
 
-    void runMakesThreeTimersAndStartsNone();
     void anInitRegistersTheLink();
     void anInitUnderAnotherIdReleasesTheFirst();
-    void anInitStopsTheAckTimer();
     void aReceivedInitAckIsNotCheckedInServerMode();
-
-    void aMuteUnitIsNeverTimedOut();
-    void silenceEndsTheLink();
-    void aMissingAckEndsTheLink();
-    void anAckInTimeKeepsTheLink();
-    void theAckOfAHeartbeatStopsTheAckTimer();
-    void heartbeatsGoOutWhenNothingIsReceived();
-    void aUnitThatSendsContinuouslyGetsNoHeartbeat();
 
     void aPeerThatClosesInTheMiddleOfAFrameJustEnds();
     void aResetConnectionJustEnds();
@@ -93,46 +68,8 @@ private slots:
     void aFrameIsOneWrite();
 
 private:
-    void start(const GLinkTcpTimes& times = Never);
     void stopPeerReading();
-
-    qintptr m_descriptor = -1;
-    QScopedPointer<DescriptorServer> m_server;
-    QScopedPointer<TcpPeer> m_peer;
-    QScopedPointer<GLinkTransportTcp> m_transport;
-    QScopedPointer<QSignalSpy> m_received;
-    QScopedPointer<QSignalSpy> m_introduced;
-    QStringList m_ends; ///< closedConnection and finished in their order
 };
-
-void TestGLinkTransportTcp::init()
-{
-    m_ends.clear();
-    m_server.reset(new DescriptorServer);
-    m_peer.reset(new TcpPeer);
-    m_peer->connectTo(*m_server);
-    m_descriptor = m_server->takeDescriptor();
-    QVERIFY(m_descriptor >= 0);
-    m_transport.reset(new GLinkTransportTcp(m_descriptor, 0, nullptr, nullptr, nullptr));
-    m_received.reset(new QSignalSpy(m_transport.data(), &GLinkTransportBase::readyReadFromGLink));
-    m_introduced.reset(new QSignalSpy(m_transport.data(), &GLinkTransportTcp::newConnection));
-    connect(m_transport.data(), &GLinkTransportBase::closedConnection, this,
-            [this](quint16 remoteId) { m_ends << QStringLiteral("closed %1").arg(remoteId); });
-    connect(m_transport.data(), &GLinkTransportTcp::finished, this, [this] { m_ends << QStringLiteral("finished"); });
-}
-
-void TestGLinkTransportTcp::cleanup()
-{
-    m_transport.reset();
-    m_received.reset();
-    m_introduced.reset();
-}
-
-void TestGLinkTransportTcp::start(const GLinkTcpTimes& times)
-{
-    m_transport->setTimes(times);
-    m_transport->run();
-}
 
 /// From now on next to nothing that is written to the peer leaves our side.
 void TestGLinkTransportTcp::stopPeerReading()
@@ -221,20 +158,6 @@ void TestGLinkTransportTcp::aClosingPeerThatDoesNotReadIsAborted()
     QTRY_COMPARE(m_ends, (QStringList{"closed 0", "finished"}));
 }
 
-void TestGLinkTransportTcp::runMakesThreeTimersAndStartsNone()
-{
-    m_transport->run();
-
-    QList<int> intervals;
-    const auto timers = m_transport->findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly);
-    for (const QTimer* const timer : timers) {
-        QVERIFY(!timer->isActive());
-        intervals << timer->interval();
-    }
-    std::sort(intervals.begin(), intervals.end());
-    QCOMPARE(intervals, (QList<int>{250, 4000, 4000})); // heartbeat, silence, acknowledgement; ms
-}
-
 void TestGLinkTransportTcp::anInitRegistersTheLink()
 {
     start();
@@ -266,23 +189,6 @@ void TestGLinkTransportTcp::anInitUnderAnotherIdReleasesTheFirst()
     QTRY_COMPARE(m_ends, (QStringList{"closed 515", "closed 7", "finished"}));
 }
 
-void TestGLinkTransportTcp::anInitStopsTheAckTimer()
-{
-    GLinkTcpTimes times = Never;
-    times.acknowledge = 300ms;
-    start(times);
-
-    m_transport->send(1, GLINK_MSG_ID_CMD, "old", 1);
-    QTRY_COMPARE(m_peer->count(CommandId, Message), 1);
-    m_peer->write(Frames::init());
-    QTRY_COMPARE(m_introduced->size(), 1);
-    QTest::qWait(500);
-
-    QCOMPARE(m_ends, QStringList());
-    m_transport->send(1, GLINK_MSG_ID_INITACK, QByteArray(42, '\0'), 2);
-    QTRY_COMPARE(m_peer->count(InitAckId, Message), 1);
-}
-
 void TestGLinkTransportTcp::aReceivedInitAckIsNotCheckedInServerMode()
 {
     LogSpy log;
@@ -298,122 +204,6 @@ void TestGLinkTransportTcp::aReceivedInitAckIsNotCheckedInServerMode()
     QTRY_COMPARE(m_peer->count(InitAckId, Ack), 1);
     QCOMPARE(m_ends, QStringList());
     QCOMPARE(log.lines(QtWarningMsg), QStringList());
-}
-
-void TestGLinkTransportTcp::aMuteUnitIsNeverTimedOut()
-{
-    start({20ms, 50ms, 50ms, 5s, 1h});
-
-    QTest::qWait(300);
-
-    QCOMPARE(m_ends, QStringList());
-    QVERIFY(m_peer->frames().isEmpty());
-}
-
-void TestGLinkTransportTcp::silenceEndsTheLink()
-{
-    GLinkTcpTimes times = Never;
-    times.silence = 100ms;
-    start(times);
-    QElapsedTimer sinceReceipt;
-
-    sinceReceipt.start();
-    m_peer->write("x"); // any byte counts, a whole frame is not needed
-
-    QTRY_COMPARE(m_ends, (QStringList{"closed 0", "finished"}));
-    QVERIFY(sinceReceipt.elapsed() >= 95);
-    QTRY_VERIFY(!m_peer->isConnected());
-}
-
-void TestGLinkTransportTcp::aMissingAckEndsTheLink()
-{
-    GLinkTcpTimes times = Never;
-    times.acknowledge = 100ms;
-    start(times);
-
-    m_transport->send(1, GLINK_MSG_ID_CMD, "abc", 1);
-    QTRY_COMPARE(m_peer->count(CommandId, Message), 1);
-    m_peer->write(Frames::heartbeat() + Frames::periodicDataAck());
-
-    QTRY_COMPARE(m_ends, (QStringList{"closed 0", "finished"}));
-    QCOMPARE(m_peer->count(HeartbeatId, Ack), 1);
-}
-
-void TestGLinkTransportTcp::anAckInTimeKeepsTheLink()
-{
-    GLinkTcpTimes times = Never;
-    times.acknowledge = 300ms;
-    start(times);
-    QSignalSpy sent(m_transport.data(), &GLinkTransportBase::messageSent);
-
-    m_transport->send(1, GLINK_MSG_ID_CMD, "abc", 77);
-    m_peer->write(Frames::commandAck());
-    QTRY_COMPARE(sent.size(), 1);
-    QTest::qWait(500);
-
-    QCOMPARE(sent.first().at(1).toUInt(), 77U);
-    QCOMPARE(m_ends, QStringList());
-}
-
-void TestGLinkTransportTcp::theAckOfAHeartbeatStopsTheAckTimer()
-{
-    LogSpy log;
-    GLinkTcpTimes times = Never;
-    times.heartbeat = 20ms;
-    times.acknowledge = 400ms;
-    start(times);
-
-    m_peer->write(Frames::powerOff());
-    QTRY_COMPARE(m_peer->count(HeartbeatId, Message), 1);
-    m_transport->send(1, GLINK_MSG_ID_CMD, "abc", 1);
-    m_peer->write(Frames::heartbeatAck());
-    QTRY_COMPARE(m_peer->count(HeartbeatId, Message), 2); // sent because the first one was acknowledged
-    QTest::qWait(600);
-    QCOMPARE(m_ends, QStringList());
-
-    // The message itself is still in flight, and blocks the next.
-    m_transport->send(1, GLINK_MSG_ID_PERIODIC_DATA, "def", 2);
-    m_peer->write(Frames::commandAck());
-    m_transport->send(1, GLINK_MSG_ID_PERIODIC_DATA, "def", 3);
-    QTest::qWait(20);
-    QCOMPARE(m_peer->count(PeriodicDataId, Message), 0);
-}
-
-void TestGLinkTransportTcp::heartbeatsGoOutWhenNothingIsReceived()
-{
-    GLinkTcpTimes times = Never;
-    times.heartbeat = 20ms;
-    start(times);
-
-    m_peer->write(Frames::powerOff());
-    for (int sent = 1; sent <= 5; ++sent) {
-        QTRY_COMPARE(m_peer->count(HeartbeatId, Message), sent);
-        QTest::qWait(30);
-        QCOMPARE(m_peer->count(HeartbeatId, Message), sent); // unacknowledged, it stays the only one
-        m_peer->write(Frames::heartbeatAck());
-    }
-    QCOMPARE(m_peer->frames().last().size(), 25);
-}
-
-void TestGLinkTransportTcp::aUnitThatSendsContinuouslyGetsNoHeartbeat()
-{
-    GLinkTcpTimes times = Never;
-    times.heartbeat = 100ms;
-    start(times);
-    QElapsedTimer gap;
-    qint64 longestGap = 0;
-
-    m_peer->write(Frames::powerOff());
-    for (int i = 0; i < 40; ++i) {
-        gap.start();
-        QTest::qWait(10);
-        m_peer->write(Frames::powerOff());
-        longestGap = qMax(longestGap, gap.elapsed());
-    }
-    QTRY_COMPARE(m_received->size(), 41);
-
-    // On a machine too busy to send every 100 ms the test has nothing to say.
-    QVERIFY(m_peer->count(HeartbeatId, Message) == 0 || longestGap > 80);
 }
 
 void TestGLinkTransportTcp::aPeerThatClosesInTheMiddleOfAFrameJustEnds()
