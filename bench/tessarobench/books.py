@@ -121,7 +121,7 @@ class Books:
     def __init__(self, start: Start):
         self.commands, self.orders = Ledger(BASE_CONTROLLER), Ledger(MACHINE_CONTROLLER)
         self.service_messages = Ledger(SERVICE)
-        self.packets = PacketBook(self._packet_left, self._packet_entered)
+        self.packets = PacketBook(self._packet_left, self._packet_entered, self._packet_acked)
         self.images = ImageBook(start.fields, start.image, start.shown)
         self.units = {unit: UnitBook(unit) for unit in start.units}
         self.events = Alike("API: orders to events on the UART")
@@ -166,6 +166,11 @@ class Books:
         return sorted(found, key=lambda account: ("UART", "GLink", "EGLink", "API").index(account.name.partition(":")[0]))
 
     # --- UART ------------------------------------------------------------------------------------------------------
+
+    def _packet_acked(self, when: float, seconds: float) -> None:
+        """A base unit that the computer holds up is late everywhere, and takes in together what came meanwhile."""
+        for unit in self.units.values():
+            unit.blocks.took(when, seconds)
 
     def _packet_entered(self, packet: il.Packet, when: float) -> None:
         payload = packet.payload

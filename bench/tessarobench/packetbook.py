@@ -7,6 +7,7 @@ lost, and with it what waits behind. The numbers run on, so that what never went
 
 from __future__ import annotations
 
+import collections
 from typing import Callable, Optional
 
 from . import internallink as il
@@ -18,6 +19,7 @@ from .rules import DAMAGED, LINK_LOST, QUEUED_BEHIND, UNKNOWN_SERVICE
 NUMBERS = 64
 SLACK = 1.0         # seconds by which the log may tell of a loss before or after the line shows it
 UNDER_WAY = 0.3     # what began so shortly before the end need not be through
+FORGOTTEN = 2.0     # seconds after which no acknowledgement comes any more: the packet was lost with the link
 FROM_BASE_UNIT_TOO = (il.EVENTS, il.PROCESS_DATA, il.CONFIGURATION, il.SHORT_FALLBACK, il.FALLBACK, il.COMMAND)
 HANDLED = (*FROM_BASE_UNIT_TOO, il.PERIODIC)
 
@@ -33,10 +35,13 @@ class Head:
 
 class PacketBook:
     """`fresh(packet, when)` is called for every packet of the base unit as it goes out for the first time,
-    `arrived(packet, when)` for every undamaged one that comes to it."""
+    `arrived(packet, when)` for every undamaged one that comes to it, `acked(when, seconds)` for every one that it
+    acknowledges: when it came, and how long that took."""
 
-    def __init__(self, fresh: Callable[[il.Packet, float], None], arrived: Callable[[il.Packet, float], None]):
-        self._fresh, self._arrived = fresh, arrived
+    def __init__(self, fresh: Callable[[il.Packet, float], None], arrived: Callable[[il.Packet, float], None],
+                 acked: Callable[[float, float], None] = lambda when, seconds: None):
+        self._fresh, self._arrived, self._acked = fresh, arrived, acked
+        self._waiting: dict[tuple[int, int], collections.deque[float]] = collections.defaultdict(collections.deque)
         self._to = {service: Account(f"UART: {il.SERVICE_NAMES[service]} ({service}) to the base unit") for service in HANDLED}
         self._from = {service: Account(f"UART: {il.SERVICE_NAMES[service]} ({service}) of the base unit")
                       for service in FROM_BASE_UNIT_TOO}
@@ -62,7 +67,10 @@ class PacketBook:
                 else:
                     self.others.violations.append(f"UART: the base unit sent {raw[:12].hex(' ')}")
             elif packet.message_class == il.ACK:
-                (self._acknowledges if direction == TO_BASE_UNIT else self._is_acknowledged)(packet)
+                if direction == TO_BASE_UNIT:
+                    self._acknowledges(packet)
+                else:
+                    self._is_acknowledged(packet, when)
             elif direction == TO_BASE_UNIT:
                 self._comes(packet, when)
             else:
@@ -91,13 +99,21 @@ class PacketBook:
     def _comes(self, packet: il.Packet, when: float) -> None:
         if packet.service in self._to:
             self._to[packet.service].enter(when, _key(packet.number, packet.message_class == il.SERVICE_ACK))
+            self._waiting[packet.service, packet.number].append(when)
         else:
             self.others.rule(UNKNOWN_SERVICE)
         self._arrived(packet, when)
 
-    def _is_acknowledged(self, packet: il.Packet) -> None:
-        if packet.service in self._to:
-            self._to[packet.service].leave(_key(packet.number, bool(packet.payload)))
+    def _is_acknowledged(self, packet: il.Packet, when: float) -> None:
+        if packet.service not in self._to:
+            return
+        self._to[packet.service].leave(_key(packet.number, bool(packet.payload)))
+        waiting = self._waiting[packet.service, packet.number]
+        while waiting and waiting[0] < when - FORGOTTEN:
+            waiting.popleft()
+        if waiting:
+            came = waiting.popleft()
+            self._acked(came, when - came)
 
     # --- of the base unit ------------------------------------------------------------------------------------------
 

@@ -226,14 +226,17 @@ def number_shown(status):
 # --- what a record can hardly hold -------------------------------------------------------------------------------------
 
 
-def blocks(*entered, joins=(0.0,), arrived=(), busy=(), now=20.0):
-    """A unit's blocks: (when, payload) that entered, (when, payload) that arrived, (received, acknowledged) of messages."""
+def blocks(*entered, joins=(0.0,), arrived=(), busy=(), took=(), now=20.0):
+    """A unit's blocks: (when, payload) that entered, (when, payload) that arrived, (received, acknowledged) of messages,
+    (when, seconds) that something took."""
     book = BlockBook(1001)
     for when in joins:
         book.joined(when)
     for received, acknowledged in busy:
         book.message(received)
         book.acknowledged(acknowledged)
+    for when, seconds in took:
+        book.took(when, seconds)
     for when, payload in entered:
         book.entered(glink.FROM_BASE_CONTROLLER, payload, when)
     for when, payload in arrived:
@@ -257,6 +260,13 @@ def test_a_block_that_had_nothing_to_wait_for_is_lost():
     assert lost.violations == ["UART: periodic data to unit 1001: 6f 6e 65 entered at 5.000 s and never left"]
     waited_too_short = blocks((5.0, b"one"), (9.0, b"two"), arrived=[(9.001, b"two")], busy=[(4.9, 5.5)])
     assert waited_too_short.violations
+
+
+def test_blocks_that_a_base_unit_held_up_took_in_together_may_be_replaced():
+    entered, together = [(5.0, b"one"), (5.1, b"two"), (5.2, b"three")], [(5.205, b"three")]
+    busy = [(4.985, 4.99), (5.202, 5.204)]  # by the unit's clock; the base unit has heard of the first end at 5.2
+    assert len(blocks(*entered, arrived=together, busy=busy).violations) == 2
+    assert blocks(*entered, arrived=together, busy=busy, took=[(5.01, 0.19)]).violations == []
 
 
 def test_the_last_block_has_none_to_take_its_place():
@@ -387,6 +397,17 @@ def test_a_number_that_is_left_out_needs_a_lost_link():
             (1.3, TO_BASE_UNIT, acknowledgement(1))]
     assert line(*sent) == ["UART: 1 numbers of the base unit were skipped at 1.200 s"]
     assert line(*sent, failures=[1.15]) == []
+
+
+def test_how_long_packets_wait_for_their_acknowledgement_is_told():
+    told = []
+    book = PacketBook(lambda packet, when: None, lambda packet, when: None, lambda when, seconds: told.append((when, seconds)))
+    for when, direction, packet in ((1.0, TO_BASE_UNIT, command(1)), (1.25, TO_BASE_UNIT, command(1)),
+                                    (1.5, FROM_BASE_UNIT, acknowledgement(1)), (1.75, FROM_BASE_UNIT, acknowledgement(1)),
+                                    (2.0, TO_BASE_UNIT, command(2)), (8.0, TO_BASE_UNIT, command(2)),
+                                    (8.5, FROM_BASE_UNIT, acknowledgement(2)), (9.0, FROM_BASE_UNIT, acknowledgement(3))):
+        book.seen(direction, il.frame(packet), when)
+    assert told == [(1.0, 0.5), (1.25, 0.5), (8.0, 0.5)], "one each, and none for what was lost long before"
 
 
 def test_an_acknowledgement_of_another_packet_is_found():
