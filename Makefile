@@ -33,9 +33,7 @@ tool-test: ## the tools for installers and operators
 
 system-test: build ## the real binary on the simulated installation, and two minutes of soak beside it
 	@scripts/ensure-packages test
-	@bench/soak --minutes 2 --server $(BUILD)/tessaroserver >$(BUILD)/soak.log 2>&1 & soak=$$!; \
-	scripts/system-tests $(BUILD)/tessaroserver; tests=$$?; \
-	wait $$soak; soaked=$$?; cat $(BUILD)/soak.log; [ $$tests = 0 ] && [ $$soaked = 0 ]
+	@scripts/system-tests $(BUILD)/tessaroserver --soak
 
 soak: build ## all peers at ten times the nominal pace with seeded faults for MINUTES (10); SEED (1)
 	@scripts/ensure-packages run
