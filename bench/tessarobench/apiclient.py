@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import socket
 import struct
+import time
 from typing import Optional
 
 from .journal import FROM_BASE_UNIT, TO_BASE_UNIT, Journal
@@ -27,6 +28,7 @@ class ApiClient:
         self._loop, self._udp, self._journal = loop, udp, journal
         self.status: dict[str, str] = {}
         self.statuses = self.notifies = 0
+        self._came_at = 0.0  # the newest status object
         udp.setblocking(False)
         udp.bind((LOOPBACK, REPLY_PORT))
         loop.call(loop.watch, udp, self._readable)
@@ -41,6 +43,10 @@ class ApiClient:
         self.send(b"GET")
         self._loop.wait_for(lambda: self.statuses > before, timeout, "a status object over the API")
         return dict(self.status)
+
+    def settle(self, quiet: float = 0.3) -> None:
+        """Waits until no status object has come for `quiet` seconds, so that those on their way have come."""
+        self._loop.wait_for(lambda: time.monotonic() - self._came_at >= quiet, what="no more pushes over the API", poll=0.05)
 
     def tag(self, key: str) -> Optional[str]:
         """The value of one member in the newest status object."""
@@ -80,4 +86,5 @@ class ApiClient:
         changed = {key: value for key, value in new.items() if self.status.get(key) != value}
         self.status = new
         self.statuses += 1
+        self._came_at = time.monotonic()
         self._journal.add(LINK, FROM_BASE_UNIT, "status", datagram, changed=changed)

@@ -57,7 +57,7 @@ class Plant:
         bench.fallback
         shown = {**dict.fromkeys(CONFIG_VALUES, str(SETTING)), "BU_ID": str(IDENTITY)}
         bench.wait_for(lambda: bench.api.status.items() >= shown.items(), what="all settings and the identity shown")
-        bench.api.get()  # pushes that were still on their way have come before its answer
+        bench.api.settle()  # pushes that were still on their way would enter no book
         bench.wait_for(lambda: bench.bc.idle)
         bench.bc.retry_seconds = RETRY_SECONDS
 
