@@ -48,6 +48,7 @@ class BlockBook:
         self._joins: list[float] = []
         self._ends: list[float] = []
         self._taken: list[tuple[float, float]] = []
+        self._delivered: Optional[dict[int, Arrival]] = None  # by the block's place, once matched
         self._busy: list[list[float]] = []  # [message received, acknowledgement written] one after the other
 
     @property
@@ -84,9 +85,15 @@ class BlockBook:
     def arrived(self, data: bytes, path: str, when: float) -> None:
         self._arrivals.append(Arrival(when, data[0], data[1:], path, len(self._joins)))
 
+    def match(self) -> list[tuple[Block, float]]:
+        """Decides which arrival is which block, when all have arrived; gives how long each block took."""
+        if self._delivered is None:
+            self._tick_off()
+        return [(self._blocks[place], arrival.when - self._blocks[place].when) for place, arrival in self._delivered.items()]
+
     def close(self, now: float) -> None:
         """Decides for every block what became of it, before the accounts are settled."""
-        self._tick_off()
+        self.match()
         self._in_order = sorted(((arrival, self._blocks[place].when) for place, arrival in self._delivered.items()),
                                 key=lambda pair: pair[0].when)
         self._in_order_times = [arrival.when for arrival, _ in self._in_order]
@@ -100,7 +107,7 @@ class BlockBook:
     # --- what arrived ----------------------------------------------------------------------------------------------
 
     def _tick_off(self) -> None:
-        self._delivered: dict[int, Arrival] = {}
+        self._delivered = {}
         places: dict[tuple[int, bytes], list[int]] = {}
         for place, block in enumerate(self._blocks):
             places.setdefault((block.origin, block.payload), []).append(place)

@@ -12,7 +12,7 @@ from typing import Callable, Iterable, NamedTuple, Optional
 
 from . import eglink, glink, internallink as il
 from .account import Account, Alike
-from .blockbook import BlockBook
+from .blockbook import Block, BlockBook
 from .installation import INPUT_TAGS, Installation
 from .journal import FROM_BASE_UNIT, TO_BASE_UNIT, Event
 from .ledger import SIZE, Ledger
@@ -153,10 +153,23 @@ class Books:
         if self._unanswered is not None:
             self.answers.enter(now, f"command {self._unanswered}")
         self.packets.close(now)
+        self._share_delays()
         for unit in self.units.values():
             unit.back(now)
             unit.blocks.close(now)
         return [account.close() for account in self.accounts]
+
+    def _share_delays(self) -> None:
+        """A block that was late for more than one unit was so in the base unit, and may have been replaced there for
+        another unit."""
+        delays: dict[Block, list[float]] = {}
+        for unit in self.units.values():
+            for block, seconds in unit.blocks.match():
+                delays.setdefault(block, []).append(seconds)
+        for block, seconds in delays.items():
+            if len(seconds) > 1:
+                for unit in self.units.values():
+                    unit.blocks.took(block.when, min(seconds))
 
     @property
     def accounts(self) -> list[Account]:

@@ -11,7 +11,7 @@ import pytest
 from tessarobench import glink, internallink as il
 from tessarobench.account import Account, statement
 from tessarobench.blockbook import BlockBook
-from tessarobench.books import Books, Sight
+from tessarobench.books import Books, Sight, Start
 from tessarobench.installation import Installation
 from tessarobench.journal import FROM_BASE_UNIT, TO_BASE_UNIT, Event
 from tessarobench.newestbook import Newest
@@ -267,6 +267,24 @@ def test_blocks_that_a_base_unit_held_up_took_in_together_may_be_replaced():
     busy = [(4.985, 4.99), (5.202, 5.204)]  # by the unit's clock; the base unit has heard of the first end at 5.2
     assert len(blocks(*entered, arrived=together, busy=busy).violations) == 2
     assert blocks(*entered, arrived=together, busy=busy, took=[(5.01, 0.19)]).violations == []
+
+
+@pytest.mark.parametrize("late_units, violations_expected", [((1, 2), 0), ((1,), 2)])
+def test_a_block_that_was_late_for_others_may_have_been_replaced(late_units, violations_expected):
+    """Late for more than one unit, it was so in the base unit; late for one, it may have been so in the unit."""
+    books = Books(Start((1, 2, 3), {}, b"", {}))
+    for number, unit in books.units.items():
+        unit.blocks.joined(0.0)
+        for when, payload in ((5.0, b"one"), (5.08, b"two")):
+            unit.blocks.entered(glink.FROM_MACHINE_CONTROLLER, payload, when)
+        if number in late_units:
+            unit.blocks.arrived(b"\0one", "TCP", 5.079)
+        else:
+            unit.blocks.message(5.079)
+            unit.blocks.acknowledged(5.0795)
+        unit.blocks.arrived(b"\0two", "TCP", 5.081)
+    found = violations(books.close(20.0))
+    assert len(found) == violations_expected, found
 
 
 def test_the_last_block_has_none_to_take_its_place():
