@@ -45,8 +45,10 @@ class ApiClient:
         return dict(self.status)
 
     def settle(self, quiet: float = 0.3) -> None:
-        """Waits until no status object has come for `quiet` seconds, so that those on their way have come."""
-        self._loop.wait_for(lambda: time.monotonic() - self._came_at >= quiet, what="no more pushes over the API", poll=0.05)
+        """Waits until no status object has come for `quiet` seconds from now, so that those on their way have come."""
+        begun = time.monotonic()
+        self._loop.wait_for(lambda: time.monotonic() - max(begun, self._came_at) >= quiet, what="no more pushes over the API",
+                            poll=0.05)
 
     def tag(self, key: str) -> Optional[str]:
         """The value of one member in the newest status object."""
