@@ -12,6 +12,7 @@ namespace ApplicationManifest {
 namespace {
 
 constexpr char FileName[] = "manifest.csv";
+const QString TargetKey = QStringLiteral("target");
 constexpr QLatin1Char PartSeparator(';');
 constexpr int PartsOfEntry = 2;
 
@@ -83,7 +84,12 @@ std::optional<Entries> read(const QString& manifestPath)
 
 bool isForRemoteUnits(const Entries& entries)
 {
-    return entries.value(QStringLiteral("target")) == QLatin1String("ru");
+    return entries.value(TargetKey) == QLatin1String("ru");
+}
+
+bool isForOthers(const Entries& entries)
+{
+    return entries.contains(TargetKey) && !isForRemoteUnits(entries);
 }
 
 bool isRemoteUnitUserApplication(const Entries& entries)

@@ -44,6 +44,9 @@ constexpr qint64 MaxBytes = 64 * 1024;
 /// True when the manifest describes an application for remote units ("target" is "ru").
 bool isForRemoteUnits(const Entries& entries);
 
+/// True when it names a target, and not remote units.
+bool isForOthers(const Entries& entries);
+
 /// True when it describes the user application of the remote units ("target" is "ru", "type" is "user"): the one whose
 /// digest remote units report at INIT.
 bool isRemoteUnitUserApplication(const Entries& entries);

@@ -8,7 +8,6 @@
 namespace {
 
 const QString PathKey = QStringLiteral("pairAppPath");
-const QString TargetKey = QStringLiteral("target");
 const QString TypeKey = QStringLiteral("type");
 
 std::optional<ApplicationManifest::Entries> manifestOf(const QString& appPath)
@@ -27,7 +26,7 @@ bool isWithin(const QString& folderPath, const QString& path)
 bool mayBeForRemoteUnits(const QString& appPath)
 {
     const auto manifest = manifestOf(appPath);
-    return manifest && (ApplicationManifest::isForRemoteUnits(*manifest) || !manifest->contains(TargetKey));
+    return manifest && !ApplicationManifest::isForOthers(*manifest);
 }
 
 /// True when tar would not take `name` for the name of a file: an option, or an archive on another machine.
