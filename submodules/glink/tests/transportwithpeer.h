@@ -28,6 +28,7 @@ constexpr int InitAckId = 2;
 constexpr int CommandId = 3;
 constexpr int PeriodicDataId = 4;
 constexpr int PowerOffId = 6;
+constexpr int MachineStopId = 7;
 constexpr int Message = 0;
 constexpr int Ack = 1;
 

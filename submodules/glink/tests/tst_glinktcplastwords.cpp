@@ -1,19 +1,11 @@
-#include "glinkframes.h"
-#include "glinktransporttcp.h"
-#include "tcppeer.h"
-
-#include <QScopedPointer>
-#include <QSignalSpy>
-#include <QtTest>
+#include "transportwithpeer.h"
 
 #include <sys/socket.h>
 
+using namespace FrameKinds;
+using namespace TransportTimes;
+
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr int InitId = 1;
-constexpr int MachineStopId = 7;
 
 /// From the kernel's point of view the peer's program dies: what it has written arrives, and then the connection is
 /// reset.
@@ -27,12 +19,13 @@ void resetConnection(QTcpSocket& socket)
 } // namespace
 
 /// What a remote unit said last counts, whatever becomes of its connection: it may be a machine stop.
-class TestGLinkTcpLastWords : public QObject
+class TestGLinkTcpLastWords : public TransportWithPeer
 {
     Q_OBJECT
 
 private slots:
     void init();
+    void cleanup() { end(); }
 
     void messagesBehindOneThatCouldNotBeAcknowledgedAreHeard();
     void anInitBehindOneThatCouldNotBeAcknowledgedComesBeforeTheEnd();
@@ -42,25 +35,13 @@ private slots:
 private:
     QList<int> receivedIds() const;
 
-    QScopedPointer<DescriptorServer> m_server;
-    QScopedPointer<TcpPeer> m_peer;
-    QScopedPointer<GLinkTransportTcp> m_transport;
-    QScopedPointer<QSignalSpy> m_received;
-    QScopedPointer<QSignalSpy> m_finished;
     QStringList m_events; ///< introductions and ends, in their order
 };
 
 void TestGLinkTcpLastWords::init()
 {
+    begin();
     m_events.clear();
-    m_server.reset(new DescriptorServer);
-    m_peer.reset(new TcpPeer);
-    m_peer->connectTo(*m_server);
-    const qintptr descriptor = m_server->takeDescriptor();
-    QVERIFY(descriptor >= 0);
-    m_transport.reset(new GLinkTransportTcp(descriptor, 0, nullptr, nullptr, nullptr));
-    m_received.reset(new QSignalSpy(m_transport.data(), &GLinkTransportBase::readyReadFromGLink));
-    m_finished.reset(new QSignalSpy(m_transport.data(), &GLinkTransportTcp::finished));
     connect(m_transport.data(), &GLinkTransportTcp::newConnection, this,
             [this](quint16 remoteId) { m_events << QStringLiteral("new %1").arg(remoteId); });
     connect(m_transport.data(), &GLinkTransportBase::closedConnection, this,
@@ -84,7 +65,7 @@ void TestGLinkTcpLastWords::messagesBehindOneThatCouldNotBeAcknowledgedAreHeard(
 
     m_transport->run();
 
-    QTRY_COMPARE(m_finished->size(), 1);
+    QTRY_VERIFY(m_ends.contains("finished"));
     QCOMPARE(receivedIds(), QList<int>{MachineStopId});
 }
 
@@ -96,7 +77,7 @@ void TestGLinkTcpLastWords::anInitBehindOneThatCouldNotBeAcknowledgedComesBefore
 
     m_transport->run();
 
-    QTRY_COMPARE(m_finished->size(), 1);
+    QTRY_VERIFY(m_ends.contains("finished"));
     QCOMPARE(receivedIds(), (QList<int>{InitId, MachineStopId}));
     QCOMPARE(m_events, (QStringList{"new 515", "closed 515"}));
 }
@@ -111,7 +92,7 @@ void TestGLinkTcpLastWords::messagesThatWaitForTheReceiverAreHeardWhenThePeerLea
     m_peer->write(Frames::machineStop());
     m_peer->socket.close();
 
-    QTRY_COMPARE(m_finished->size(), 1);
+    QTRY_VERIFY(m_ends.contains("finished"));
     QCOMPARE(receivedIds(), QList<int>{MachineStopId});
 }
 
@@ -128,7 +109,7 @@ void TestGLinkTcpLastWords::messagesThatWaitForTheReceiverAreHeardBeforeTheTimeo
     *backlog = GLinkTransportTcp::MaxBacklog;
     m_peer->write(Frames::machineStop());
 
-    QTRY_COMPARE(m_finished->size(), 1);
+    QTRY_VERIFY(m_ends.contains("finished"));
     QCOMPARE(receivedIds(), (QList<int>{InitId, MachineStopId}));
 }
 
