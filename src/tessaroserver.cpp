@@ -138,9 +138,9 @@ void TessaroServer::createServiceLayer()
 {
     m_serviceThread = new QThread;
     serviceLayer = new ServiceLayer(rgpCom, myConfiguration, tagDatabase, nullptr);
-    m_serviceThread->start(QThread::InheritPriority);
     serviceLayer->moveToThread(m_serviceThread);
     connect(m_serviceThread, &QThread::finished, serviceLayer, &ServiceLayer::deleteLater);
+    m_serviceThread->start(QThread::InheritPriority);
     QMetaObject::invokeMethod(
         serviceLayer, [this] { bringUpServices(); }, Qt::BlockingQueuedConnection);
 }
