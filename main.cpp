@@ -1,3 +1,4 @@
+#include "logwriter.h"
 #include "terminationsignals.h"
 #include "tessaroserver.h"
 
@@ -18,15 +19,23 @@ void prepareEnvironment()
     qputenv("QT_NO_GLIB", "1");
 }
 
-} // namespace
-
-int main(int argc, char* argv[])
+int runServer(int argc, char* argv[])
 {
-    prepareEnvironment();
     QCoreApplication application(argc, argv);
     TerminationSignals terminationSignals;
     QObject::connect(&terminationSignals, &TerminationSignals::terminationRequested, &application,
                      &QCoreApplication::quit);
     TessaroServer server(nullptr);
     return QCoreApplication::exec();
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    prepareEnvironment();
+    LogWriter::install();
+    const int status = runServer(argc, argv);
+    LogWriter::flushInstalled();
+    return status;
 }

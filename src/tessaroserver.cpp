@@ -8,6 +8,7 @@
 #include "fb_cmd_service.h"
 #include "fb_periodic_service.h"
 #include "gfallback_service_c.h"
+#include "logwriter.h"
 #include "msrelaycontrol.h"
 #include "myassertfunc.h"
 #include "pairserver.h"
@@ -116,6 +117,7 @@ TessaroServer::~TessaroServer()
     delete pairServer;
     if (!joinThreads()) {
         // Nothing may be released under a thread that still runs, neither here nor by the C library at its exit.
+        LogWriter::flushInstalled();
         std::_Exit(EXIT_SUCCESS);
     }
     delete rgpCom;

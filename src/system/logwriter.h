@@ -1,0 +1,86 @@
+#pragma once
+
+#include "linequeue.h"
+
+#include <QByteArray>
+#include <QSemaphore>
+#include <QString>
+#include <QThread>
+
+#include <atomic>
+#include <chrono>
+
+/// Writes the program's log in a thread of its own, so that nobody who logs ever waits for whoever reads it.
+///
+/// A line is formatted in the thread that logs, at the time of the call, and put into a bounded queue. While nobody
+/// takes lines off the descriptor (a journal that hangs, a full pipe, a dead disk) the queue fills; what then finds no
+/// room is dropped and counted, and a line in its place says how many were lost once lines can be written again:
+///
+///     20261122 09:30:00.000 - LogWriter: 1234 lines lost.
+///
+/// A reader that has gone ends nothing: lines are then dropped as they are written.
+class LogWriter
+{
+public:
+    /// What waits at most. The second bound is for datagrams of local programs, which are logged whole.
+    static constexpr std::size_t MaxLines = 8192;
+    static constexpr std::size_t MaxBytes = 2 * 1024 * 1024;
+    /// What the end of the process, an abnormal one included, waits for the lines that are still queued.
+    static constexpr std::chrono::milliseconds EndPatience{100};
+
+    /// Starts writing to the descriptor, which stays the caller's.
+    explicit LogWriter(int descriptor);
+    /// Writes what waits and ends the thread; waits as long as that takes.
+    ~LogWriter();
+    LogWriter(const LogWriter&) = delete;
+    LogWriter& operator=(const LogWriter&) = delete;
+
+    /// Queues a line, its line end included. Any thread; never waits.
+    void add(QByteArray line);
+
+    /// Waits until all lines that were added before have been written, for `bound` at most. @return whether they have.
+    bool flush(std::chrono::milliseconds bound);
+
+    /// From now on all messages of Qt's logging go to descriptor 2 this way. Call it first in `main`: it also opens
+    /// /dev/null in the place of standard descriptors that are closed, lest a socket become the log. The writer lives
+    /// until the process has ended.
+    static void install();
+    /// flush() of the installed writer, for the end of the process.
+    static void flushInstalled();
+
+    /// The line of a message, as Qt's own handler writes it to the standard error stream with the pattern
+    /// "%{time yyyyMMdd hh:mm:ss.zzz} - %{message}": local time, the text in the locale's encoding up to its first zero
+    /// byte, a line feed. Takes no lock that other threads share, but for the first line of a minute.
+    static QByteArray lineOf(const QString& message, qint64 msSinceEpoch);
+
+private:
+    class Thread final : public QThread
+    {
+    public:
+        explicit Thread(LogWriter& writer)
+            : m_writer(writer)
+        {}
+        void run() override { m_writer.run(); }
+
+    private:
+        LogWriter& m_writer;
+    };
+
+    void run();
+    bool takeBatch();
+    void writeBatch();
+    void reportLost(std::size_t count);
+    void sleepUntilWoken();
+
+    const int m_descriptor;
+    LineQueue m_queue{MaxLines};
+    std::atomic<std::size_t> m_queuedBytes{0};
+    std::atomic<std::size_t> m_lost{0};    ///< refused since the last line that was queued
+    std::atomic<std::size_t> m_written{0}; ///< of the queue's lines
+    std::atomic<bool> m_isAsleep{false};
+    std::atomic<bool> m_isEnding{false};
+    QSemaphore m_wake;
+    QByteArray m_batch;           ///< lines that are written with one system call; the writing thread's
+    std::size_t m_batchLines = 0; ///< of the queue
+    Thread m_thread{*this};
+};
