@@ -1,17 +1,18 @@
 #include "textfile.h"
 
+#include "regularfile.h"
+
 #include <QFile>
 #include <QSaveFile>
 
 bool readTextFile(const QString& path, QByteArray& content, QString& error)
 {
     content.clear();
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        error = file.errorString();
+    QFile file;
+    if (openRegularFile(path, file, error) != FileOpening::Opened) {
         return false;
     }
-    // One byte more than allowed tells "too large" also for files that do not know their size (devices, /proc).
+    // One byte more than allowed tells "too large" also for files that do not know their size (those of /proc).
     content = file.read(MaxTextFileBytes + 1);
     if (file.error() != QFileDevice::NoError) {
         error = file.errorString();

@@ -12,8 +12,8 @@
 constexpr int MaxTextFileBytes = 4 * 1024 * 1024;
 
 /// Reads the whole file, bytes as they are.
-/// @return false, with `content` empty and the reason in `error`, when the file cannot be opened or read or when it has
-///         more than MaxTextFileBytes.
+/// @return false, with `content` empty and the reason in `error`, when it is no regular file, cannot be opened or read,
+///         or has more than MaxTextFileBytes.
 bool readTextFile(const QString& path, QByteArray& content, QString& error);
 
 /// Cuts a text after every line feed. Each line keeps its line feed; a last line without one counts as a line.

@@ -5,6 +5,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/stat.h>
+
 class TestTextFile : public QObject
 {
     Q_OBJECT
@@ -17,6 +19,7 @@ private slots:
     void readsBytesAsTheyAre();
     void refusesWhatCannotBeRead_data();
     void refusesWhatCannotBeRead();
+    void aPipeIsRefusedAtOnce();
     void readsUpToTheBound();
     void replaceCreatesAMissingFile();
     void replaceFailsWithoutItsFolder();
@@ -72,7 +75,9 @@ void TestTextFile::refusesWhatCannotBeRead_data()
     QTest::newRow("missing file") << "/absent/x.csv"
                                   << "No such file or directory";
     QTest::newRow("endless device") << "/dev/zero"
-                                    << "File has more than 4194304 bytes";
+                                    << "Not a regular file";
+    QTest::newRow("folder") << "/"
+                            << "Not a regular file";
     QTest::newRow("memory that must not be read") << "/proc/self/mem"
                                                   << "Input/output error";
 }
@@ -86,6 +91,16 @@ void TestTextFile::refusesWhatCannotBeRead()
     QVERIFY(!readTextFile(path, content, error));
     QCOMPARE(content, QByteArray());
     QCOMPARE(error, reason);
+}
+
+// Nobody writes into it: opening it in the usual way would wait for ever.
+void TestTextFile::aPipeIsRefusedAtOnce()
+{
+    QCOMPARE(mkfifo(QFile::encodeName(path("pipe")).constData(), S_IRUSR | S_IWUSR), 0);
+    QByteArray content;
+    QString error;
+    QVERIFY(!readTextFile(path("pipe"), content, error));
+    QCOMPARE(error, QString("Not a regular file"));
 }
 
 void TestTextFile::readsUpToTheBound()

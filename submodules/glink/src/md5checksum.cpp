@@ -1,10 +1,15 @@
 #include "md5checksum.h"
 
+#include "regularfile.h"
+
 #include <QCryptographicHash>
+#include <QDebug>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QThread>
+
+#include <algorithm>
 
 namespace {
 
@@ -18,17 +23,41 @@ bool isLeftOut(const QString& name, const QString& path)
            path.contains(QLatin1String("/."));
 }
 
+void logRefusal(const QString& path, const QString& reason)
+{
+    qWarning() << "Md5Checksum: Refused to read" << path << "-" << qPrintable(reason);
+}
+
+/// Opens one of the listed entries. Folders and unreadable files are passed over in silence.
+bool openListed(const QString& path, QFile& file)
+{
+    QString error;
+    const FileOpening opening = openRegularFile(path, file, error);
+    if (opening == FileOpening::NotRegular && !QFileInfo(path).isDir()) {
+        logRefusal(path, error);
+    }
+    if (opening == FileOpening::Opened && file.size() > Md5Checksum::MaxFileBytes) {
+        logRefusal(path, QStringLiteral("More than %1 bytes").arg(Md5Checksum::MaxFileBytes));
+        return false;
+    }
+    return opening == FileOpening::Opened;
+}
+
 void addFile(const QString& path, QCryptographicHash& hash)
 {
-    QFile file(path);
-    // Only regular files end: a pipe or a device behind a symbolic link would hold the reader for ever.
-    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly)) {
+    QFile file;
+    if (!openListed(path, file)) {
         return;
     }
-    QByteArray chunk = file.read(ChunkBytes);
-    while (!chunk.isEmpty() && !QThread::currentThread()->isInterruptionRequested()) {
+    // A file that grows while it is read is read as far as it reached at first: the end need never come nearer.
+    qint64 left = file.size();
+    while (left > 0 && !QThread::currentThread()->isInterruptionRequested()) {
+        const QByteArray chunk = file.read(std::min(left, ChunkBytes));
+        if (chunk.isEmpty()) {
+            return;
+        }
         hash.addData(chunk);
-        chunk = file.read(ChunkBytes);
+        left -= chunk.size();
     }
 }
 

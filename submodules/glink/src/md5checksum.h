@@ -20,8 +20,12 @@ class Md5Checksum
 public:
     static constexpr int Size = 16; ///< bytes of a digest
 
-    /// Puts the digest of the folder `path` into `result`. Files that cannot be read are silently skipped; a missing
-    /// folder gives the digest of no data.
+    /// A file that claims more is left out with a log line: nothing of that size is installed on purpose, and to read
+    /// it would keep every unit that wants to join waiting.
+    static constexpr qint64 MaxFileBytes = 4LL * 1024 * 1024 * 1024;
+
+    /// Puts the digest of the folder `path` into `result`. Files that cannot be read are silently skipped; what is
+    /// neither a regular file nor a folder is skipped with a log line; a missing folder gives the digest of no data.
     static void getChecksum(QByteArray& result, QString path);
 
     /// Feeds the folder's contents to `hash`.

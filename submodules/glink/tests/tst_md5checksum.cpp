@@ -36,6 +36,7 @@ private slots:
     void aMissingFolderHasTheDigestOfNothing();
     void aPathWithDotsIsTheCleanPath();
     void whatCannotBeReadToAnEndIsSkipped();
+    void aFileTooLargeToBeOneIsSkipped();
     void anInterruptedThreadStopsHashing();
 
 private:
@@ -196,6 +197,24 @@ void TestMd5Checksum::whatCannotBeReadToAnEndIsSkipped()
     QVERIFY(QFile::link("/dev/zero", m_app + "/linktodevice"));
     QVERIFY(QFile::link(m_app + "/nowhere", m_app + "/dangling"));
     QVERIFY(QFile::link(m_app, m_app + "/itself"));
+    for (const char* name : {"linktodevice", "linktopipe"}) {
+        QTest::ignoreMessage(QtWarningMsg, qPrintable("Md5Checksum: Refused to read \"" + m_app + '/' + name +
+                                                      "\" - Not a regular file"));
+    }
+
+    QCOMPARE(digest(), QByteArray(Md5OfAbc));
+}
+
+void TestMd5Checksum::aFileTooLargeToBeOneIsSkipped()
+{
+    write("1", "abc");
+    QFile endless(m_app + "/2");
+    QVERIFY(endless.open(QIODevice::WriteOnly));
+    if (!endless.resize(64LL * 1024 * 1024 * 1024)) { // holes, no blocks
+        QSKIP("the file system of the test has no files of that size");
+    }
+    QTest::ignoreMessage(QtWarningMsg,
+                         qPrintable("Md5Checksum: Refused to read \"" + m_app + "/2\" - More than 4294967296 bytes"));
 
     QCOMPARE(digest(), QByteArray(Md5OfAbc));
 }

@@ -1,6 +1,9 @@
 #include "applicationmanifest.h"
 
+#include "regularfile.h"
+
 #include <QCoreApplication>
+#include <QDebug>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -70,8 +73,13 @@ QStringList find(const QString& rootPath)
 
 std::optional<Entries> read(const QString& manifestPath)
 {
-    QFile file(manifestPath);
-    if (!QFileInfo(manifestPath).isFile() || !file.open(QIODevice::ReadOnly)) {
+    QFile file;
+    QString error;
+    const FileOpening opening = openRegularFile(manifestPath, file, error);
+    if (opening == FileOpening::NotRegular) {
+        qWarning() << "Refused to read the manifest" << manifestPath << "-" << qPrintable(error);
+    }
+    if (opening != FileOpening::Opened) {
         return std::nullopt;
     }
     Entries entries;

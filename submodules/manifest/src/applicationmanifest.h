@@ -35,7 +35,7 @@ QStringList find(const QString& rootPath);
 
 /// Reads one manifest from the disk. Lines that do not have exactly two parts are ignored; of a repeated key the last
 /// line counts. Text is UTF-8; what lies beyond the first `MaxBytes` is not read.
-/// @return nothing when the file cannot be read.
+/// @return nothing when the file cannot be read; when it is no regular file, with a log line.
 std::optional<Entries> read(const QString& manifestPath);
 
 /// Upper bound of what `read` takes from one file. A manifest has a handful of short lines.

@@ -5,6 +5,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/stat.h>
+
 using Entries = ApplicationManifest::Entries;
 
 class TestApplicationManifest : public QObject
@@ -17,6 +19,7 @@ private slots:
     void linesOfExactlyTwoPartsCount_data();
     void linesOfExactlyTwoPartsCount();
     void aFileThatCannotBeReadGivesNothing();
+    void aPipeInItsPlaceIsRefusedAtOnce();
     void onlyTheFirstBytesOfAHugeFileAreRead();
     void onlyTheExactFileNameIsFound();
     void theOrderIsTheSortedOne();
@@ -86,6 +89,16 @@ void TestApplicationManifest::aFileThatCannotBeReadGivesNothing()
     QVERIFY(QFile::link(m_root + "/nowhere", m_root + "/manifest.csv"));
     QVERIFY(!ApplicationManifest::read(m_root + "/manifest.csv").has_value());
     QVERIFY(!ApplicationManifest::read(m_root).has_value());
+}
+
+void TestApplicationManifest::aPipeInItsPlaceIsRefusedAtOnce()
+{
+    const QString pipe = m_root + "/manifest.csv";
+    QCOMPARE(mkfifo(QFile::encodeName(pipe).constData(), S_IRUSR | S_IWUSR), 0);
+    QTest::ignoreMessage(QtWarningMsg,
+                         qPrintable("Refused to read the manifest \"" + pipe + "\" - Not a regular file"));
+
+    QVERIFY(!ApplicationManifest::read(pipe));
 }
 
 void TestApplicationManifest::onlyTheFirstBytesOfAHugeFileAreRead()

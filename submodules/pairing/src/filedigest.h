@@ -25,14 +25,19 @@ public:
     static QString of(const QString& path);
 
 signals:
-    /// The digest as lower-case hexadecimal text. A file that cannot be read counts as an empty one.
+    /// The digest as lower-case hexadecimal text. A file that cannot be read counts as an empty
+    /// one, and so does what is no regular file (logged). What is appended meanwhile does not count.
     void finished(QString digest);
 
 private slots:
     void hashSlice();
 
 private:
+    bool addSlice();
+
+    const QString m_path;
     QFile m_file;
+    qint64 m_left = 0; ///< bytes still to be read
     QCryptographicHash m_hash{QCryptographicHash::Md5};
     QTimer m_nextSlice;
 };

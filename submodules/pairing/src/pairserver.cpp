@@ -6,6 +6,7 @@
 #include "filetransfer.h"
 #include "pairarchive.h"
 #include "pairingkeys.h"
+#include "regularfile.h"
 #include "tag.h"
 #include "tagdatabase.h"
 #include "temporaryarchive.h"
@@ -301,8 +302,9 @@ void PairServer::sendAppStartTransfer(QString fileName, QString absolutePath)
     qDebug() << "Attempting to send app metadata";
     m_applicationFileHandle = std::make_unique<TemporaryArchive>(absolutePath);
     m_applicationAbsolutePath = absolutePath;
-    if (!m_applicationFileHandle->open(QIODevice::ReadOnly)) {
-        qWarning() << "pairserver: No archive" << absolutePath << m_applicationFileHandle->errorString();
+    QString error;
+    if (openRegularFile(absolutePath, *m_applicationFileHandle, error) != FileOpening::Opened) {
+        qWarning() << "pairserver: No archive" << absolutePath << error;
         m_applicationFileHandle.reset();
         return;
     }

@@ -14,6 +14,11 @@ public:
     explicit TemporaryArchive(const QString& path);
     ~TemporaryArchive() override;
 
+    /// The path, also while the file is open under a descriptor that knows none.
+    QString fileName() const override { return m_path; }
+
 private:
     bool isStillInPlace() const;
+
+    const QString m_path;
 };

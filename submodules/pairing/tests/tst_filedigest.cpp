@@ -4,6 +4,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/stat.h>
+
 class TestFileDigest : public QObject
 {
     Q_OBJECT
@@ -12,6 +14,7 @@ private slots:
     void digestOfContent_data();
     void digestOfContent();
     void missingFileCountsAsEmpty();
+    void pipeCountsAsEmptyAndIsNotWaitedFor();
     void smallFileIsDoneAtOnce();
     void largeFileLeavesTheEventLoopItsTurns();
 
@@ -65,6 +68,16 @@ void TestFileDigest::missingFileCountsAsEmpty()
     QCOMPARE(finished.first().first().toString(), QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
     QCOMPARE(FileDigest::of(m_folder.filePath(QStringLiteral("missing"))),
              QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
+}
+
+void TestFileDigest::pipeCountsAsEmptyAndIsNotWaitedFor()
+{
+    const QString path = m_folder.filePath(QStringLiteral("pipe"));
+    QCOMPARE(mkfifo(QFile::encodeName(path).constData(), S_IRUSR | S_IWUSR), 0);
+    QTest::ignoreMessage(
+        QtWarningMsg, qPrintable(QStringLiteral("pairarchive: Refused to read \"%1\" - Not a regular file").arg(path)));
+
+    QCOMPARE(FileDigest::of(path), QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
 }
 
 void TestFileDigest::smallFileIsDoneAtOnce()
