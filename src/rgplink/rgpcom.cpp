@@ -43,9 +43,6 @@ constexpr int ProcessDataShift = 2;
 
 constexpr unsigned long FallbackThreadJoinMs = 1000;
 
-/// How long the first INIT holds up the main thread, at most, when it comes before the list of checksums.
-constexpr auto ChecksumPatience = 100ms;
-
 QString addressOf(const GLinkConnection* connection)
 {
     return QString::asprintf("0x%8p", static_cast<const void*>(connection));
@@ -323,7 +320,7 @@ void RGPCom::handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel
         qDebug() << "No glink connection, GLINK_MSG_ID_INITACK RU" << init.remoteId;
         return;
     }
-    if (channel != nullptr && mustAwaitChecksums()) {
+    if (channel != nullptr && belongsHere(init) && mustAwaitChecksums()) {
         decideLater(init, channel);
         return;
     }
@@ -340,15 +337,10 @@ void RGPCom::handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel
     }
 }
 
-/// The main thread also opens the relay. It does not wait for a large application to be hashed; one of usual size is
-/// done in no time.
-bool RGPCom::mustAwaitChecksums()
+/// The main thread hears the machine stops of all units. It does not wait for an application to be hashed.
+bool RGPCom::mustAwaitChecksums() const
 {
-    if (!m_orderedList.valid()) {
-        return false;
-    }
-    const auto patience = std::exchange(m_hasAwaitedChecksums, true) ? 0ms : ChecksumPatience;
-    return m_orderedList.wait_for(patience) != std::future_status::ready;
+    return m_orderedList.valid() && m_orderedList.wait_for(0ms) != std::future_status::ready;
 }
 
 void RGPCom::decideLater(const GLinkInitMsg& init, GLinkTransportBase* channel)
@@ -361,13 +353,20 @@ void RGPCom::decideLater(const GLinkInitMsg& init, GLinkTransportBase* channel)
     ApplicationChecksums::whenReady(m_orderedList, this, decide);
 }
 
+bool RGPCom::belongsHere(const GLinkInitMsg& init) const
+{
+    return isRuPaired(init.remoteId) && isBuId(init.baseId);
+}
+
 GLinkInitAck RGPCom::verdictOn(const GLinkInitMsg& init)
 {
-    if (!isRuPaired(init.remoteId) || !isBuId(init.baseId)) {
+    if (!belongsHere(init)) {
         return {INIT_NOT_PAIRED, "This RU is not paired to this BU."};
     }
+    takeOrderedList();
     QByteArray checksum;
-    if (getAppChecksum(checksum) && checksum != init.checksum()) {
+    if (ApplicationChecksums::findPublished(ApplicationManifest::root(), m_checksumList, checksum) &&
+        checksum != init.checksum()) {
         return {INIT_CHECKSUM_MISMATCH, "Application SW checksum mismatch."};
     }
     return {INIT_ACCEPTED, QByteArray()};
@@ -403,11 +402,16 @@ bool RGPCom::isBuId(quint16 id) const
 
 bool RGPCom::getAppChecksum(QByteArray& result)
 {
+    takeOrderedList();
+    return ApplicationChecksums::find(ApplicationManifest::root(), m_checksumList, result);
+}
+
+void RGPCom::takeOrderedList()
+{
     if (m_orderedList.valid()) {
         m_checksumList = ApplicationChecksums::waitFor(m_orderedList);
         m_orderedList = {};
     }
-    return ApplicationChecksums::find(ApplicationManifest::root(), m_checksumList, result);
 }
 
 void RGPCom::populateChecksumList()

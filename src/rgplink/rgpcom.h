@@ -82,8 +82,9 @@ public:
     bool isRuPaired(quint16 ruId) const;
     bool isBuId(quint16 id) const;
 
-    /// Looks for the remote units' application and its digest in the last complete list. Waits for the first list;
-    /// later ones replace it when they are complete (see configChanged).
+    /// Looks for the remote units' application on the disk, and for its digest in the last complete list. Waits for the
+    /// first list; later ones replace it when they are complete (see configChanged). The hub itself judges by what was
+    /// found when a list was last made, and waits for nothing.
     /// @return false, `result` untouched, when no application for remote units is installed.
     bool getAppChecksum(QByteArray& result);
     /// Orders the list, which is made in the background.
@@ -147,7 +148,9 @@ private:
 
     void insertConnection(quint16 remoteId, GLinkConnection* connection);
     void handleMachineStop(quint16 remoteId);
-    bool mustAwaitChecksums();
+    bool belongsHere(const GLinkInitMsg& init) const;
+    bool mustAwaitChecksums() const;
+    void takeOrderedList();
     void decideLater(const GLinkInitMsg& init, GLinkTransportBase* channel);
     GLinkInitAck verdictOn(const GLinkInitMsg& init);
     void sendKeptPeriodicData(GLinkConnection* connection);
@@ -165,7 +168,6 @@ private:
     AppLog* const m_log = nullptr;
     ApplicationChecksumList m_checksumList;
     std::shared_future<ApplicationChecksumList> m_orderedList; ///< valid until the first list has been taken
-    bool m_hasAwaitedChecksums = false;
     quint16 m_lastReportedErrorRU = 0; ///< a unit that retries every few seconds is reported once
     QPointer<QThread> m_fallbackThread;
 };

@@ -21,10 +21,16 @@ constexpr char NotPaired[] = "This RU is not paired to this BU.";
 /// A hub with one unit on a TCP link. INIT has not been sent.
 struct Hub
 {
-    explicit Hub(BaseUnit& unit)
+    enum Checksums { Complete, Ordered }; ///< whether the hub's first list of checksums is awaited
+
+    explicit Hub(BaseUnit& unit, Checksums checksums = Complete)
         : hub(&unit.tags, unit.configuration.data(), nullptr)
     {
         hub.addGLink(Unit, &link);
+        if (checksums == Complete) {
+            QByteArray result;
+            hub.getAppChecksum(result);
+        }
     }
 
     /// The unit introduces itself, as `id`, and acknowledges the answer.

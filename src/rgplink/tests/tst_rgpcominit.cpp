@@ -163,7 +163,7 @@ void TestRGPComInit::firstInitDoesNotWaitForALargeApplication()
 {
     const QByteArray checksum = m_unit->installLargeApplication();
     const quint64 hashed = ApplicationChecksums::hashCount();
-    Hub h(*m_unit);
+    Hub h(*m_unit, Hub::Ordered);
     for (int i = 0; i < 3; ++i) {
         h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, checksum), &h.link);
     }

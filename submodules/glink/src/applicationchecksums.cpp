@@ -97,9 +97,17 @@ public:
     std::shared_future<ApplicationChecksumList> order(const QString& root);
     void whenReady(const std::shared_future<ApplicationChecksumList>& list, QObject* context,
                    const std::function<void(const ApplicationChecksumList&)>& onReady);
+    /// The folder of the first application that the last list found below `root`; empty when there was none.
+    QString firstApplication(const QString& root) const;
+    bool stop(std::chrono::milliseconds limit);
     quint64 hashCount() const { return m_hashCount; }
 
 private:
+    struct Discovery
+    {
+        QString root;
+        QString firstApplication;
+    };
     struct Digest
     {
         QByteArray fingerprint;
@@ -120,6 +128,7 @@ private:
 
     QThreadPool m_pool;
     std::shared_ptr<Job> m_latest; ///< swapped atomically; requesters may be in several threads
+    std::shared_ptr<const Discovery> m_discovery{std::make_shared<const Discovery>()}; ///< swapped atomically
     std::atomic<QThread*> m_servingThread{nullptr};
     std::atomic<bool> m_isClosing{false};
     std::atomic<quint64> m_hashCount{0};
@@ -159,14 +168,26 @@ void Workshop::whenReady(const std::shared_future<ApplicationChecksumList>& list
     });
 }
 
-void Workshop::close()
+bool Workshop::stop(std::chrono::milliseconds limit)
 {
     m_isClosing = true;
     if (QThread* const thread = m_servingThread) {
         thread->requestInterruption();
     }
-    m_pool.waitForDone();
-    m_isClosing = false;
+    const bool hasStopped = m_pool.waitForDone(static_cast<int>(limit.count()));
+    m_isClosing = !hasStopped;
+    return hasStopped;
+}
+
+void Workshop::close()
+{
+    stop(std::chrono::milliseconds(-1)); // however long it takes; who may not wait has called stop() before
+}
+
+QString Workshop::firstApplication(const QString& root) const
+{
+    const std::shared_ptr<const Discovery> discovery = std::atomic_load(&m_discovery);
+    return discovery->root == root ? discovery->firstApplication : QString();
 }
 
 void Workshop::serve(Job& job)
@@ -182,6 +203,7 @@ ApplicationChecksumList Workshop::listOf(const QString& root)
 {
     ApplicationChecksumList list;
     const QStringList directories = m_manifests.remoteUnitUserApplications(root);
+    std::atomic_store(&m_discovery, std::make_shared<const Discovery>(Discovery{root, directories.value(0)}));
     for (const QString& directory : directories) {
         if (!m_isClosing) {
             list.insert(directory, digestOf(directory));
@@ -243,6 +265,21 @@ bool find(const QString& rootPath, const ApplicationChecksumList& list, QByteArr
     }
     result = list.value(directories.first());
     return true;
+}
+
+bool findPublished(const QString& rootPath, const ApplicationChecksumList& list, QByteArray& result)
+{
+    const QString directory = Workshop::instance().firstApplication(rootPath);
+    if (directory.isEmpty()) {
+        return false;
+    }
+    result = list.value(directory);
+    return true;
+}
+
+bool stop(std::chrono::milliseconds limit)
+{
+    return Workshop::instance().stop(limit);
 }
 
 void setSettlingTime(std::chrono::milliseconds time)

@@ -43,6 +43,14 @@ ApplicationChecksumList waitFor(const std::shared_future<ApplicationChecksumList
 /// @return false, `result` untouched, when none is installed.
 bool find(const QString& rootPath, const ApplicationChecksumList& list, QByteArray& result);
 
+/// The same from what was found when the last list of anybody was made for `rootPath`: looks at no disk and waits for
+/// nobody. Before the first such list none is installed.
+bool findPublished(const QString& rootPath, const ApplicationChecksumList& list, QByteArray& result);
+
+/// Breaks off what is being hashed and waits until the thread has ended, for the end of the process.
+/// @return false when the thread has not ended in time: a disk does not answer, and waiting on would not help.
+bool stop(std::chrono::milliseconds limit);
+
 /// For how long after its last change an application is hashed anew for every list; 2 s. For tests.
 void setSettlingTime(std::chrono::milliseconds time);
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <utility>
 
 namespace {
@@ -192,9 +193,22 @@ bool GLinkTransportBase::handleInitMsg()
     m_rxPeerId = init.remoteId;
     restartExchange(init.remoteId);
 
-    QByteArray checksum;
-    const bool isChecksumGood = !getAppChecksum(checksum) || checksum == init.checksum();
-    return isChecksumGood && isBuId(init.baseId) && isRuPaired(init.remoteId);
+    return agreesWithApplication(init.checksum()) && isBuId(init.baseId) && isRuPaired(init.remoteId);
+}
+
+/// From what is known at this moment. Behind the INIT there may be a machine stop, and what is in the way of the list
+/// must not be in the way of that.
+bool GLinkTransportBase::agreesWithApplication(const QByteArray& checksum)
+{
+    if (m_orderedList.valid()) {
+        if (m_orderedList.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+            return false;
+        }
+        m_checksumList = m_orderedList.get();
+        m_orderedList = {};
+    }
+    QByteArray expected;
+    return !ApplicationChecksums::findPublished(m_applicationsRoot, m_checksumList, expected) || expected == checksum;
 }
 
 quint64 GLinkTransportBase::nextIntroduction()

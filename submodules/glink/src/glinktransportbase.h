@@ -33,7 +33,8 @@ public:
 
     /// A received INIT, in `m_payloadData`. Takes the sender's id over as both peer ids and starts the exchange anew,
     /// see restartExchange().
-    /// @return whether pairing, base id and application checksum agree. For information only: the hub decides.
+    /// @return whether pairing, base id and application checksum agree as far as is known; a list of checksums that is
+    ///         not complete yet agrees with nothing. For information only: the hub decides. Waits for nothing.
     virtual bool handleInitMsg();
 
     /// A received acknowledgement, in `m_rxHeader`. One that nobody waits for changes nothing.
@@ -86,7 +87,7 @@ public:
     bool isBuId(quint16 id) const;
 
     /// Looks for the remote units' application and for its digest in the list that was made before. Walks the disk, and
-    /// waits for the list if it is still being made: not for the main thread.
+    /// waits for the list if it is still being made: not for a thread that remote units are served by.
     /// @param result  the 16-byte MD5; empty, which never matches, for an application that the list does not have.
     /// @return false, `result` untouched, when no application for remote units is installed.
     bool getAppChecksum(QByteArray& result);
@@ -164,6 +165,7 @@ protected:
 private:
     int unconsumed() const { return m_incomingData.size() - m_consumed; }
     bool fill(QByteArray& piece, int size);
+    bool agreesWithApplication(const QByteArray& checksum);
     bool assembleFrame();
     void dropConsumed();
     void clearFrame();

@@ -58,6 +58,7 @@ private slots:
     void theVerdictNeedsTheChecksumOfAnInstalledApplication_data();
     void theVerdictNeedsTheChecksumOfAnInstalledApplication();
     void anApplicationThatWasNeverHashedNeverMatches();
+    void theVerdictWaitsForNoList();
     void applicationsForOthersAreNotCompared();
     void theFirstApplicationCounts();
     void aListOrderedInTheBackgroundIsWaitedFor();
@@ -416,8 +417,28 @@ void TestGLinkTransportBase::anApplicationThatWasNeverHashedNeverMatches()
 
     QVERIFY(transport.getAppChecksum(sum));
     QVERIFY(sum.isEmpty());
+    ApplicationChecksums::request(m_dir->path() + "/apps").wait(); // of somebody else
     transport.receive(Frames::init());
     QVERIFY(!transport.lastVerdict);
+}
+
+// Behind an INIT there may be a machine stop.
+void TestGLinkTransportBase::theVerdictWaitsForNoList()
+{
+    installApplication("app", QByteArray());
+    QFile large(m_dir->path() + "/apps/app/large");
+    QVERIFY(large.open(QIODevice::WriteOnly) && large.resize(1024LL * 1024 * 1024));
+    RecordingTransport transport(m_config.data(), m_tags.data());
+    const quint64 hashed = ApplicationChecksums::hashCount();
+    transport.requestChecksumList();
+
+    transport.receive(Frames::init());
+
+    QVERIFY(!transport.lastVerdict);
+    QCOMPARE(ApplicationChecksums::hashCount(), hashed); // the list is still being made
+    QVERIFY(large.resize(0));
+    QByteArray sum;
+    QVERIFY(transport.getAppChecksum(sum)); // leaves nothing behind for the next test
 }
 
 void TestGLinkTransportBase::applicationsForOthersAreNotCompared()
