@@ -1,9 +1,11 @@
 #include "tessaroserver.h"
 
 #include "apiserver.h"
+#include "applicationchecksums.h"
 #include "cfallback_service_c.h"
 #include "configuration.h"
 #include "configuration_service.h"
+#include "configurationreload.h"
 #include "eglink.h"
 #include "fb_cmd_service.h"
 #include "fb_periodic_service.h"
@@ -21,6 +23,7 @@
 #include <QHostAddress>
 #include <QThread>
 
+#include <chrono>
 #include <cstdlib>
 
 namespace {
@@ -98,14 +101,13 @@ TessaroServer::TessaroServer(QObject* parent)
     msRelayControl = new MsRelayControl(this);
     tagDatabase = new TagDatabase(this);
     tagDatabase->prePopulate();
-    myConfiguration = new Configuration(this);
+    createFileThread();
     createApiServer();
     rgpCom = new RGPCom(tagDatabase, myConfiguration, this);
     connectTagUpdates(BuIdentityTag, SLOT(initializeRgpCom(QVariant)));
     connectTagUpdates(BuStateTag, SLOT(buStateChanged(QVariant)));
     createServiceLayer();
-    pairServer = new PairServer(myConfiguration, tagDatabase, this);
-    /* W15 */ connect(pairServer, &PairServer::pairingComplete, rgpCom, &RGPCom::configChanged);
+    inFileThread([this] { createPairServer(); });
 }
 
 TessaroServer::~TessaroServer()
@@ -114,7 +116,6 @@ TessaroServer::~TessaroServer()
     msRelayControl->openForShutdown();
 
     // The producers of the main thread's work end before what they work on.
-    delete pairServer;
     if (!joinThreads()) {
         // Nothing may be released under a thread that still runs, neither here nor by the C library at its exit.
         LogWriter::flushInstalled();
@@ -124,6 +125,44 @@ TessaroServer::~TessaroServer()
     delete myConfiguration;
     delete tagDatabase;
     delete msRelayControl;
+}
+
+/// Once the start is over, nothing that waits for a disk is done in any other thread of ours. Whatever holds this one
+/// up holds up configuration and pairing, and nobody else.
+void TessaroServer::createFileThread()
+{
+    m_fileThread = new QThread;
+    m_fileThread->setObjectName(QStringLiteral("files"));
+    m_fileWork = new QObject;
+    m_fileWork->moveToThread(m_fileThread);
+    connect(m_fileThread, &QThread::finished, m_fileWork, &QObject::deleteLater);
+    m_fileThread->start(QThread::InheritPriority);
+    inFileThread([this] { createConfiguration(); });
+    myConfiguration->setParent(this);
+}
+
+/// Runs in the file thread. The rows that are loaded here are freed here, after a reload: a large configuration that
+/// the main thread had allocated would keep the main thread's heap locked meanwhile.
+void TessaroServer::createConfiguration()
+{
+    myConfiguration = new Configuration(nullptr);
+    myConfiguration->writeFilesIn(m_fileWork);
+    m_reload = new ConfigurationReload(myConfiguration, ConfigurationReload::Rest, m_fileWork);
+    myConfiguration->moveToThread(thread());
+}
+
+/// Runs in the file thread, where the server lives with its sockets.
+void TessaroServer::createPairServer()
+{
+    pairServer = new PairServer(myConfiguration, tagDatabase, m_fileWork);
+    /* W15 */ connect(pairServer, &PairServer::pairingComplete, rgpCom, &RGPCom::configChanged);
+}
+
+/// For the start: the main thread waits.
+template<typename Step>
+void TessaroServer::inFileThread(Step step)
+{
+    QMetaObject::invokeMethod(m_fileWork, step, Qt::BlockingQueuedConnection);
 }
 
 void TessaroServer::createApiServer()
@@ -188,14 +227,17 @@ void TessaroServer::connectComponents()
                       SLOT(receivePeriodicFromECLink(QByteArray)));
     /* W6  */ connect(fbCmdService, SIGNAL(sendCmdToRGPCom(QByteArray)), rgpCom, SLOT(sendCmd(QByteArray)));
     /* W7  */ connect(rgpCom, SIGNAL(readyReadCmdFromRGP(QByteArray)), fbCmdService, SLOT(sendCmd(QByteArray)));
-    /* W8  */ connect(apiServer, &APIServer::configChangeMsgReceived, eventService, &SystemEventService::configChanged);
-    /* W9  */ connect(apiServer, &APIServer::configChangeMsgReceived, rgpCom, &RGPCom::configChanged);
+    // Direct: however many requests come, they wake the file thread alone, and at its own pace.
+    /* W8  */ connect(apiServer, &APIServer::configChangeMsgReceived, m_reload, &ConfigurationReload::request,
+                      Qt::DirectConnection);
+    connect(m_reload, &ConfigurationReload::reloaded, eventService, &SystemEventService::sendReconfig);
+    /* W9  */ connect(m_reload, &ConfigurationReload::reloaded, rgpCom, &RGPCom::configChanged);
     /* W10 */ connect(apiServer, &APIServer::ruDisarmMsgReceived, eventService, &SystemEventService::releaseArm);
     /* W11 */ connect(apiServer, &APIServer::egResetMsgReceived, eventService, &SystemEventService::sendECLinkReset);
     /* W12 */ connect(eventService, &SystemEventService::BCConfigChanged, configurationService,
                       &ConfigurationService::readBCConfig);
-    /* W13 */ connect(myConfiguration, &Configuration::configurationChanged, eventService,
-                      &SystemEventService::configChanged);
+    /* W13 */ connect(myConfiguration, &Configuration::configurationChanged, m_reload, &ConfigurationReload::request,
+                      Qt::DirectConnection);
     /* W14 */ connect(myConfiguration, &Configuration::eglinkIpChanged, eventService,
                       &SystemEventService::sendEGReconfig);
 }
@@ -303,7 +345,20 @@ bool TessaroServer::joinThreads()
         delete egLink;
     }
     allEnded = joinThread(m_apiThread, "API") && allEnded;
-    return joinThread(m_serviceThread, "Service layer") && allEnded;
+    // Behind the local interface, which calls into the reload directly.
+    allEnded = joinThread(m_fileThread, "File") && allEnded;
+    allEnded = joinThread(m_serviceThread, "Service layer") && allEnded;
+    return stopChecksums() && allEnded;
+}
+
+bool TessaroServer::stopChecksums()
+{
+    if (!ApplicationChecksums::stop(std::chrono::milliseconds(ThreadJoinTimeoutMs))) {
+        qWarning() << "TessaroServer:"
+                   << "Checksum thread did not end in time.";
+        return false;
+    }
+    return true;
 }
 
 bool TessaroServer::joinThread(QThread* thread, const char* name)

@@ -9,6 +9,7 @@
 class APIServer;
 class CFallbackServiceC;
 class Configuration;
+class ConfigurationReload;
 class ConfigurationService;
 class EGLink;
 class FbCmdService;
@@ -30,7 +31,7 @@ class TransportLayer;
 QString BuStateToString(int state);
 
 /// The root of the object tree: builds every long-lived component in a fixed order, starts the worker threads and makes
-/// every connection between components. Lives in the main thread.
+/// every connection between components. Lives in the main thread; what waits for a disk it puts into the file thread.
 ///
 /// The constructor returns when the internal-link stack is up in its thread and knows its receivers. The destructor
 /// opens the machine-stop relay, asks every worker thread to quit and joins each within ThreadJoinTimeoutMs, then
@@ -62,6 +63,11 @@ public slots:
     void buStateChanged(QVariant buState);
 
 private:
+    void createFileThread();
+    void createConfiguration();
+    void createPairServer();
+    template<typename Step>
+    void inFileThread(Step step);
     void createApiServer();
     void createServiceLayer();
     void bringUpServices();
@@ -70,6 +76,7 @@ private:
     void connectTagUpdates(const QString& tagName, const char* slot);
     void startEgLinkThread();
     bool joinThreads();
+    static bool stopChecksums();
     static bool joinThread(QThread* thread, const char* name);
 
     template<typename Service>
@@ -93,6 +100,10 @@ private:
     GLinkServer* gLinkServer = nullptr; ///< owned and used by the hub alone
     APIServer* apiServer = nullptr;
 
+    ConfigurationReload* m_reload = nullptr;
+    QObject* m_fileWork = nullptr; ///< parent of what lives in the file thread: the reload and the pair server
+
+    QThread* m_fileThread = nullptr;
     QThread* m_apiThread = nullptr;
     QThread* m_serviceThread = nullptr;
     QPointer<QThread> m_egLinkThread; ///< deletes itself when it finishes

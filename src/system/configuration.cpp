@@ -8,12 +8,15 @@
 #include <QHostAddress>
 #include <QNetworkInterface>
 #include <QReadLocker>
+#include <QSet>
 #include <QThread>
 #include <QTimer>
 #include <QWriteLocker>
 
 #include <array>
 #include <chrono>
+#include <limits>
+#include <utility>
 
 namespace {
 
@@ -89,8 +92,9 @@ QString findRemote(const ConfigFile& remotes, unsigned short ruId)
 QString newRemoteKey(const ConfigFile& remotes)
 {
     const QVector<QString> rowKeys = remotes.getAllTags();
+    const QSet<QString> taken(rowKeys.cbegin(), rowKeys.cend());
     unsigned int index = rowKeys.isEmpty() ? 0 : rowKeys.last().toUInt() + 1;
-    while (remotes.keyExists(QString::number(index))) {
+    while (taken.contains(QString::number(index))) {
         ++index;
     }
     return QString::number(index);
@@ -105,7 +109,7 @@ Configuration::Configuration(QObject* parent)
 Configuration::Configuration(const ConfigurationSources& sources, QObject* parent)
     : QObject(parent)
     , m_sources(sources)
-    , m_remotesSnapshot(std::make_shared<const RemoteRows>())
+    , m_remotesSnapshot(std::make_shared<const RemotesSnapshot>())
 {
     reConfig();
     auto* addressCheck = new QTimer(this);
@@ -135,7 +139,7 @@ void Configuration::reConfig()
     if (appRows.contains(EgLinkAddressKey)) {
         appRows[EgLinkAddressKey].insert(ValueColumn, getEGLinkIp());
     }
-    publish(ticket, appRows, remoteRows);
+    publish(ticket, std::move(appRows), std::move(remoteRows));
     // ... and asked once more after it, in case the interface changed meanwhile.
     setAppTag(EgLinkAddressKey, getEGLinkIp());
 }
@@ -144,11 +148,11 @@ RemotesCheck Configuration::checkRemotes()
 {
     const QString path = m_sources.remotesFile;
     RemotesCheck check = checkRemotesConfigFile(path);
-    if (QThread::currentThread() == thread()) {
+    if (QThread::currentThread() == m_writer->thread()) {
         writeRepairedRemotes(path, check);
     } else if (check.repaired) {
         QMetaObject::invokeMethod(
-            this, [path] { validateRemotesConfigFile(path); }, Qt::QueuedConnection);
+            m_writer, [path] { validateRemotesConfigFile(path); }, Qt::QueuedConnection);
     }
     return check;
 }
@@ -181,17 +185,38 @@ void Configuration::populateAppDb(const ConfigFile& file, AppRows& rows)
     }
 }
 
-void Configuration::publish(quint64 ticket, const AppRows& appRows, const RemoteRows& remoteRows)
+QBitArray Configuration::knownIdsOf(const RemoteRows& rows)
 {
-    auto snapshot = std::make_shared<const RemoteRows>(remoteRows);
+    constexpr unsigned int rowNumbers = std::numeric_limits<unsigned short>::max() + 1U;
+    QBitArray known(static_cast<int>(rowNumbers));
+    for (unsigned int row = 0; row < rowNumbers; ++row) {
+        const QByteArray* const cell = findCell(rows, row, RemoteIdColumn);
+        unsigned int id = 0;
+        if (cell == nullptr || !readNumber(*cell, &id)) {
+            break;
+        }
+        if (id < rowNumbers) {
+            known.setBit(static_cast<int>(id));
+        }
+    }
+    return known;
+}
+
+/// The lock is held for a handful of swaps. What they replace, be it large, is released after it: the rows that were
+/// published before the last ones, here at the end, and the last ones by the next reload.
+void Configuration::publish(quint64 ticket, AppRows appRows, RemoteRows remoteRows)
+{
+    std::shared_ptr<const RemotesSnapshot> snapshot =
+        std::make_shared<const RemotesSnapshot>(RemotesSnapshot{remoteRows, knownIdsOf(remoteRows)});
     const QWriteLocker locker(&m_lock);
     if (ticket < m_publishedTicket) {
         return; // a reload that began later, and so read newer files, was faster
     }
     m_publishedTicket = ticket;
-    appConfigParam = appRows;
-    remotesConfigParameters = remoteRows;
-    std::atomic_store(&m_remotesSnapshot, std::move(snapshot));
+    appConfigParam.swap(appRows);
+    remotesConfigParameters.swap(remoteRows);
+    snapshot = std::atomic_exchange(&m_remotesSnapshot, std::move(snapshot));
+    m_replacedSnapshot.swap(snapshot);
 }
 
 QByteArray Configuration::getAppTag(QString key, bool* ok) const
@@ -234,9 +259,15 @@ QByteArray Configuration::getRemoteTag(unsigned short ruId, QString key, bool* o
 bool Configuration::getRemoteTag(unsigned short ruId, QString key, QString column, unsigned int* value) const
 {
     Q_UNUSED(column)
-    const std::shared_ptr<const RemoteRows> rows = std::atomic_load(&m_remotesSnapshot);
-    const QByteArray* cell = findCell(*rows, ruId, key);
+    const std::shared_ptr<const RemotesSnapshot> snapshot = std::atomic_load(&m_remotesSnapshot);
+    const QByteArray* cell = findCell(snapshot->rows, ruId, key);
     return cell != nullptr && readNumber(*cell, value);
+}
+
+bool Configuration::isRemoteKnown(unsigned short ruId) const
+{
+    const std::shared_ptr<const RemotesSnapshot> snapshot = std::atomic_load(&m_remotesSnapshot);
+    return ruId < snapshot->knownIds.size() && snapshot->knownIds.testBit(ruId);
 }
 
 void Configuration::setAppTag(QString key, QByteArray value)

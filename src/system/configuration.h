@@ -2,6 +2,7 @@
 
 #include "remotesconfigfile.h"
 
+#include <QBitArray>
 #include <QByteArray>
 #include <QMap>
 #include <QObject>
@@ -31,13 +32,15 @@ struct ConfigurationSources
 /// keys file. The app row "EGDH" holds the address of the machine-controller interface and is kept current every 2 s.
 ///
 /// Threads. The store lives in the main thread. Lookups and reConfig() may be called from any thread; everything that
-/// rewrites a file (updateRemotePairing, writeToConfigFile, validateRemotesConfigFile) belongs to the main thread.
+/// rewrites a file (updateRemotePairing, writeToConfigFile, validateRemotesConfigFile) belongs to one thread: the
+/// store's own, until writeFilesIn() names another.
 ///  - A reload reads the files into values of its own and publishes the result at once: a lookup sees the old
 ///    configuration or the new one, never a half-filled store. m_lock, the only lock, is held neither while a file is
 ///    read or written nor while the interface is asked for its address.
 ///  - Each reload draws a ticket before it reads. When two overlap, the older reading is dropped if it comes last.
 ///  - Pairing keys cannot be lost to a repair: a reload in a foreign thread that meets a misnumbered remotes file
-///    corrects what it read, in memory, and leaves the file to the main thread by a queued call.
+///    corrects what it read, in memory, and leaves the file to the writing thread by a queued call.
+///  - What a reload replaces is released by the next one: a lookup never has to take a large configuration down.
 class Configuration : public QObject
 {
     Q_OBJECT
@@ -49,7 +52,11 @@ public:
     Configuration(const ConfigurationSources& sources, QObject* parent);
     ~Configuration() override;
 
-    /// Reads all files anew. Any thread. Emits nothing.
+    /// From now on the files are rewritten in the thread of `writer`, which outlives the store's use. Before other
+    /// threads know the store.
+    void writeFilesIn(QObject* writer) { m_writer = writer; }
+
+    /// Reads all files anew, and waits for the disk. Any thread. Emits nothing.
     void reConfig();
 
     /// The "value" cell of an app or keys row; empty with `ok` false when there is no such row.
@@ -74,12 +81,16 @@ public:
     /// compares the numbers of getRemoteTag.
     bool isRemotePaired(unsigned short ruId) const;
 
-    /// Stores a remote unit's pairing key on disk, reloads and emits configurationChanged(). Main thread only.
+    /// Whether one of the rows 0, 1, 2, … of the remotes file, up to the first number that is missing or has no "RUID",
+    /// holds that identity. Takes the same short time however many rows there are.
+    bool isRemoteKnown(unsigned short ruId) const;
+
+    /// Stores a remote unit's pairing key on disk, reloads and emits configurationChanged(). Writing thread only.
     /// @return what writeToConfigFile said.
     bool updateRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
 
     /// Writes the four words of a pairing key into the remote unit's row, which is appended when there is none; the
-    /// store in memory is unchanged. The file is replaced in one step. Main thread only.
+    /// store in memory is unchanged. The file is replaced in one step. Writing thread only.
     /// A remotes file without "RUID" column (a missing one included) is a fatal assertion.
     /// @return false when a column for a word is missing (the others are written) or the file could not be replaced.
     bool writeToConfigFile(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
@@ -104,20 +115,31 @@ private:
     using RemoteRows = QMap<unsigned int, Cells>;
     using AppRows = QMap<QString, Cells>;
 
+    /// The published remote rows for lookups without lock, and the identities that they hold.
+    struct RemotesSnapshot
+    {
+        RemoteRows rows;
+        QBitArray knownIds; ///< see isRemoteKnown(); shorter than any identity that it does not have
+    };
+
     static void populateRemoteDb(const ConfigFile& file, RemoteRows& rows);
     static void populateAppDb(const ConfigFile& file, AppRows& rows);
 
     RemotesCheck checkRemotes();
-    void publish(quint64 ticket, const AppRows& appRows, const RemoteRows& remoteRows);
+    static QBitArray knownIdsOf(const RemoteRows& rows);
+    void publish(quint64 ticket, AppRows appRows, RemoteRows remoteRows);
 
     const ConfigurationSources m_sources;
+    QObject* m_writer = this; ///< its thread rewrites the files
     std::atomic<quint64> m_lastTicket{0};
 
-    mutable QReadWriteLock m_lock; ///< guards the three members below
+    mutable QReadWriteLock m_lock; ///< guards the four members below
     RemoteRows remotesConfigParameters;
     AppRows appConfigParam;
     quint64 m_publishedTicket = 0;
+    /// What the last reload replaced. A lookup without lock may still be reading it, and must not be left its last
+    /// owner.
+    std::shared_ptr<const RemotesSnapshot> m_replacedSnapshot;
 
-    /// The published remote rows once more (sharing their memory), for the lookup without lock. Swapped atomically.
-    std::shared_ptr<const RemoteRows> m_remotesSnapshot;
+    std::shared_ptr<const RemotesSnapshot> m_remotesSnapshot; ///< swapped atomically; shares the memory of the rows
 };

@@ -126,6 +126,11 @@ void SystemEventService::sendEGReconfig()
     sendData(EGRECONFIG);
 }
 
+void SystemEventService::sendReconfig()
+{
+    sendData(RECONFIG);
+}
+
 void SystemEventService::releaseArm()
 {
     sendData(RELEASEARM);
@@ -136,7 +141,7 @@ void SystemEventService::configChanged()
     if (configuration != nullptr) {
         configuration->reConfig();
     }
-    sendData(RECONFIG);
+    sendReconfig();
 }
 
 void SystemEventService::resetAckRecieved()

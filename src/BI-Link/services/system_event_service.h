@@ -60,9 +60,12 @@ public slots:
     void sendReset();
     void sendECLinkReset();
     void sendEGReconfig();
+    /// Tells the base controller to fetch its values anew: the configuration store holds a new configuration.
+    void sendReconfig();
     /// Asks the base controller to disarm the remote unit.
     void releaseArm();
-    /// Reloads the configuration store, then tells the base controller to fetch its values anew.
+    /// Reloads the configuration store, waiting for the disk, then tells the base controller to fetch its values anew.
+    /// The server has that done elsewhere (ConfigurationReload) and only tells, by sendReconfig().
     void configChanged();
 
     /// From the transport layer: the base controller has acknowledged a RESET.

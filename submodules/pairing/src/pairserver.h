@@ -38,8 +38,9 @@ struct PairServerPlace
 /// whole conversation. Only the newest request connection is served; an older one stays open, what it still sends is
 /// thrown away.
 ///
-/// Lives in the main thread and waits neither for a tool nor for tar; it does wait for the disk while it searches for
-/// manifests and writes a pairing. Whatever goes wrong is a log line: there is no answer for a refused request.
+/// Made and used in one thread, the one that rewrites the configuration store's files. Waits neither for a tool nor for
+/// tar; it does wait for the disk, so that this is no thread that a machine's safety depends on. Whatever goes wrong is
+/// a log line: there is no answer for a refused request.
 class PairServer : public QObject
 {
     Q_OBJECT

@@ -238,6 +238,7 @@ void TestSystemEventService::slotsSendOneByte_data()
         row("sendReset", "00", "RESET");
         row("sendECLinkReset", "66", "ECLINKRESET");
         row("sendEGReconfig", "67", "EGRECONFIG");
+        row("sendReconfig", "64", "RECONFIG");
         row("releaseArm", "65", "RELEASEARM");
         row("configChanged", "64", "RECONFIG");
     }

@@ -1,0 +1,176 @@
+"""Files that are large, endless or not files at all: what waits for them waits alone. Machine stops are heard, the status
+record keeps its pace and the internal link stays, whatever a service tool, a local program or a disk is about.
+
+`pytest -s` prints how long the longest machine stop took.
+"""
+
+import os
+import subprocess
+import sys
+
+import pytest
+
+from pairing_support import USER, install, words_of_unit
+from tessarobench import glink, pairwire
+from tessarobench.installation import APP, REMOTES
+from tessarobench.servicetool import ServiceToolError
+
+HEARD = "MsRelayControl::machineStopPressed( void )"
+PROMPT = 0.2  # seconds; the bench's own share on a busy computer is most of it
+BEAT = 0.5    # seconds between two status records
+
+# For three seconds as fast as a program can; tells how many it sent.
+FLOOD = """
+import socket, sys, time
+asking = socket.socket(fileno=int(sys.argv[1]))
+end, sent = time.monotonic() + 3, 0
+while time.monotonic() < end:
+    asking.sendto(b"CCHANGE", ("127.0.0.1", 6250))
+    sent += 1
+print(sent)
+"""
+
+
+def arm(bench, unit_id=1001):
+    """The unit's machine stops count from now on, and open the relay as far as the monitor line tells."""
+    bench.relay.hold_monitor("1")
+    bench.bc.set(bu_state=17, armed_ru=unit_id)
+    bench.wait_for(lambda: bench.api.tag("ARMED_RU") == str(unit_id) and bench.api.tag("BU_STATE") == "17")
+
+
+def heard_after(bench, press, timeout=5.0):
+    """How long it takes from a machine stop's leaving the unit to the decision of the hub."""
+    mark, lines, sent = bench.journal.mark(), len(bench.server.log), bench.journal.now
+    press()
+    bench.server.wait_log(HEARD, timeout, since=lines, whole=True)
+    return next(event.time for event in bench.journal.select("server", "<", "log", since=mark) if event.text == HEARD) - sent
+
+
+def press_until(bench, unit, done, pause=0.05):
+    """Presses again and again until `done`; the times that it took."""
+    times = []
+    while not done() or not times:
+        times.append(heard_after(bench, unit.machine_stop))
+        began = bench.journal.now
+        bench.wait_for(lambda: bench.journal.now - began > pause and unit.idle, poll=0.01)
+    return times
+
+
+def tell(case, times):
+    print(f"\nfile stalls: {case}: longest of {len(times)} machine stops {1000 * max(times):.0f} ms")
+
+
+def status_records(bench, since):
+    """When status records came, repeats left out."""
+    return [event.time for event in bench.journal.select("uart", "<", "status", since=since) if "again" not in event.detail]
+
+
+def test_a_pipe_in_the_place_of_an_applications_keys_is_refused_at_once(serving):
+    """Nobody writes into the pipe: whoever opened it in the usual way would wait for ever."""
+    install(serving, "panel", "user")
+    os.remove(serving.applications / "panel/config/keys.csv")
+    os.mkfifo(serving.applications / "panel/config/keys.csv")
+    unit = serving.unit(1001).join().wait_joined()
+    arm(serving)
+    with serving.service_tool() as tool:
+        tool.wait_no_longer_than(1.0)
+        with pytest.raises(ServiceToolError):
+            tool.ask(USER, 1001)
+        tell("pipe for keys.csv", [heard_after(serving, unit.machine_stop)])
+        serving.server.wait_log("Load Configurations File Error:")
+        assert serving.server.logged(f'pairserver: Could not write the pairing into "{USER}/config/keys.csv"') == 1
+        assert tool.list(), "the next request is served"
+
+
+@pytest.mark.parametrize("name", ["app.csv", "keys.csv", "remotes.csv"])
+def test_a_pipe_in_the_place_of_a_configuration_file_counts_as_missing(serving, name):
+    path = serving.applications / "tessaroserver/config" / name
+    os.remove(path)
+    os.mkfifo(path)
+    mark, line = serving.journal.mark(), len(serving.server.log)
+    serving.api.send(b"CCHANGE")
+    serving.server.wait_log("Not a regular file", since=line)
+    serving.wait_for(lambda: serving.journal.last(link="uart", kind="event", event="RECONFIG", since=mark))
+    serving.show_tsaps(3)
+
+
+def test_a_flood_of_configuration_changes_holds_up_nobody(serving):
+    unit = serving.unit(1001).join().wait_joined()
+    arm(serving)
+    mark, line, notified = serving.journal.mark(), len(serving.server.log), serving.api.notifies
+    with serving.local_socket() as asking:
+        flood = subprocess.Popen([sys.executable, "-c", FLOOD, str(asking.fileno())], pass_fds=[asking.fileno()],
+                                 stdout=subprocess.PIPE)
+        began = serving.journal.now
+        times = press_until(serving, unit, lambda: serving.journal.now > began + 3)
+        sent = int(flood.communicate()[0])
+    ended = serving.journal.mark()
+    serving.wait_for(lambda: serving.journal.last(link="uart", kind="event", event="RECONFIG", since=ended), 5.0,
+                     "the answer to the last requests")
+    serving.wait_for(lambda: len(status_records(serving, mark)) >= 7)
+    records = status_records(serving, mark)
+    gaps = [after - before for before, after in zip(records, records[1:])]
+    tell(f"{sent} times CCHANGE in 3 s", times)
+    print(f"file stalls: longest pause between status records {1000 * max(gaps):.0f} ms, RECONFIG "
+          f"{serving.journal.count(link='uart', kind='event', event='RECONFIG', since=mark)} times")
+    assert max(times) < PROMPT
+    assert max(gaps) < 2 * BEAT
+    assert serving.server.logged("Internal link fail", line) == 0
+    assert serving.api.notifies > notified
+    assert sent > 1000
+
+
+def test_pairing_beside_many_remote_units_holds_up_nobody(bench):
+    bench.change(APP, "EMAP", value=0)
+    bench.bc.retry_seconds = 1.0
+    install(bench, "panel", "user")
+    rows = "".join(f"{row};{row + 1};4000000001;4000000002;4000000003;4000000004\n" for row in range(65000))
+    heading = (bench.applications / REMOTES).read_text().splitlines(keepends=True)[:2]
+    (bench.applications / REMOTES).write_text("".join(heading) + rows)
+    bench.start_to_serve()
+    unit = bench.unit(64999).join().wait_joined()
+    arm(bench, 64999)
+    mark, line = bench.journal.mark(), len(bench.server.log)
+    with bench.service_tool(timeout=30.0) as tool:
+        tool.send(pairwire.get_app(65001, USER), "getApp")
+        times = press_until(bench, unit, lambda: bench.server.logged("sending app metadata for", line))
+    tell("pairing beside 65,000 units", times)
+    assert max(times) < PROMPT
+    assert words_of_unit(bench, 65001)
+    assert bench.server.logged("Internal link fail", line) == 0
+    records = status_records(bench, mark)
+    assert max(after - before for before, after in zip(records, records[1:])) < 2 * BEAT
+
+
+def test_a_changed_application_that_is_being_hashed_holds_up_no_machine_stop(serving):
+    """Neither that of a unit that joins meanwhile, over its own connection, nor that of one that was there before."""
+    serving.pair_units(2)
+    serving.api.send(b"CCHANGE")
+    there = serving.unit(1002).join().wait_joined()
+    arm(serving)
+    with open(serving.applications / "handset/large", "wb") as file:
+        file.truncate(2 << 30)  # a hole: no disk has to hold it
+    newcomer = serving.unit(1001)
+    newcomer.checksum = bytes(16)
+    newcomer.join(send_init=False)
+    serving.wait_for(lambda: newcomer.connected)
+
+    def introduce_and_stop():
+        newcomer.send_init()
+        newcomer.send_raw(glink.message(glink.MACHINE_STOP, b"").pack())  # without waiting for the verdict
+
+    times = [heard_after(serving, introduce_and_stop)]
+    serving.bc.set(armed_ru=1002)
+    serving.wait_for(lambda: serving.api.tag("ARMED_RU") == "1002")
+    times.append(heard_after(serving, there.machine_stop))
+    tell("2 GiB being hashed", times)
+    assert max(times) < PROMPT
+    assert newcomer.wait_verdict().code == glink.OTHER_APPLICATION, "judged by the application as it was"
+
+
+def test_an_end_while_an_application_is_being_hashed_comes_in_time(serving):
+    with open(serving.applications / "handset/large", "wb") as file:
+        file.truncate(4 << 30)
+    serving.api.send(b"CCHANGE")
+    serving.wait_for(lambda: serving.journal.last(link="uart", kind="event", event="RECONFIG"))
+    assert serving.server.stop(2.0) == 0
