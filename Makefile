@@ -28,7 +28,7 @@ unit-test: build ## the unit tests alone
 	@ctest --test-dir $(BUILD) --output-on-failure --parallel 4
 
 tool-test: ## the tools for installers and operators
-	@scripts/ensure-packages test
+	@scripts/ensure-packages test agent
 	@$(PYTHON) -m pytest -p no:cacheprovider -q -n 2 tests/tools
 
 system-test: build ## the real binary on the simulated installation, and two minutes of soak beside it

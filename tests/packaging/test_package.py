@@ -6,6 +6,7 @@ import subprocess
 APPLICATIONS = "home/root/Applications"
 PROGRAM = f"{APPLICATIONS}/tessaroserver/tessaroserver"
 UNIT = "lib/systemd/system/tessaroserver.service"
+AGENT_UNIT = "lib/systemd/system/tessaro-agent.service"
 DOC = "usr/share/doc/tessaroserver"
 EXAMPLE_FILES = (".config/baseInternalInputTags.csv", "tessaroserver/config/app.csv", "tessaroserver/config/keys.csv",
                  "tessaroserver/config/remotes.csv", "handset/manifest.csv")
@@ -35,9 +36,9 @@ def test_everything_lands_in_its_place(clean, newer):
     assert (clean / PROGRAM).stat().st_mode & 0o777 == 0o755
     for file in EXAMPLE_FILES:
         assert (clean / f"{DOC}/examples/{file}").is_file()
-    for tool in ("tessaro-check", "tessaro-top", "tessaro-report"):
+    for tool in ("tessaro-agent", "tessaro-check", "tessaro-top", "tessaro-report"):
         assert (clean / f"usr/bin/{tool}").is_file() and (clean / f"usr/share/man/man1/{tool}.1.gz").is_file()
-    for file in (UNIT, f"{DOC}/wireshark/tessaro.lua", f"{DOC}/wireshark/README.md", f"{DOC}/installation.md",
+    for file in (UNIT, AGENT_UNIT, f"{DOC}/wireshark/tessaro.lua", f"{DOC}/wireshark/README.md", f"{DOC}/installation.md",
                  f"{DOC}/copyright"):
         assert (clean / file).is_file(), file
 

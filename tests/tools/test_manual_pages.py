@@ -10,7 +10,7 @@ import pytest
 REPOSITORY = Path(__file__).resolve().parents[2]
 
 
-@pytest.mark.parametrize("tool", ["tessaro-check", "tessaro-report", "tessaro-top"])
+@pytest.mark.parametrize("tool", ["tessaro-agent", "tessaro-check", "tessaro-report", "tessaro-top"])
 def test_the_manual_page_names_the_options_of_its_tool_and_no_others(tool):
     offered = subprocess.run([sys.executable, REPOSITORY / "tools" / tool, "--help"], capture_output=True, text=True,
                              check=True).stdout

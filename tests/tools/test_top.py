@@ -1,81 +1,20 @@
 """tools/tessaro-top against a small answering server of the loopback interface, in a pipe and under a pseudo terminal."""
-import json
 import os
 import pty
 import select
 import socket
 import subprocess
 import sys
-import threading
 import time
 from pathlib import Path
 
-import pytest
+from agent_support import Agent
+from server_double import wait_for
 
 TOOL = Path(__file__).resolve().parents[2] / "tools" / "tessaro-top"
-STATUS = {"BU_ID": "4660", "BU_STATE": "16", "TSAPs": "1", "UNARMED_RUs": "2", "EG_LINK_STATUS": "1",
-          "EC_LINK_STATUS": "0", "C_LINK_STATUS": "0", "ARMED_RU": "0", "RU_STATE": "", "BCSR": "3", "BUID": "4660",
-          "IFTY": "1", "IVL1": "0", "IVL2": "0", "IVL3": "0"}
-
-
-def free_ports(first):
-    """Ports that nobody has, below those that the system hands out by itself: no other program takes one in between."""
-    for port in range(first, first + 1000):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            try:
-                probe.bind(("127.0.0.1", port))
-            except OSError:
-                continue
-        yield port
-
-
-WORKER = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw"))
-answer_ports = free_ports(20000 + 1000 * (WORKER % 10))
-
-
-class Server:
-    """Answers like the base unit, to a fixed port whoever asks; keeps what it was asked."""
-
-    def __init__(self):
-        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.socket.bind(("127.0.0.1", 0))
-        self.answer_port = next(answer_ports)
-        self.port = self.socket.getsockname()[1]
-        self.status = dict(STATUS)
-        self.asked = []
-        self.thread = threading.Thread(target=self.serve, daemon=True)
-        self.thread.start()
-
-    def serve(self):
-        while True:
-            data = self.socket.recv(65536)
-            if data == b"end":
-                return
-            self.asked.append(data)
-            if data == b"GET":
-                self.push()
-            else:
-                self.socket.sendto(b"NOTIFY", ("127.0.0.1", self.answer_port))
-
-    def push(self):
-        self.socket.sendto(json.dumps(self.status).encode(), ("127.0.0.1", self.answer_port))
-
-    def close(self):
-        self.socket.sendto(b"end", ("127.0.0.1", self.port))
-        self.thread.join(5)
-        self.socket.close()
-
-
-@pytest.fixture
-def server():
-    instance = Server()
-    yield instance
-    instance.close()
-
-
 def command(server, *more):
     return [sys.executable, str(TOOL), "--request-port", str(server.port), "--answer-port", str(server.answer_port),
-            "--interval", "0.1", *more]
+            "--agent-port", str(server.agent_port), "--interval", "0.1", *more]
 
 
 class Output:
@@ -115,9 +54,7 @@ def test_a_silent_server_is_told_and_gives_exit_code_1(server):
                             timeout=20)
     assert "server is silent" in result.stdout
     assert result.returncode == 1
-    server.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    server.thread = threading.Thread(target=lambda: None)
-    server.thread.start()
+    server.reopen()
 
 
 def test_log_lines_of_a_file_are_shown(server, tmp_path):
@@ -164,10 +101,7 @@ def test_a_command_is_sent_only_after_confirmation(server):
     os.write(master, b"r")
     output.wait_for("Send RESET to the server? y/n")
     os.write(master, b"y")
-    deadline = time.monotonic() + 10
-    while b"RESET" not in server.asked:
-        assert time.monotonic() < deadline
-        time.sleep(0.01)
+    wait_for(lambda: b"RESET" in server.asked)
     os.write(master, b"q")
     assert process.wait(10) == 0
     assert b"DISARM" not in server.asked
@@ -181,3 +115,47 @@ def test_a_second_monitor_says_why_it_cannot_run(server):
     holder.close()
     assert result.returncode == 2
     assert "another monitor may be running" in result.stderr
+
+
+def test_where_an_agent_runs_it_is_asked_and_the_server_itself_when_it_has_ended(server, tmp_path):
+    agent = Agent(server, tmp_path).start()
+    agent.wait_value("server", "answers")
+    process = subprocess.Popen(command(server), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+    output = Output(process.stdout.fileno())
+    output.wait_for("state: 16 DISARMED\n")
+    server.status["BU_STATE"] = "17"
+    server.push()
+    output.wait_for("state: 17 ARMED (was 16 DISARMED)\n")
+    agent.stop()
+    server.status["BU_STATE"] = "4"
+    output.wait_for("state: 4 FAILED (was 17 ARMED)\n")
+    process.terminate()
+    assert process.wait(10) == 0
+    process.stdout.close()
+
+
+def test_a_command_through_an_agent_that_only_watches_is_refused_in_words(server, tmp_path):
+    with Agent(server, tmp_path) as agent:
+        agent.wait_value("server", "answers")
+        process, master = under_terminal(command(server))
+        output = Output(master)
+        output.wait_for("q quit")
+        os.write(master, b"dy")
+        output.wait_for("DISARM was not sent: this agent only watches")
+        os.write(master, b"q")
+        assert process.wait(10) == 0
+        os.close(master)
+
+
+def test_a_command_through_an_agent_that_may_control_reaches_the_server(server, tmp_path):
+    with Agent(server, tmp_path, "--allow-control") as agent:
+        agent.wait_value("server", "answers")
+        process, master = under_terminal(command(server))
+        output = Output(master)
+        output.wait_for("q quit")
+        os.write(master, b"dy")
+        output.wait_for("DISARM was sent")
+        wait_for(lambda: b"DISARM" in server.asked)
+        os.write(master, b"q")
+        assert process.wait(10) == 0
+        os.close(master)

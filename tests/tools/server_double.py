@@ -1,0 +1,80 @@
+"""What the tests of the monitors share: a small answering server of the loopback interface, ports, and waiting."""
+import json
+import os
+import socket
+import threading
+import time
+
+STATUS = {"BU_ID": "4660", "BU_STATE": "16", "TSAPs": "1", "UNARMED_RUs": "2", "EG_LINK_STATUS": "1",
+          "EC_LINK_STATUS": "0", "C_LINK_STATUS": "0", "ARMED_RU": "0", "RU_STATE": "", "BCSR": "3", "BUID": "4660",
+          "IFTY": "1", "IVL1": "0", "IVL2": "0", "IVL3": "0"}
+
+
+def free_ports(first):
+    """Ports that nobody has, below those that the system hands out by itself: no other program takes one in between."""
+    for port in range(first, first + 1000):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+            except OSError:
+                continue
+        yield port
+
+
+WORKER = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw"))
+answer_ports = free_ports(20000 + 1000 * (WORKER % 10))
+
+
+class Server:
+    """Answers like the base unit, to a fixed port whoever asks; keeps what it was asked."""
+
+    def __init__(self):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.bind(("127.0.0.1", 0))
+        self.answer_port = next(answer_ports)
+        self.agent_port = next(answer_ports)
+        self.port = self.socket.getsockname()[1]
+        self.status = dict(STATUS)
+        self.asked = []
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
+
+    def serve(self):
+        while True:
+            data = self.socket.recv(65536)
+            if data == b"end":
+                return
+            self.asked.append(data)
+            if data == b"GET":
+                self.push()
+            else:
+                self.send(b"NOTIFY")
+
+    def push(self):
+        self.send(json.dumps(self.status).encode())
+
+    def send(self, data):
+        self.socket.sendto(data, ("127.0.0.1", self.answer_port))
+
+    def close(self):
+        self.socket.sendto(b"end", ("127.0.0.1", self.port))
+        self.thread.join(5)
+        self.socket.close()
+
+    def reopen(self):
+        """Answers again after `close`, on the same port."""
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.bind(("127.0.0.1", self.port))
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
+
+
+def wait_for(condition, seconds=10, what=""):
+    """What `condition` gives as soon as that is true."""
+    deadline = time.monotonic() + seconds
+    while True:
+        found = condition()
+        if found:
+            return found
+        assert time.monotonic() < deadline, f"not within {seconds} s: {what or condition}"
+        time.sleep(0.01)

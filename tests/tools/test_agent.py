@@ -1,0 +1,181 @@
+"""tools/tessaro-agent between a server's double and HTTP clients: what it knows, and what it says when it knows nothing."""
+import json
+import os
+import socket
+import subprocess
+import sys
+import time
+
+import pytest
+from agent_support import AGENT, HOST, Agent, gpio
+from server_double import wait_for
+
+
+@pytest.fixture
+def agent(server, tmp_path):
+    with Agent(server, tmp_path) as running:
+        running.wait_value("server", "answers")
+        yield running
+
+
+def test_the_status_names_every_member_and_says_how_good_it_is(agent):
+    values = agent.json("/api/status")["values"]
+    assert values["BU_STATE"] == {"label": "state", "value": "16", "since": values["BU_STATE"]["since"], "name": "DISARMED",
+                                  "words": "ready, no unit is armed", "level": "good"}
+    assert values["RU_STATE"]["words"] == "no such tag in this installation"
+    assert len(values) == 20
+
+
+def test_a_push_reaches_the_stream_within_200_ms(agent, server):
+    watcher = agent.watch()
+    watcher.wait_text("event: status")
+    began = time.monotonic()
+    server.status["BU_STATE"] = "17"
+    server.push()
+    text = watcher.wait_text('"new":"17"')
+    assert time.monotonic() - began < 0.2
+    assert 'event: change' in text and '"words":"a unit is armed"' in text
+    watcher.close()
+
+
+def test_who_comes_back_gets_what_was_missed(agent, server):
+    server.status["TSAPs"] = "7"
+    server.push()
+    agent.wait_value("TSAPs", "7")
+    last = agent.json("/api/history")["changes"][-2]["id"]
+    watcher = agent.watch(**{"Last-Event-ID": str(last)})
+    assert f"id: {last + 1}" in watcher.wait_text('"new":"7"')
+    watcher.close()
+
+
+def test_a_port_that_another_program_owns_is_told_and_taken_as_soon_as_it_is_free(server, tmp_path):
+    holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    holder.bind((HOST, server.answer_port))
+    with Agent(server, tmp_path) as agent:
+        problem = agent.wait_problem("port")
+        assert f"another program owns UDP port {server.answer_port}" in problem["text"]
+        assert agent.get("/healthz")[0] == 503
+        holder.close()
+        agent.wait_value("server", "answers")
+        assert "port" not in agent.problems()
+
+
+def test_what_is_no_json_is_told_until_the_server_makes_sense_again(agent, server):
+    server.send(b"\xff\xfe{{{")
+    assert "no JSON object" in agent.wait_problem("json")["text"]
+    server.send(b"[" * 30000)
+    server.send(b'"text"')
+    wait_for(lambda: agent.metrics()["tessaro_garbage_datagrams_total"] >= 3)
+    assert agent.get("/healthz")[0] == 503
+    server.push()
+    wait_for(lambda: "json" not in agent.problems())
+    assert agent.get("/healthz")[0] == 200
+
+
+def test_missing_members_are_named_and_the_others_are_shown(agent, server):
+    del server.status["BU_STATE"]
+    server.status.update(IVL1=["list"], TSAPs="5" * 1000)
+    server.push()
+    assert agent.wait_problem("members")["text"] == "the status object lacks BU_STATE, IVL1"
+    assert agent.value("TSAPs") == "5" * 64
+    assert agent.get("/healthz")[0] == 200, "what is there is there"
+
+
+def test_a_server_that_ends_is_told_at_once_and_its_values_are_no_metrics_any_more(server, tmp_path):
+    with Agent(server, tmp_path, "--interval", "0.2") as agent:
+        agent.wait_value("server", "answers")
+        assert agent.metrics()['tessaro_status{key="BU_STATE"}'] == 16
+        server.close()
+        agent.wait_value("server", "silent")
+        metrics = agent.metrics()
+        assert metrics["tessaro_up"] == 0
+        assert 'tessaro_status{key="BU_STATE"}' not in metrics
+        assert metrics['tessaro_state{state="DISARMED",thing="BU_STATE"}'] == 0
+        server.reopen()
+
+
+def test_the_answers_are_passed_on_to_a_second_port(server, tmp_path):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as second:
+        second.bind((HOST, 0))
+        second.settimeout(10)
+        with Agent(server, tmp_path, "--forward", str(second.getsockname()[1])):
+            assert json.loads(second.recv(65536)) == server.status
+
+
+def test_the_history_outlives_the_agent(server, tmp_path):
+    agent = Agent(server, tmp_path)
+    with agent:
+        agent.wait_value("BU_STATE", "16")
+        server.status["BU_STATE"] = "17"
+        server.push()
+        agent.wait_value("BU_STATE", "17")
+        last = agent.json("/api/history")["changes"][-1]["id"]
+    with (agent.state / "history.jsonl").open("a") as file:
+        file.write('{"id": 5, "key":\nnothing of ours\n{"id":"x","key":1,"time":null}\n')
+    with agent:
+        changes = agent.json("/api/history")["changes"]
+        assert any(change.get("old") == "16" and change.get("new") == "17" for change in changes)
+        begun = [change for change in changes if change.get("words") == "watching begins"]
+        assert len(begun) == 2 and begun[1]["id"] > last
+        assert begun[0]["time"] < begun[1]["last"] < begun[1]["time"], "the time without watching is known"
+
+
+def test_one_value_that_changes_all_the_time_drives_out_no_other(agent, server):
+    server.status["BU_STATE"] = "17"
+    server.push()
+    agent.wait_value("BU_STATE", "17")
+    for number in range(1500):
+        server.status["TSAPs"] = str(number % 250)
+        server.push()
+        if number % 50 == 49:
+            agent.wait_value("TSAPs", str(number % 250))
+    changes = agent.json("/api/history")["changes"]
+    assert [change["new"] for change in changes if change["key"] == "BU_STATE"] == ["16", "17"]
+    assert sum(change["key"] == "TSAPs" for change in changes) == 400
+    agent.stop()
+    assert (agent.state / "history.jsonl").stat().st_size < 200_000
+
+
+def test_the_relay_is_what_its_two_lines_say(agent):
+    assert agent.value("relay") is None
+    for driven, monitor, said in ((1, 0, "closed"), (0, 1, "open"), (0, 0, "stays closed"), (1, 1, "stays open")):
+        gpio(agent.gpio, driven, monitor)
+        agent.wait_value("relay", said)
+
+
+def test_metrics_tell_states_changes_and_the_age_of_the_newest_object(agent, server):
+    server.status["BU_STATE"] = "17"
+    server.push()
+    agent.wait_value("BU_STATE", "17")
+    metrics = agent.metrics()
+    assert metrics["tessaro_up"] == 1
+    assert metrics['tessaro_status{key="BU_ID"}'] == 4660
+    assert metrics['tessaro_state{state="ARMED",thing="BU_STATE"}'] == 1
+    assert metrics['tessaro_state{state="DISARMED",thing="BU_STATE"}'] == 0
+    assert metrics['tessaro_changes_total{key="BU_STATE"}'] == 1
+    assert 0 <= metrics["tessaro_push_age_seconds"] < 10
+    assert metrics["tessaro_agent_resident_bytes"] > 1 << 20
+
+
+def test_two_agents_for_one_address_are_refused(agent):
+    second = subprocess.run([sys.executable, str(AGENT), "--listen", f"{HOST}:{agent.port}"], capture_output=True, text=True,
+                            timeout=20)
+    assert second.returncode == 2
+    assert "address already in use" in second.stderr.lower()
+
+
+def test_a_socket_of_the_service_manager_is_taken_over(server, tmp_path):
+    listening = socket.create_server((HOST, 0))
+    port = listening.getsockname()[1]
+    agent = Agent(server, tmp_path, env={"LISTEN_FDS": "1"})
+    command = [sys.executable, str(AGENT), "--no-log", "--request-port", str(server.port), "--answer-port",
+               str(server.answer_port)]
+    process = subprocess.Popen(command, env=agent.environment, pass_fds=[3], stdout=subprocess.PIPE, text=True,
+                               preexec_fn=lambda: os.dup2(listening.fileno(), 3))
+    listening.close()
+    assert f"port {port}" in process.stdout.readline()
+    agent.port = port
+    agent.wait_value("server", "answers")
+    process.terminate()
+    assert process.wait(10) == 0
+    process.stdout.close()

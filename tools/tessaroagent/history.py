@@ -1,0 +1,95 @@
+"""The newest changes, bounded for each kind by itself so that one that changes all the time drives out no other, and kept in a
+file over a restart of the agent."""
+import collections
+import json
+import os
+
+KEEP_EACH, KEEP_LOG = 400, 1500
+VERSION = 1
+LARGEST_FILE = 16 << 20
+LONGEST_ENTRY = 4096
+
+
+class History:
+    """Entries are kept as the bytes of their JSON: small, and ready to be sent. Each has an `id` that only grows."""
+
+    def __init__(self):
+        self.next_id = 1
+        self._rings = {}
+        self._changed = False
+
+    def add(self, change):
+        """Gives the change its id; returns its bytes."""
+        change = {"id": self.next_id, **change}
+        return self._keep(change)
+
+    def _keep(self, change):
+        self.next_id = change["id"] + 1
+        data = json.dumps(change, separators=(",", ":")).encode()
+        ring = self._rings.setdefault(change["key"],
+                                      collections.deque(maxlen=KEEP_LOG if change["key"] == "log" else KEEP_EACH))
+        ring.append((change["id"], change["time"], data))
+        self._changed = True
+        return data
+
+    def select(self, after=0, since=0.0, limit=None):
+        """The bytes of the entries behind an id and a time, oldest first; with `limit`, the newest so many."""
+        found = sorted((number, data) for ring in self._rings.values() for number, when, data in ring
+                       if number > after and when >= since)
+        return [data for _, data in (found[-limit:] if limit else found)]
+
+    def before(self, since):
+        """The last entry of each value before that time: what it was when the time began."""
+        values = (ring for key, ring in self._rings.items() if key not in ("log", "control", "agent"))
+        last = (next((data for _, when, data in reversed(ring) if when < since), None) for ring in values)
+        return [data for data in last if data]
+
+    def newest(self, key):
+        """The newest entry of one kind as a dictionary, or None."""
+        ring = self._rings.get(key)
+        return json.loads(ring[-1][2]) if ring else None
+
+    def __len__(self):
+        return sum(len(ring) for ring in self._rings.values())
+
+    # --- the file ------------------------------------------------------------------------------------------------------
+
+    def load(self, path):
+        """Takes what the file holds; returns when it was written, or None. What is not understood in it is left out."""
+        try:
+            if os.path.getsize(path) > LARGEST_FILE:
+                return None
+            with open(path, encoding="utf-8", errors="replace") as file:
+                head = json.loads(file.readline())
+                for line in file:
+                    self._take(line)
+                return float(head["written"]) if head["version"] == VERSION else None
+        except FileNotFoundError:
+            return None
+        except (ValueError, KeyError, TypeError):
+            return None
+
+    def _take(self, line):
+        try:
+            change = json.loads(line[:LONGEST_ENTRY])
+            if isinstance(change["key"], str) and isinstance(change["time"], (int, float)) \
+                    and isinstance(change["id"], int) and len(self._rings) < 64 and change["id"] >= self.next_id:
+                self._keep(change)
+        except (ValueError, KeyError, TypeError):
+            pass  # a line that was cut or damaged
+
+    def save(self, path, now):
+        """Writes everything anew; the old file stays until the new one is complete. Raises OSError."""
+        temporary = f"{path}.new"
+        with open(temporary, "wb") as file:
+            file.write(json.dumps({"version": VERSION, "written": now}).encode() + b"\n")
+            for data in self.select():
+                file.write(data + b"\n")
+            file.flush()
+            os.fsync(file.fileno())
+        os.replace(temporary, path)
+        self._changed = False
+
+    @property
+    def changed(self):
+        return self._changed
