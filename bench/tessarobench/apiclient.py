@@ -5,9 +5,9 @@ from __future__ import annotations
 import json
 import socket
 import struct
-import time
 from typing import Optional
 
+from . import clock
 from .journal import FROM_BASE_UNIT, TO_BASE_UNIT, Journal
 from .loop import Loop
 
@@ -46,8 +46,8 @@ class ApiClient:
 
     def settle(self, quiet: float = 0.3) -> None:
         """Waits until no status object has come for `quiet` seconds from now, so that those on their way have come."""
-        begun = time.monotonic()
-        self._loop.wait_for(lambda: time.monotonic() - max(begun, self._came_at) >= quiet, what="no more pushes over the API",
+        begun = clock.monotonic()
+        self._loop.wait_for(lambda: clock.monotonic() - max(begun, self._came_at) >= quiet, what="no more pushes over the API",
                             poll=0.05)
 
     def tag(self, key: str) -> Optional[str]:
@@ -88,5 +88,5 @@ class ApiClient:
         changed = {key: value for key, value in new.items() if self.status.get(key) != value}
         self.status = new
         self.statuses += 1
-        self._came_at = time.monotonic()
+        self._came_at = clock.monotonic()
         self._journal.add(LINK, FROM_BASE_UNIT, "status", datagram, changed=changed)

@@ -27,6 +27,7 @@ from .namespaces import MS_BIND, MS_MOVE, World, mount
 from .network import Interface, ip, without_ipv6
 from .relay import Relay, make_gpio_files
 from .serverprocess import ServerProcess
+from .virtualtime import VirtualTime
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples" / "installation"
 APPLICATIONS = Path("/home/root/Applications")
@@ -44,7 +45,8 @@ class Board(Closing):
 
     `server` is the path of the binary, or None for a board without one; it is copied to its prescribed place, because
     it finds files relative to itself. `installation` is the folder whose content becomes /home/root/Applications. Into
-    `capture` goes everything that crosses the links; the file is closed with the board.
+    `capture` goes everything that crosses the links; the file is closed with the board. `virtual_time` is the library that
+    makes it (see `virtualtime.offered`); without one the board lives in real time.
 
     Attributes: `loop`, `journal`, `capture` (Capture or None), `server` (ServerProcess), `relay`, `eth0`, `wlan0`,
     `applications` (the folder /home/root/Applications as seen from outside; an ordinary writable Path), `laid_in`
@@ -53,11 +55,12 @@ class Board(Closing):
 
     def __init__(self, server: Optional[os.PathLike] = None, installation: Path = EXAMPLES,
                  prepare: Optional[Callable[[Path], Any]] = None, relay_delay: float = 0.008,
-                 capture: Optional[CaptureFile] = None):
+                 capture: Optional[CaptureFile] = None, virtual_time: Optional[Path] = None):
         began = time.monotonic()
-        self.loop, self.journal = Loop(), Journal()
+        self.virtual = VirtualTime(virtual_time) if virtual_time else None
+        self.loop, self.journal = Loop(virtual=self.virtual), Journal()
         self.loop.describe = self._describe
-        super().__init__(self.loop.stop)
+        super().__init__(*([self.virtual.close] if self.virtual else []), self.loop.stop)
         self._world, self._peers = World("board", with_mounts=True), World("peers")
         self._closing += [self._world.close, self._peers.close]
         self.eth0 = Interface("eth0", "10.42.20.1/24", "10.42.20.2/24", multicast=True)
@@ -109,6 +112,8 @@ class Board(Closing):
     def _begin_capture(self, file: CaptureFile) -> None:
         """Before there is anything to see, and to be ended after everything that could be seen."""
         self.closing(file)
+        if self.virtual:
+            file.stamp = self.virtual.at
         self.capture = self.closing(Capture(file, self._world, self._interface_name))
         self.journal.listeners.append(self.capture.event)
 
@@ -128,6 +133,8 @@ class Board(Closing):
         self._lay_network()
         make_gpio_files(self._keep_open("/sys/class") / "gpio")
         self.relay = self.closing(Relay(self.loop, self.journal, self._keep_open("/sys/class/gpio"), relay_delay))
+        if self.virtual:
+            self.virtual.lay(root)
         self.server = ServerProcess(self.loop, self.journal, self._world,
                                     str(APPLICATIONS / SERVER_DIRECTORY / PROGRAM))
         self._closing.append(self.server.kill)

@@ -15,7 +15,7 @@ import sys
 import threading
 import time
 from pathlib import Path
-from typing import Iterator, NamedTuple, Optional
+from typing import Callable, Iterator, NamedTuple, Optional
 
 from .pcapng import LINKTYPE_ETHERNET, LINKTYPE_USER0, PcapngWriter
 
@@ -68,6 +68,7 @@ class CaptureFile:
         self._waiting: list[Entry] = []
         self._waiting_bytes, self._settled = 0, 0
         self._sorted: list[Entry] = []
+        self.stamp: Callable[[int], int] = lambda nanoseconds: nanoseconds  # what an entry's time becomes in the file
         self._ending = threading.Event()
         self._thread = threading.Thread(target=self._run, name="capture file", daemon=True)
         self._thread.start()
@@ -143,10 +144,11 @@ class CaptureFile:
                 self.lost[entry.link] += not written
 
     def _add(self, entry: Entry) -> None:
+        stamp = self.stamp(entry.nanoseconds)
         if entry.link == LOG:
-            self._writer.log_line(entry.data.decode(), entry.source, entry.nanoseconds)
+            self._writer.log_line(entry.data.decode(), entry.source, stamp)
         else:
-            self._writer.packet_at(self._numbers[entry.link], entry.data, entry.nanoseconds, entry.outbound)
+            self._writer.packet_at(self._numbers[entry.link], entry.data, stamp, entry.outbound)
 
     def _add_statistics(self, name: str, number: int) -> None:
         shared = self.lost_in_kernel if name in NETWORKS else 0

@@ -9,11 +9,10 @@ from __future__ import annotations
 import hashlib
 import os
 import struct
-import time
 from pathlib import Path
 from typing import Iterator, NamedTuple, Optional
 
-from . import crc
+from . import clock, crc
 
 (HEARTBEAT, INIT, INITACK, CMD, PERIODIC_DATA, SERVICE_FORWARD, POWER_OFF, MACHINE_STOP, BASE_STATUS,
  FALLBACK_DEINIT) = range(10)
@@ -38,7 +37,7 @@ HEARTBEAT_PAYLOAD = bytes(4)
 
 def milliseconds_now() -> int:
     """The time stamp of a frame: milliseconds since the epoch, low 32 bits."""
-    return int(time.time() * 1000) & 0xFFFFFFFF
+    return int(clock.time() * 1000) & 0xFFFFFFFF
 
 
 class Frame(NamedTuple):

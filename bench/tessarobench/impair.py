@@ -4,9 +4,9 @@ from __future__ import annotations
 
 import collections
 import random
-import time
 from typing import Callable, Union
 
+from . import clock
 from .loop import Loop
 
 DROP, CORRUPT, DUPLICATE, PASS = "drop", "corrupt", "duplicate", "pass"
@@ -89,9 +89,9 @@ class Impairment:
         if self.reorder:
             self._loop.later(delay, lambda: deliver(data))
             return
-        due = self._busy_until = max(time.monotonic() + delay, self._busy_until)
+        due = self._busy_until = max(clock.monotonic() + delay, self._busy_until)
         self._waiting.append((data, deliver))
-        self._loop.later(max(0.0, due - time.monotonic()), self._next_arrives)
+        self._loop.later(max(0.0, due - clock.monotonic()), self._next_arrives)
 
     def _next_arrives(self) -> None:
         """Whichever timer it was: in the order in which they were sent."""

@@ -4,8 +4,9 @@ from __future__ import annotations
 
 import collections
 import itertools
-import time
 from typing import Any, Callable, Iterator, Optional
+
+from . import clock
 
 TO_BASE_UNIT = ">"    # a peer sent it towards the base unit
 FROM_BASE_UNIT = "<"  # the base unit sent it
@@ -49,8 +50,8 @@ class Journal:
     """
 
     def __init__(self, keep: int = 200_000):
-        self._began = time.monotonic()
-        self._wall_began = time.time()
+        self._began = clock.monotonic()
+        self._wall_began = clock.time()
         self._keep = keep
         self._lists: dict[Optional[tuple], list[Event]] = {None: []}  # all, those of a link, those of a kind
         self._indexes = itertools.count()
@@ -59,7 +60,7 @@ class Journal:
 
     @property
     def now(self) -> float:
-        return time.monotonic() - self._began
+        return clock.monotonic() - self._began
 
     @property
     def wall_began(self) -> float:

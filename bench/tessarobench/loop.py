@@ -15,7 +15,14 @@ import threading
 import time
 from typing import Any, Callable, Optional
 
+from . import clock
+from .virtualtime import VirtualTime
+
 SWITCH_SECONDS = 0.0005
+UNSETTLED_SECONDS = 1  # real; who has got what he waited for does not wait longer for a server that goes on and on
+STANDSTILL_SECONDS = 30  # real; longer than anything takes that happens at one moment of virtual time
+REAL_PATIENCE = 0.01  # real; between two looks for what neither descriptors nor deadlines tell
+_CLOCK_ERROR = 1e-6  # a virtual deadline is met when the clock shows it, whatever becomes of it as a number of seconds
 
 
 class WaitTimeout(AssertionError):
@@ -48,28 +55,30 @@ def _hurry() -> None:
 
 class _Waiter:
     """Somebody who waits for a predicate. One that takes long is evaluated less often than there are events, lest the peers
-    have to wait for it: it gets a fifth of the time at most."""
+    have to wait for it: it gets a fifth of the time at most. In virtual time nobody has to wait (`at_once`)."""
 
-    __slots__ = ("predicate", "result", "error", "done", "not_before", "put_off")
+    __slots__ = ("predicate", "result", "error", "done", "not_before", "put_off", "at_once", "expired")
 
-    def __init__(self, predicate: Callable[[], Any]):
+    def __init__(self, predicate: Callable[[], Any], at_once: bool = False):
         self.predicate, self.result, self.error, self.done = predicate, None, None, threading.Event()
-        self.not_before, self.put_off = 0.0, False
+        self.not_before, self.put_off, self.at_once, self.expired = 0.0, False, at_once, False
+
+    def expire(self) -> None:
+        """Its virtual time is over."""
+        self.expired = True
 
     def check(self) -> bool:
         began = time.monotonic()
-        self.put_off = began < self.not_before
+        self.put_off = began < self.not_before and not self.at_once
         if self.put_off:
             return False
         try:
             self.result = self.predicate()
         except BaseException as error:  # handed to the thread that waits
             self.error = error
-        if self.result or self.error:
-            self.done.set()
         ended = time.monotonic()
         self.not_before = ended + 4 * (ended - began)
-        return self.done.is_set()
+        return bool(self.result or self.error or self.expired)
 
 
 class Loop:
@@ -78,9 +87,14 @@ class Loop:
     An exception in a callback does not end the loop, it is kept and raised in the thread that next waits: a broken peer
     fails the test that uses it instead of looking like a silent one. A descriptor whose callback failed is watched no
     more.
+
+    With `virtual` it conducts that time: the clock moves on when the loop, the server and the descriptors have nothing
+    left to do and somebody waits in `wait_for`. While nobody does, a test is at work, and time stands still. Who waits goes
+    on when everything else has been done that happens at that moment, so that it is the same in every run.
     """
 
-    def __init__(self, name: str = "bench"):
+    def __init__(self, name: str = "bench", virtual: Optional[VirtualTime] = None):
+        self.virtual = virtual
         self.describe: Callable[[], str] = lambda: ""  # appended to the text of a WaitTimeout
         self._selector = selectors.DefaultSelector()
         self._wake = os.eventfd(0, os.EFD_NONBLOCK | os.EFD_CLOEXEC)
@@ -89,8 +103,10 @@ class Loop:
         self._order = itertools.count()
         self._posted: list[Callable[[], None]] = []
         self._waiters: list[_Waiter] = []
+        self._fulfilled: list[_Waiter] = []  # in virtual time, until everybody else has done what there is to do
         self._lock = threading.Lock()
         self._running = True
+        self._moved_at, self._steps_then = time.monotonic(), 0
         self.failure: Optional[BaseException] = None
         self._thread = threading.Thread(target=self._run, name=name, daemon=True)
         self._thread.start()
@@ -112,7 +128,7 @@ class Loop:
         if self.on_thread:
             return action(*args)
         outcome = _Waiter(lambda: (action(*args),))  # a tuple, so that every result counts as true
-        self.post(outcome.check)
+        self.post(lambda: outcome.check() and outcome.done.set())
         if not outcome.done.wait(30):
             raise WaitTimeout("the bench's event loop does not answer")
         if outcome.error:
@@ -127,17 +143,14 @@ class Loop:
         Raises WaitTimeout after `timeout` seconds, and whatever a peer raised meanwhile.
         """
         assert not self.on_thread, "the loop's own thread cannot wait for itself"
-        waiter = _Waiter(predicate)
-        with self._lock:
-            self._waiters.append(waiter)
-        ticker = self.call(self.every, poll, lambda: None) if poll else None
-        self._wake_up()
-        in_time = waiter.done.wait(timeout)
+        waiter = _Waiter(predicate, at_once=self.virtual is not None)
+        timers = self.call(self._begin_wait, waiter, timeout, poll)
+        in_time = waiter.done.wait(None if self.virtual else timeout) and bool(waiter.result or waiter.error)
         with self._lock:
             if waiter in self._waiters:
                 self._waiters.remove(waiter)
-        if ticker:
-            ticker.cancel()
+        for timer in timers:
+            timer.cancel()
         self.raise_failure()
         if waiter.error:
             raise waiter.error
@@ -164,11 +177,11 @@ class Loop:
 
     def later(self, delay: float, action: Callable[[], None]) -> Timer:
         """Runs `action` once after `delay` seconds."""
-        return self._schedule(Timer(time.monotonic() + delay, None, action))
+        return self._schedule(Timer(clock.monotonic() + delay, None, action))
 
     def every(self, period: float, action: Callable[[], None]) -> Timer:
         """Runs `action` every `period` seconds until it is cancelled, without drift; missed turns are skipped."""
-        return self._schedule(Timer(time.monotonic() + period, period, action))
+        return self._schedule(Timer(clock.monotonic() + period, period, action))
 
     def watch(self, fd: Any, readable: Optional[Callable[[], None]] = None,
               writable: Optional[Callable[[], None]] = None) -> None:
@@ -183,6 +196,13 @@ class Loop:
             self._selector.unregister(fd)
 
     # --- inside ----------------------------------------------------------------------------------------------------
+
+    def _begin_wait(self, waiter: _Waiter, timeout: float, poll: float) -> list[Timer]:
+        """Everything that belongs to a wait, from one moment on."""
+        with self._lock:
+            self._waiters.append(waiter)
+        timers = [self.every(poll, lambda: None)] if poll else []
+        return timers + ([self.later(timeout, waiter.expire)] if self.virtual else [])
 
     def _schedule(self, timer: Timer) -> Timer:
         assert self.on_thread, "timers are made on the loop's thread"
@@ -201,11 +221,55 @@ class Loop:
     def _run(self) -> None:
         _hurry()
         while self._running:
-            for key, events in self._selector.select(self._time_to_next_timer()):
-                self._dispatch(key, events)
-            self._run_posted()
-            self._run_timers()
-            self._check_waiters()
+            if self.virtual:
+                self._turn(0)
+                self._let_time_pass()
+            else:
+                self._turn(self._time_to_next_timer())
+
+    def _turn(self, patience: Optional[float]) -> bool:
+        """One batch of events. Whether there was anything on the descriptors."""
+        ready = self._selector.select(patience)
+        for key, events in ready:
+            self._dispatch(key, events)
+        self._run_posted()
+        self._run_timers()
+        self._check_waiters()
+        return bool(ready)
+
+    def _let_time_pass(self) -> None:
+        """Moves the clock on when nobody has anything left to do, and somebody waits for that."""
+        if not self._waiters and not self._fulfilled:
+            self._turn(None)
+            self._moved_at = time.monotonic()
+        elif not self.virtual.settled():
+            self._complain_of_standstill()
+        elif self._turn(0):
+            return
+        elif self._fulfilled:
+            self._release()
+        elif self._waiters and not self.virtual.advance(self._next_timer()):
+            self._turn(REAL_PATIENCE)
+
+    def _complain_of_standstill(self) -> None:
+        if self.virtual.steps != self._steps_then:
+            self._steps_then, self._moved_at = self.virtual.steps, time.monotonic()
+        stood = time.monotonic() - self._moved_at
+        if stood > UNSETTLED_SECONDS:
+            self._release()
+        if stood > STANDSTILL_SECONDS:
+            with self._lock:
+                stuck, self._waiters = self._waiters, []
+            for waiter in stuck:
+                waiter.error = WaitTimeout(f"virtual time stands still: the server has been at work for "
+                                           f"{STANDSTILL_SECONDS} s\n{self.describe()}")
+                waiter.done.set()
+
+    def _next_timer(self) -> Optional[float]:
+        """When it is due; cancelled ones are forgotten, so that time makes no stop for them."""
+        while self._timers and self._timers[0][2].cancelled:
+            heapq.heappop(self._timers)
+        return self._timers[0][0] if self._timers else None
 
     def _time_to_next_timer(self) -> Optional[float]:
         """Or to the next look of somebody who waits and was put off."""
@@ -213,7 +277,7 @@ class Loop:
             due = [waiter.not_before for waiter in self._waiters if waiter.put_off]
         if self._timers:
             due.append(self._timers[0][0])
-        return max(0.0, min(due) - time.monotonic()) if due else None
+        return max(0.0, min(due) - clock.monotonic()) if due else None
 
     def _dispatch(self, key: selectors.SelectorKey, events: int) -> None:
         # An earlier callback of the same batch may have changed or removed the registration; what is still ready then
@@ -229,7 +293,7 @@ class Loop:
             self._guard(action)
 
     def _run_timers(self) -> None:
-        now = time.monotonic()
+        now = clock.monotonic() + (_CLOCK_ERROR if self.virtual else 0)
         while self._timers and self._timers[0][0] <= now:
             timer = heapq.heappop(self._timers)[2]
             if timer.cancelled:
@@ -242,7 +306,16 @@ class Loop:
 
     def _check_waiters(self) -> None:
         with self._lock:
-            self._waiters = [waiter for waiter in self._waiters if not waiter.check()]
+            found = [waiter for waiter in self._waiters if waiter.check()]
+            self._waiters = [waiter for waiter in self._waiters if waiter not in found]
+        self._fulfilled += found
+        if not self.virtual:
+            self._release()
+
+    def _release(self) -> None:
+        for waiter in self._fulfilled:
+            waiter.done.set()
+        self._fulfilled.clear()
 
     def _guard(self, action: Callable[[], None]) -> bool:
         try:

@@ -26,8 +26,9 @@ class SerialLine:
         self._pending = bytearray()
         self.lost = 0
         self.taps: list[Callable[[str, bytes], None]] = []
+        self._traffic = loop.virtual.line if loop.virtual else None
         os.set_blocking(fd, False)
-        loop.call(self._watch)
+        loop.call(self._open)
 
     def write(self, data: bytes) -> None:
         """Never blocks. What is written after `close` goes nowhere."""
@@ -49,10 +50,17 @@ class SerialLine:
         self._loop.call(self._close)
 
     def _close(self) -> None:
+        if self._traffic and self._fd >= 0:
+            self._traffic.readers -= 1
         self._loop.watch(self._fd)
         os.close(self._fd)
         self._fd = -1
         self._pending.clear()
+
+    def _open(self) -> None:
+        if self._traffic:
+            self._traffic.readers += 1
+        self._watch()
 
     def _watch(self) -> None:
         if self._fd >= 0:
@@ -67,6 +75,8 @@ class SerialLine:
             if error.errno not in (errno.EIO, errno.ECONNRESET):
                 raise
             data = b""
+        if self._traffic:
+            self._traffic.received += len(data)
         if data:
             self._tap(FROM_BASE_UNIT, data)
             self._received(data)
@@ -79,6 +89,8 @@ class SerialLine:
                 written = os.write(self._fd, self._pending)
             except BlockingIOError:
                 break
+            if self._traffic:
+                self._traffic.wrote(self._pending[:written])
             del self._pending[:written]
         self._watch()
 

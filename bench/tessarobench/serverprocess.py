@@ -8,6 +8,7 @@ import signal
 import socket
 import subprocess
 import time
+from pathlib import Path
 from typing import NamedTuple, Optional
 
 from .journal import BENCH, FROM_BASE_UNIT, Journal
@@ -17,6 +18,9 @@ from .namespaces import World
 LINK = "server"
 STAMP_LENGTH = len("20220327 17:52:59.123")
 _PAGE = os.sysconf("SC_PAGESIZE")
+
+
+HOME = Path("/home/root")
 
 
 class LogLine(NamedTuple):
@@ -80,9 +84,10 @@ class ServerProcess:
     def start(self, env: Optional[dict[str, str]] = None, limits: Optional[dict[int, int]] = None) -> "ServerProcess":
         """Starts the program as the only thing in its environment; `limits` are resource limits (RLIMIT_... -> number)."""
         assert not self.running, "the server runs already"
-        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/home/root", "LC_ALL": "C.UTF-8",
+        virtual = self._loop.virtual
+        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(HOME), "LC_ALL": "C.UTF-8",
                        **{key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")},
-                       **(env or {})}
+                       **(virtual.environment(HOME) if virtual else {}), **(env or {})}
         # On that thread, where no interrupt cuts it in two.
         self._world.run(self._spawn, environment, {resource.RLIMIT_CORE: 0, **(limits or {})})
         return self
@@ -208,7 +213,7 @@ class ServerProcess:
         self._pipe, write_end = os.pipe2(os.O_CLOEXEC | os.O_NONBLOCK)
         os.set_blocking(write_end, True)
         try:
-            self._process = subprocess.Popen([self._program], cwd="/home/root", env=environment,
+            self._process = subprocess.Popen([self._program], cwd=HOME, env=environment,
                                              stdin=subprocess.DEVNULL, stdout=write_end, stderr=write_end,
                                              start_new_session=True)  # an interrupt at the terminal is for the bench
         except BaseException:
@@ -223,6 +228,8 @@ class ServerProcess:
 
     def _begin(self) -> None:
         self.log, self.exit_status, self._rest = [], None, b""
+        if self._loop.virtual:
+            self._loop.virtual.begin(self.pid)
         self._journal.add(LINK, BENCH, "started", pid=self.pid)
         self._loop.watch(self._pipe, self._read_log)
         self._loop.watch(self._pidfd, self._ended)
@@ -254,6 +261,8 @@ class ServerProcess:
         self._loop.watch(self._pipe)
         os.close(self._pidfd)
         os.close(self._pipe)
+        if self._loop.virtual:
+            self._loop.virtual.end()
         status = self._process.wait()
         self._journal.add(LINK, BENCH, "ended", status=status)
         self.exit_status = status

@@ -7,10 +7,9 @@ from __future__ import annotations
 
 import collections
 import socket
-import time
 from typing import Any, Callable, NamedTuple, Optional, Union
 
-from . import glink
+from . import clock, glink
 from .fallbackrelay import FallbackRelay
 from .glink import Frame, InitAck
 from .impair import Impairment
@@ -121,7 +120,7 @@ class UnitSession:
     def _opened(self, path: TcpPath, send_init: bool) -> None:
         if path is not self._tcp:
             return
-        self._heard = time.monotonic()
+        self._heard = clock.monotonic()
         self._ticker = self._ticker or self._loop.every(HEARTBEAT_SECONDS, self._tick)
         if send_init:
             self._introduce(path, {})
@@ -219,7 +218,7 @@ class UnitSession:
     def _bytes_received(self, path: TcpPath, data: bytes) -> None:
         if path is not self._tcp:
             return  # an older connection of this unit, which it has forgotten
-        self._heard = time.monotonic()
+        self._heard = clock.monotonic()
         try:
             for frame, raw in self._assembler.feed(data):
                 self._frame_arrives(path, frame, raw)
@@ -291,7 +290,7 @@ class UnitSession:
         if not self.connected:
             return
         self._give_up_on_fallback()
-        silence = time.monotonic() - self._heard
+        silence = clock.monotonic() - self._heard
         if self.patience is not None and silence > self.patience:
             self._note("gives a silent connection up")
             path = self._tcp
