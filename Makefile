@@ -35,9 +35,9 @@ system-test: build ## the real binary on the simulated installation, and two min
 	@scripts/ensure-packages test
 	@scripts/system-tests $(BUILD)/tessaroserver --soak
 
-soak: build ## all peers at ten times the nominal pace with seeded faults for MINUTES (10); SEED (1)
+soak: build ## all peers with seeded faults, SEED (1): at ten times the nominal pace for MINUTES (10), or for DAYS of virtual time
 	@scripts/ensure-packages run
-	@bench/soak --minutes $(or $(MINUTES),10) --seed $(or $(SEED),1) --server $(BUILD)/tessaroserver
+	@bench/soak $(if $(DAYS),--days $(DAYS),--minutes $(or $(MINUTES),10)) --seed $(or $(SEED),1) --server $(BUILD)/tessaroserver
 
 sanitize: ## unit and system tests under address and undefined-behaviour sanitizers
 	@scripts/ensure-packages build test

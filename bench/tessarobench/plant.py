@@ -15,7 +15,7 @@ from .ledger import Ledger
 from .newestbook import NUMBER_TAG
 from .remoteunit import RemoteUnit
 
-PACE = 10
+NOMINAL_PACE, PACE = 1, 10
 # Nominal, per second: process images, periodic data, commands, service messages, events and questions of the base
 # controller; commands, periodic data and service messages of each unit; sets and commands of the machine controller;
 # requests of the local tool.

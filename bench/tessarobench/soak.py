@@ -1,20 +1,23 @@
-"""A long run of the whole installation at ten times its nominal pace, with seeded faults, and its closing of the books."""
+"""A long run of the whole installation with seeded faults, and its closing of the books: in real time at ten times the nominal
+pace, or in virtual time at the nominal one."""
 
 from __future__ import annotations
 
 import random
-import time
 from pathlib import Path
 from typing import Callable, NamedTuple, Optional
 
+from . import clock
 from .account import slope, statement
 from .capturefile import CaptureFile
 from .installation import Installation
-from .plant import Plant
+from .plant import NOMINAL_PACE, PACE, Plant
 from .remoteunit import RemoteUnit
 from .serverprocess import Usage
 
-PAUSE = (1.0, 3.0)  # seconds between two faults
+PAUSE = (10.0, 30.0)  # seconds between two faults, at the nominal pace
+SAMPLES = 2000        # of the figures at most
+SHORTEST_PERIOD = 0.5  # between two samples
 WARM_UP = 0.3       # the part of a run in which memory may still find its size
 RESIDENT_GROWTH = 2 << 20  # bytes over the whole run, by the slope
 DESCRIPTOR_GROWTH = 4      # connections come and go meanwhile
@@ -27,21 +30,22 @@ class Sample(NamedTuple):
 
 class Soak:
     """`run` returns the violations, in words; none is what one hopes for. `say` gets what happens, line by line, and
-    `capture`, when set, what crosses the links."""
+    `capture`, when set, what crosses the links. With `virtual_time` (the library) it lasts so many seconds of that."""
 
-    def __init__(self, server: Path, seed: int, say: Callable[[str], None]):
+    def __init__(self, server: Path, seed: int, say: Callable[[str], None], virtual_time: Optional[Path] = None):
         self._server, self._seed, self._random, self._say = server, seed, random.Random(seed), say
+        self._virtual_time, self._pace = virtual_time, NOMINAL_PACE if virtual_time else PACE
         self.faults: dict[str, int] = {}
         self.capture: Optional[CaptureFile] = None
 
     def run(self, seconds: float) -> list[str]:
-        with Installation(self._server, capture=self.capture) as bench:
+        with Installation(self._server, capture=self.capture, virtual_time=self._virtual_time) as bench:
             self.bench = bench
             self.plant = Plant(bench, self._seed)
             self._wanderer, self._restless = self.plant.wanderer, self.plant.restless
             before = self._settled(5)
             self._impair()
-            self.plant.load()
+            self.plant.load(self._pace)
             samples = self._endure(seconds)
             self.plant.calm()
             violations = self._close_books() + self._judge_figures(before, samples)
@@ -63,24 +67,24 @@ class Soak:
     # --- faults ----------------------------------------------------------------------------------------------------
 
     def _endure(self, seconds: float) -> list[Sample]:
-        bench, began, samples = self.bench, time.monotonic(), []
-        sampler = bench.loop.call(bench.loop.every, 0.5, lambda: samples.append(
-            Sample(time.monotonic() - began, bench.server.usage())))
+        bench, began, samples = self.bench, clock.monotonic(), []
+        sampler = bench.loop.call(bench.loop.every, max(SHORTEST_PERIOD, seconds / SAMPLES), lambda: samples.append(
+            Sample(clock.monotonic() - began, bench.server.usage())))
         faults = (self._mute_controller, self._lose_network, self._reconnect, self._damage_stream,
                   self._silence_machine_controller, self._slow_unit)
-        while time.monotonic() - began < seconds:
+        while clock.monotonic() - began < seconds:
             fault = self._random.choice(faults)
             name = fault.__name__.strip("_").replace("_", " ")
             self.faults[name] = self.faults.get(name, 0) + 1
-            self._say(f"{time.monotonic() - began:8.1f} s  {name}")
+            self._say(f"{clock.monotonic() - began:8.1f} s  {name}")
             fault()
-            self._pause(self._random.uniform(*PAUSE))
+            self._pause(self._random.uniform(*PAUSE) / self._pace)
         sampler.cancel()
         return samples
 
     def _pause(self, seconds: float) -> None:
         until = self.bench.journal.now + seconds
-        self.bench.wait_for(lambda: self.bench.journal.now > until, seconds + 5, "time passes", poll=0.05)
+        self.bench.wait_for(lambda: self.bench.journal.now > until, seconds + 5, "time passes", poll=min(0.05, seconds))
 
     def _mute_controller(self) -> None:
         bench, log = self.bench, len(self.bench.server.log)
