@@ -21,8 +21,10 @@ exec strace -D -f -Y --seccomp-bpf -qq -o {out} -e signal=none -e trace={calls} 
 
 
 @pytest.fixture
-def traced(bench, tmp_path):
+def traced(bench, tmp_path, monkeypatch):
     """The board's server under a tracer; `calls` gives what its threads have done to files since `begin`."""
+    # The leak checker wants to be the tracer itself.
+    monkeypatch.setenv("ASAN_OPTIONS", os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0")
     trace, tracer = tmp_path / "trace", tmp_path / "tracer"
     tracer.write_text(TRACER.format(out=trace, calls=FILE_CALLS, program=bench.server._program))
     tracer.chmod(tracer.stat().st_mode | stat.S_IXUSR)
@@ -62,6 +64,10 @@ def test_after_the_start_only_the_file_threads_touch_files(traced):
     unit.leave()
     unit.join()
     unit.wait_verdict()
+    bench.unit(1002).join_fallback().wait_joined()
+    mark = bench.journal.mark()
+    bench.eth0.change_address("10.42.20.9/24")
+    bench.wait_for(lambda: bench.journal.last(link="uart", kind="event", event="EGRECONFIG", since=mark), 10.0)
     bench.show_tsaps(4)
 
     calls = traced.calls()

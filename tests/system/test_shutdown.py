@@ -40,9 +40,8 @@ def test_orderly_end_while_the_line_is_busy(running):
     assert running.server.stop(3) == 0
 
 
-def test_end_with_more_work_left_than_time(running):
-    """The service layer has been told to reload the configuration more often than it can until it must have ended: the
-    relay is open, and the process ends in time and in order without it."""
+def test_end_after_more_requests_than_can_be_served(running):
+    """Somebody asks for a new configuration far more often than it can be read: the process ends in time and in order."""
     with running.local_socket() as asking:
         subprocess.run([sys.executable, "-c", RELOADS, str(asking.fileno())], pass_fds=[asking.fileno()], check=True)
     running.server.signal(signal.SIGTERM)

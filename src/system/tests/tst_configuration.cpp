@@ -33,6 +33,9 @@ private slots:
     void remoteRowKeyThatIsNoNumberLandsAtZero();
     void pairedTestReadsBinaryAsText_data();
     void pairedTestReadsBinaryAsText();
+    void knownRemotesAreThoseOfAllRowsUpToAGap_data();
+    void knownRemotesAreThoseOfAllRowsUpToAGap();
+    void reloadForgetsRemotes();
 
     void setAppTagChangesExistingRowsOnly();
     void reloadDropsWhatWasSetInMemory();
@@ -278,6 +281,41 @@ void TestConfiguration::pairedTestReadsBinaryAsText()
     m_files->putRemotes(rows);
     const Configuration configuration(m_files->sources(), nullptr);
     QCOMPARE(configuration.isRemotePaired(static_cast<unsigned short>(ruId)), paired);
+}
+
+void TestConfiguration::knownRemotesAreThoseOfAllRowsUpToAGap_data()
+{
+    QTest::addColumn<QByteArray>("rows");
+    QTest::addColumn<int>("ruId");
+    QTest::addColumn<bool>("known");
+    QTest::newRow("no remote at all") << QByteArray() << 0 << false;
+    QTest::newRow("first row") << QByteArray("0;7;1;2;3;4\n1;9;1;2;3;4\n") << 7 << true;
+    QTest::newRow("last row") << QByteArray("0;7;1;2;3;4\n1;9;1;2;3;4\n") << 9 << true;
+    QTest::newRow("row numbers are no identities") << QByteArray("0;7;1;2;3;4\n1;9;1;2;3;4\n") << 1 << false;
+    QTest::newRow("the largest") << QByteArray("0;65535;1;2;3;4\n") << 65535 << true;
+    QTest::newRow("65536 is nobody's, not that of 0") << QByteArray("0;65536;1;2;3;4\n") << 0 << false;
+    QTest::newRow("no number reads as 0") << QByteArray("0;;1;2;3;4\n") << 0 << true;
+    QTest::newRow("behind a gap") << QByteArray("0;7;1;2;3;4\n2;9;1;2;3\n") << 9 << false;
+}
+
+void TestConfiguration::knownRemotesAreThoseOfAllRowsUpToAGap()
+{
+    QFETCH(QByteArray, rows);
+    QFETCH(int, ruId);
+    QFETCH(bool, known);
+    m_files->putRemotes(rows);
+    const Configuration configuration(m_files->sources(), nullptr);
+    QCOMPARE(configuration.isRemoteKnown(static_cast<unsigned short>(ruId)), known);
+}
+
+void TestConfiguration::reloadForgetsRemotes()
+{
+    m_files->putRemotes("0;7;1;2;3;4\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    m_files->putRemotes("0;9;1;2;3;4\n");
+    configuration.reConfig();
+    QVERIFY(!configuration.isRemoteKnown(7));
+    QVERIFY(configuration.isRemoteKnown(9));
 }
 
 void TestConfiguration::setAppTagChangesExistingRowsOnly()

@@ -7,6 +7,8 @@
 #include <QSignalSpy>
 #include <QtTest>
 
+#include <ctime>
+
 class TestConfigurationPairing : public QObject
 {
     Q_OBJECT
@@ -19,6 +21,7 @@ private slots:
     void pairingFillsAnEmptyFile();
     void pairingRenewsTheKeysOfAKnownRemote();
     void pairingNeverTakesAnotherRemotesRow();
+    void pairingBesideManyRemotesTakesItsTimeOnce();
     void pairingWithoutIdentityColumnIsFatal();
     void pairingWithoutAKeyColumnStoresTheOtherWords();
     void pairingReachesTheFileInOneStep();
@@ -88,6 +91,27 @@ void TestConfigurationPairing::pairingNeverTakesAnotherRemotesRow()
     Configuration configuration(m_files->sources(), nullptr);
     configuration.writeToConfigFile(9, 1, 2, 3, 4);
     QCOMPARE(m_files->remoteRows(), QByteArray("0;7;10;20;30;40\n1;8;11;21;31;41\n;;;;;\n2;9;1;2;3;4\n"));
+}
+
+// The key after that of the blank line is taken, and so are those after it: 60,000 times looking through 60,000 rows
+// takes minutes on the board.
+void TestConfigurationPairing::pairingBesideManyRemotesTakesItsTimeOnce()
+{
+    QByteArray rows;
+    for (int row = 0; row < 60000; ++row) {
+        const QByteArray number = QByteArray::number(row);
+        rows += number + ';' + QByteArray::number(row + 1) + ";1;2;3;4\n";
+    }
+    m_files->putRemotes(rows + '\n');
+    Configuration configuration(m_files->sources(), nullptr);
+    const std::clock_t before = std::clock(); // of the processor: others may have work, too
+
+    QVERIFY(configuration.updateRemotePairing(60001, 1, 2, 3, 4));
+
+    const double seconds = double(std::clock() - before) / CLOCKS_PER_SEC;
+    QVERIFY2(seconds < 5, qPrintable(QString("%1 s").arg(seconds)));
+    QVERIFY(m_files->remoteRows().endsWith("\n60000;;;;;\n60001;60001;1;2;3;4\n")); // numbered anew by the reload
+    QVERIFY(configuration.isRemoteKnown(60001));
 }
 
 void TestConfigurationPairing::pairingWithoutIdentityColumnIsFatal()
