@@ -7,7 +7,7 @@ ARCH       ?=
 CROSS_ARCH := $(or $(ARCH),armhf)
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test soak sanitize fuzz coverage bench format lint clean
+.PHONY: help build run test unit-test tool-test system-test soak safety sanitize fuzz coverage bench format lint clean
 .PHONY: cross cross-build package release-build package-test board
 
 help: ## list the targets
@@ -38,6 +38,10 @@ system-test: build ## the real binary on the simulated installation, and two min
 soak: build ## all peers with seeded faults, SEED (1): at ten times the nominal pace for MINUTES (10), or for DAYS of virtual time
 	@scripts/ensure-packages run
 	@bench/soak $(if $(DAYS),--days $(DAYS),--minutes $(or $(MINUTES),10)) --seed $(or $(SEED),1) --server $(BUILD)/tessaroserver
+
+safety: build ## whatever stands still, the relay opens in time: TRIES (100) of each stall; OPTIONS="--stall tar --write docs/safety.md"
+	@scripts/ensure-packages run safety
+	@bench/safety --tries $(or $(TRIES),100) --server $(BUILD)/tessaroserver $(OPTIONS)
 
 sanitize: ## unit and system tests under address and undefined-behaviour sanitizers
 	@scripts/ensure-packages build test

@@ -63,6 +63,11 @@ class Journal:
         return clock.monotonic() - self._began
 
     @property
+    def began(self) -> float:
+        """The journal's time 0 on the monotonic clock, for times that others have taken."""
+        return self._began
+
+    @property
     def wall_began(self) -> float:
         """Wall-clock time (seconds since the epoch) of the journal's time 0, for captures."""
         return self._wall_began

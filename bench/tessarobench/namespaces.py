@@ -19,6 +19,7 @@ from typing import Any, Callable, Optional
 CLONE_NEWNS, CLONE_NEWUSER, CLONE_NEWPID, CLONE_NEWNET = 0x00020000, 0x10000000, 0x20000000, 0x40000000
 MS_BIND, MS_MOVE, MS_REC, MS_PRIVATE = 0x1000, 0x2000, 0x4000, 0x40000
 MS_NOSUID, MS_NODEV, MS_NOEXEC = 0x2, 0x4, 0x8
+MNT_DETACH = 2
 _PR_SET_PDEATHSIG = 1
 _SANDBOX_MARK = "TESSARO_SANDBOX"
 _PASSED_ON, _FROM_TERMINAL = [signal.SIGTERM, signal.SIGHUP], [signal.SIGINT, signal.SIGQUIT]
@@ -43,6 +44,11 @@ def unshare(flags: int) -> None:
 def mount(source: str, target: str, kind: Optional[str], flags: int = 0, options: str = "") -> None:
     _check(_libc.mount(source.encode(), target.encode(), kind.encode() if kind else None, ctypes.c_ulong(flags),
                        options.encode() or None), f"mount of {target}")
+
+
+def unmount(target: str) -> None:
+    """At once for everybody who comes later; whoever uses it still may go on."""
+    _check(_libc.umount2(target.encode(), MNT_DETACH), f"unmount of {target}")
 
 
 # --- the sandbox -------------------------------------------------------------------------------------------------------

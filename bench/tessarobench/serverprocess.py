@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import contextlib
+import fcntl
 import os
 import resource
 import signal
@@ -17,6 +19,7 @@ from .namespaces import World
 
 LINK = "server"
 STAMP_LENGTH = len("20220327 17:52:59.123")
+_FILLER = b"\0"  # fills the pipe of a log that nobody reads; no line holds one
 _PAGE = os.sysconf("SC_PAGESIZE")
 
 
@@ -54,9 +57,12 @@ def _cpu_clock(pid: int) -> int:
 
 
 def _bound(table: str, port: int, state: str) -> bool:
-    """Whether a table of /proc/PID/net holds a socket on this local port in this state."""
-    with open(table, encoding="ascii") as file:
-        rows = [line.split() for line in file][1:]
+    """Whether a table of /proc/PID/net holds a socket on this local port in this state. A process that has ended has none."""
+    try:
+        with open(table, encoding="ascii") as file:
+            rows = [line.split() for line in file][1:]
+    except FileNotFoundError:
+        return False
     return any(row[1].endswith(f":{port:04X}") and row[3] == state for row in rows)
 
 
@@ -81,15 +87,17 @@ class ServerProcess:
 
     # --- life ------------------------------------------------------------------------------------------------------
 
-    def start(self, env: Optional[dict[str, str]] = None, limits: Optional[dict[int, int]] = None) -> "ServerProcess":
-        """Starts the program as the only thing in its environment; `limits` are resource limits (RLIMIT_... -> number)."""
+    def start(self, env: Optional[dict[str, str]] = None, limits: Optional[dict[int, int]] = None,
+              log_stalled: bool = False, before: str = "") -> "ServerProcess":
+        """Starts the program as the only thing in its environment; `limits` are resource limits (RLIMIT_... -> number).
+        `log_stalled`: see stall_log. `before`: what a shell does before it becomes the program."""
         assert not self.running, "the server runs already"
         virtual = self._loop.virtual
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(HOME), "LC_ALL": "C.UTF-8",
                        **{key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")},
                        **(virtual.environment(HOME) if virtual else {}), **(env or {})}
         # On that thread, where no interrupt cuts it in two.
-        self._world.run(self._spawn, environment, {resource.RLIMIT_CORE: 0, **(limits or {})})
+        self._world.run(self._spawn, environment, {resource.RLIMIT_CORE: 0, **(limits or {})}, log_stalled, before)
         return self
 
     @property
@@ -103,7 +111,8 @@ class ServerProcess:
     def signal(self, number: int) -> None:
         if self.running:
             self._note("signal", name=signal.Signals(number).name)
-            os.kill(self.pid, number)
+            with contextlib.suppress(ProcessLookupError):  # it has just ended by itself
+                os.kill(self.pid, number)
 
     def stop(self, timeout: float = 5.0) -> int:
         """Asks it to end (SIGTERM) and returns the exit status; one that does not obey is killed and raises."""
@@ -141,7 +150,9 @@ class ServerProcess:
         """Waits until somebody on the board listens on this UDP (SOCK_DGRAM) or TCP (SOCK_STREAM) port."""
         table = f"/proc/{self.pid}/net/{'udp' if kind == socket.SOCK_DGRAM else 'tcp'}"
         state = "07" if kind == socket.SOCK_DGRAM else "0A"
-        self._loop.wait_for(lambda: _bound(table, port, state), timeout, f"somebody listening on port {port}", poll=0.005)
+        self._loop.wait_for(lambda: not self.running or _bound(table, port, state), timeout,
+                            f"somebody listening on port {port}", poll=0.005)
+        assert self.running, f"the server ended with {self.exit_status} before it listened on port {port}"
 
     # --- log -------------------------------------------------------------------------------------------------------
 
@@ -171,6 +182,22 @@ class ServerProcess:
             if text in (line.text, line.plain) or (not whole and (text in line.text or text in line.plain)):
                 return index + 1
         return None
+
+    # --- a log that stalls -----------------------------------------------------------------------------------------
+
+    def stall_log(self) -> None:
+        """From now on nobody reads the log, and its pipe is full: the next line blocks whoever writes it."""
+        self._loop.call(self._stall_log)
+
+    def read_log(self) -> None:
+        """Somebody reads the log again; what had been written is not lost."""
+        self._note("log read")
+        self._loop.call(lambda: self._pipe >= 0 and self._loop.watch(self._pipe, self._read_log))
+
+    def lose_log_reader(self) -> None:
+        """The log's reader has gone for good: every write ends with EPIPE."""
+        self._note("log reader gone")
+        self._loop.call(self._close_log)
 
     # --- figures ---------------------------------------------------------------------------------------------------
 
@@ -209,11 +236,14 @@ class ServerProcess:
 
     # --- inside ----------------------------------------------------------------------------------------------------
 
-    def _spawn(self, environment: dict[str, str], limits: dict[int, int]) -> None:
+    def _spawn(self, environment: dict[str, str], limits: dict[int, int], log_stalled: bool, before: str) -> None:
         self._pipe, write_end = os.pipe2(os.O_CLOEXEC | os.O_NONBLOCK)
+        if log_stalled:
+            self._fill_log()
         os.set_blocking(write_end, True)
+        command = ["/bin/sh", "-c", f'{before}; exec "$0"', self._program] if before else [self._program]
         try:
-            self._process = subprocess.Popen([self._program], cwd=HOME, env=environment,
+            self._process = subprocess.Popen(command, cwd=HOME, env=environment,
                                              stdin=subprocess.DEVNULL, stdout=write_end, stderr=write_end,
                                              start_new_session=True)  # an interrupt at the terminal is for the bench
         except BaseException:
@@ -224,15 +254,37 @@ class ServerProcess:
         self._pidfd = os.pidfd_open(self.pid)
         for limit, value in limits.items():
             resource.prlimit(self.pid, limit, (value, value))
-        self._loop.call(self._begin)
+        self._loop.call(self._begin, not log_stalled)
 
-    def _begin(self) -> None:
+    def _begin(self, reading: bool) -> None:
         self.log, self.exit_status, self._rest = [], None, b""
         if self._loop.virtual:
             self._loop.virtual.begin(self.pid)
         self._journal.add(LINK, BENCH, "started", pid=self.pid)
-        self._loop.watch(self._pipe, self._read_log)
+        if reading:
+            self._loop.watch(self._pipe, self._read_log)
         self._loop.watch(self._pidfd, self._ended)
+
+    def _stall_log(self) -> None:
+        self._loop.watch(self._pipe)
+        while self._read_log():
+            pass
+        self._journal.add(LINK, BENCH, "log stalled")
+        self._fill_log()
+
+    def _fill_log(self) -> None:
+        size = fcntl.fcntl(self._pipe, fcntl.F_GETPIPE_SZ)
+        filling = os.open(f"/proc/self/fd/{self._pipe}", os.O_WRONLY | os.O_NONBLOCK | os.O_CLOEXEC)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                os.write(filling, _FILLER * size)
+        os.close(filling)
+
+    def _close_log(self) -> None:
+        if self._pipe >= 0:
+            self._loop.watch(self._pipe)
+            os.close(self._pipe)
+            self._pipe = -1
 
     def _read_log(self) -> bool:
         try:
@@ -242,6 +294,7 @@ class ServerProcess:
         if not data:
             self._loop.watch(self._pipe)
             return False
+        data = data.replace(_FILLER, b"")
         *lines, self._rest = (self._rest + data).split(b"\n")
         for raw in lines:
             self._take_line(raw)
@@ -253,14 +306,13 @@ class ServerProcess:
         self._journal.add(LINK, FROM_BASE_UNIT, "log", text=line.text)
 
     def _ended(self) -> None:
-        while self._read_log():
+        while self._pipe >= 0 and self._read_log():
             pass
         if self._rest:
             self._take_line(self._rest)
         self._loop.watch(self._pidfd)
-        self._loop.watch(self._pipe)
         os.close(self._pidfd)
-        os.close(self._pipe)
+        self._close_log()
         if self._loop.virtual:
             self._loop.virtual.end()
         status = self._process.wait()

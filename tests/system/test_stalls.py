@@ -1,0 +1,30 @@
+"""The relay opens in time and a machine stop is decided on at once, whatever stands still beside the server.
+
+One try of each combination, for what a stall prevents altogether. Beside other tests no time is to be relied on to the
+millisecond; `make safety` makes a hundred tries of each and judges them by the limits of docs/safety.md.
+"""
+
+import pytest
+
+from tessarobench.stalls import STALLS
+from tessarobench.stalltrial import EVENTS, attempt, build_library
+
+BESIDE_OTHERS = {"silence": 1.0, "stop": 0.1, "sigterm": 0.3}  # seconds
+HEAVY = {"processors", "memory"}  # they would disturb the other tests; bench/safety tries them
+BY_THE_SERVICE_MANAGER = {"disk-fails", "descriptors"}  # there the server may end, and its end opens the relay
+
+
+@pytest.fixture(scope="session")
+def library(tmp_path_factory):
+    return build_library(tmp_path_factory.mktemp("decision"))
+
+
+@pytest.mark.parametrize("event", EVENTS)
+@pytest.mark.parametrize("stall", [name for name in STALLS if name not in HEAVY | BY_THE_SERVICE_MANAGER])
+def test_the_safe_state_survives(server_path, library, stall, event):
+    if STALLS[stall].refused():
+        pytest.skip(STALLS[stall].refused())
+    outcome = attempt(server_path, STALLS[stall], event, library)
+    assert outcome.seconds is not None, outcome.remark
+    print(f"\n{STALLS[stall].title}; {EVENTS[event].title}: {1000 * outcome.seconds:.1f} ms {outcome.remark}")
+    assert outcome.seconds < BESIDE_OTHERS[event]
