@@ -72,7 +72,7 @@ cross-build:
 	@scripts/ensure-packages build cross cross-$(CROSS_ARCH)
 	@scripts/cross-sysroot $(CROSS_ARCH) >/dev/null
 	@cmake --preset $(CROSS_ARCH) --log-level=WARNING >/dev/null
-	@cmake --build build-$(CROSS_ARCH) --target tessaroserver
+	@cmake --build build-$(CROSS_ARCH) --target tessaroserver tessaro-relay-open
 
 ifeq ($(ARCH),)
 package: release-build ## a Debian package for this machine, or for a board (ARCH=armhf or arm64)
@@ -87,7 +87,7 @@ endif
 release-build:
 	@scripts/ensure-packages build
 	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build build-release --target tessaroserver
+	@cmake --build build-release --target tessaroserver tessaro-relay-open
 
 package-test: release-build ## install, upgrade and remove the package in a clean Debian
 	@scripts/package-test

@@ -18,13 +18,18 @@
 #include "service_layer.h"
 #include "system_event_service.h"
 #include "tagdatabase.h"
+#include "threads.h"
+#include "watchdog.h"
 
 #include <QDebug>
 #include <QHostAddress>
+#include <QSemaphore>
+#include <QStringList>
 #include <QThread>
 
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 
 namespace {
 
@@ -98,7 +103,7 @@ TessaroServer::TessaroServer(QObject* parent)
     : QObject(parent)
 {
     qInfo() << "Starting TZ-400 Tessaro Server [ build of " << __DATE__ << " " << __TIME__ << "]";
-    msRelayControl = new MsRelayControl(this);
+    createRelayControl();
     tagDatabase = new TagDatabase(this);
     tagDatabase->prePopulate();
     createFileThread();
@@ -108,12 +113,15 @@ TessaroServer::TessaroServer(QObject* parent)
     connectTagUpdates(BuStateTag, SLOT(buStateChanged(QVariant)));
     createServiceLayer();
     inFileThread([this] { createPairServer(); });
+    claimRights();
+    startWatchdog();
 }
 
 TessaroServer::~TessaroServer()
 {
     // The safe state first: whatever follows may take a moment.
-    msRelayControl->openForShutdown();
+    openRelay();
+    m_watchdog->stop();
 
     // The producers of the main thread's work end before what they work on.
     if (!joinThreads()) {
@@ -124,15 +132,29 @@ TessaroServer::~TessaroServer()
     delete rgpCom;
     delete myConfiguration;
     delete tagDatabase;
-    delete msRelayControl;
+}
+
+/// Makes the control in its own thread, which has nothing else to do, and waits until the relay is set up.
+void TessaroServer::createRelayControl()
+{
+    m_relayThread = Threads::make("relay");
+    QObject messenger;
+    messenger.moveToThread(m_relayThread);
+    m_relayThread->start(QThread::InheritPriority);
+    const auto create = [this, &messenger] {
+        Threads::claimPriority(Threads::Role::Relay);
+        msRelayControl = new MsRelayControl(nullptr);
+        connect(m_relayThread, &QThread::finished, msRelayControl, &MsRelayControl::deleteLater);
+        messenger.moveToThread(thread());
+    };
+    QMetaObject::invokeMethod(&messenger, create, Qt::BlockingQueuedConnection);
 }
 
 /// Once the start is over, nothing that waits for a disk is done in any other thread of ours. Whatever holds this one
 /// up holds up configuration and pairing, and nobody else.
 void TessaroServer::createFileThread()
 {
-    m_fileThread = new QThread;
-    m_fileThread->setObjectName(QStringLiteral("files"));
+    m_fileThread = Threads::make("files");
     m_fileWork = new QObject;
     m_fileWork->moveToThread(m_fileThread);
     connect(m_fileThread, &QThread::finished, m_fileWork, &QObject::deleteLater);
@@ -168,7 +190,7 @@ void TessaroServer::inFileThread(Step step)
 void TessaroServer::createApiServer()
 {
     apiServer = new APIServer(tagDatabase, nullptr);
-    m_apiThread = new QThread;
+    m_apiThread = Threads::make("api");
     connect(m_apiThread, &QThread::started, apiServer, &APIServer::start);
     connect(m_apiThread, &QThread::finished, apiServer, &APIServer::deleteLater);
     apiServer->moveToThread(m_apiThread);
@@ -177,7 +199,7 @@ void TessaroServer::createApiServer()
 
 void TessaroServer::createServiceLayer()
 {
-    m_serviceThread = new QThread;
+    m_serviceThread = Threads::make("service-layer");
     serviceLayer = new ServiceLayer(rgpCom, myConfiguration, tagDatabase, nullptr);
     serviceLayer->moveToThread(m_serviceThread);
     connect(m_serviceThread, &QThread::finished, serviceLayer, &ServiceLayer::deleteLater);
@@ -191,6 +213,7 @@ void TessaroServer::createServiceLayer()
 /// still busy would otherwise announce it to nobody, and the configuration would never be fetched.
 void TessaroServer::bringUpServices()
 {
+    Threads::claimPriority(Threads::Role::ServiceLayer);
     serviceLayer->initialize();
     services = serviceLayer->getServices();
     resolveServices();
@@ -287,7 +310,7 @@ void TessaroServer::initializeEgLink(QVariant buIdentity)
 // clang-format off: a table is read by its columns.
 void TessaroServer::startEgLinkThread()
 {
-    m_egLinkThread = new QThread;
+    m_egLinkThread = Threads::make("eglink");
     connect(m_egLinkThread, SIGNAL(started()), egLink, SLOT(run()));
     connect(m_egLinkThread, SIGNAL(finished()), m_egLinkThread, SLOT(deleteLater()));
     connect(egLink, SIGNAL(EGLinkStatus(quint8)), this, SLOT(updateEgLinkStatus(quint8)));
@@ -335,6 +358,45 @@ quint32 TessaroServer::vrpoByteCountOf(TagDatabase& tags)
     return static_cast<quint32>(highestStart + sizeThere);
 }
 
+/// At the end of the start, which may take its time and reads much that is never needed again.
+void TessaroServer::claimRights()
+{
+    QStringList refused;
+    if (!Threads::claimPriority(Threads::Role::Hub)) {
+        refused.append(QStringLiteral("real-time priority"));
+    }
+    if (!Threads::lockMemory()) {
+        refused.append(QStringLiteral("locked memory"));
+    }
+    if (!refused.isEmpty()) {
+        qInfo().noquote() << "TessaroServer: not allowed:" << refused.join(QStringLiteral(", "))
+                          << "- deadlines hold while processors and memory are free.";
+    }
+}
+
+void TessaroServer::startWatchdog()
+{
+    m_watchdog = new Watchdog(this);
+    m_watchdog->watch(serviceLayer, QStringLiteral("service layer"));
+    m_watchdog->watch(msRelayControl, QStringLiteral("relay"));
+    m_watchdog->watch(apiServer, QStringLiteral("API"));
+    m_watchdog->start();
+}
+
+/// In the relay's own thread, behind what that is just doing; nothing closes the relay after it.
+void TessaroServer::openRelay()
+{
+    const auto isOpen = std::make_shared<QSemaphore>();
+    const auto open = [this, isOpen] {
+        msRelayControl->openForShutdown();
+        isOpen->release();
+    };
+    QMetaObject::invokeMethod(msRelayControl, open, Qt::QueuedConnection);
+    if (!isOpen->tryAcquire(1, RelayPatienceMs)) {
+        msRelayControl->openFromOutside();
+    }
+}
+
 bool TessaroServer::joinThreads()
 {
     bool allEnded = true;
@@ -348,6 +410,7 @@ bool TessaroServer::joinThreads()
     // Behind the local interface, which calls into the reload directly.
     allEnded = joinThread(m_fileThread, "File") && allEnded;
     allEnded = joinThread(m_serviceThread, "Service layer") && allEnded;
+    allEnded = joinThread(m_relayThread, "Relay") && allEnded;
     return stopChecksums() && allEnded;
 }
 

@@ -26,6 +26,7 @@ class SystemEventService;
 class Tag;
 class TagDatabase;
 class TransportLayer;
+class Watchdog;
 
 /// The name of a base-unit state, a value of the tag "bu_state". The armed states are numbered from 16.
 QString BuStateToString(int state);
@@ -33,16 +34,19 @@ QString BuStateToString(int state);
 /// The root of the object tree: builds every long-lived component in a fixed order, starts the worker threads and makes
 /// every connection between components. Lives in the main thread; what waits for a disk it puts into the file thread.
 ///
-/// The constructor returns when the internal-link stack is up in its thread and knows its receivers. The destructor
-/// opens the machine-stop relay, asks every worker thread to quit and joins each within ThreadJoinTimeoutMs, then
-/// releases the components in the reverse order of their making. If a thread does not end in time, that is logged and
-/// the process ends at once, with exit code 0 and nothing released.
+/// The constructor returns when the internal-link stack is up in its thread and knows its receivers; by then it has
+/// told the service manager, if there is one, that the server is ready. The destructor opens the machine-stop relay,
+/// asks every worker thread to quit and joins each within ThreadJoinTimeoutMs, then releases the components in the
+/// reverse order of their making. If a thread does not end in time, that is logged and the process ends at once, with
+/// exit code 0 and nothing released.
 class TessaroServer : public QObject
 {
     Q_OBJECT
 
 public:
     static constexpr unsigned long ThreadJoinTimeoutMs = 1000;
+    /// How long the end waits for the relay's thread before it opens the relay itself.
+    static constexpr int RelayPatienceMs = 100;
 
     explicit TessaroServer(QObject* parent = nullptr);
     ~TessaroServer() override;
@@ -68,6 +72,7 @@ private:
     void createPairServer();
     template<typename Step>
     void inFileThread(Step step);
+    void createRelayControl();
     void createApiServer();
     void createServiceLayer();
     void bringUpServices();
@@ -75,6 +80,9 @@ private:
     void connectComponents();
     void connectTagUpdates(const QString& tagName, const char* slot);
     void startEgLinkThread();
+    void claimRights();
+    void startWatchdog();
+    void openRelay();
     bool joinThreads();
     static bool stopChecksums();
     static bool joinThread(QThread* thread, const char* name);
@@ -104,6 +112,8 @@ private:
     QObject* m_fileWork = nullptr; ///< parent of what lives in the file thread: the reload and the pair server
 
     QThread* m_fileThread = nullptr;
+    Watchdog* m_watchdog = nullptr;
+    QThread* m_relayThread = nullptr;
     QThread* m_apiThread = nullptr;
     QThread* m_serviceThread = nullptr;
     QPointer<QThread> m_egLinkThread; ///< deletes itself when it finishes

@@ -1,5 +1,6 @@
 #include "msrelaycontrol.h"
 
+#include "gpiolines.h"
 #include "myassertfunc.h"
 
 #include <QDebug>
@@ -24,12 +25,6 @@ enum FatalLine : unsigned int {
     MonitorNotRead = 133,
     MonitorUnexpected = 134,
 };
-
-constexpr char GpioFolder[] = "/sys/class/gpio";
-
-// Numbers of the lines on the base unit's board.
-constexpr int DriveLine = 37;
-constexpr int MonitorLine = 38;
 
 constexpr int MonitorBytes = 3; ///< the level, a line end, and one byte that should not be there
 
@@ -138,9 +133,14 @@ void MsRelayControl::updateState()
 
 bool MsRelayControl::openForShutdown()
 {
-    m_isShutDown = true;
     machineStopPressedTimer->stop();
     currentMSState = OPEN;
+    return openFromOutside();
+}
+
+bool MsRelayControl::openFromOutside()
+{
+    m_isShutDown = true;
     QFile drive(lineFile(DriveLine, "value"));
     return drive.open(WriteMode) && drive.write("0", 1) == 1;
 }

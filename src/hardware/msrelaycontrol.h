@@ -5,15 +5,17 @@
 #include <QString>
 #include <QTimer>
 
+#include <atomic>
+
 /// Drives the machine-stop relay through GPIO line 37 and reads its contact back on line 38 (sysfs interface).
 ///
 /// The relay is closed from construction on, opened while the internal link has failed, and closed again when the link
 /// is back. It therefore stays closed while a link that never came up is silent. A machine stop of the armed remote
 /// unit must open the relay within a second; one that is still closed then is opened from here and reported.
 ///
-/// Lives in the main thread. A GPIO file that does not behave ends the process by the fatal assertion of
-/// "src/hardware/msrelaycontrol"; only the writes to the export file are unchecked, for they fail on lines that are
-/// exported already.
+/// Lives in a thread of its own, in which it is made, so that nothing that the server has to do elsewhere delays it. A
+/// GPIO file that does not behave ends the process by the fatal assertion of "src/hardware/msrelaycontrol"; only the
+/// writes to the export file are unchecked, for they fail on lines that are exported already.
 class MsRelayControl : public QObject
 {
     Q_OBJECT
@@ -51,6 +53,9 @@ public:
     /// Opens the relay as the last act of an orderly end; whatever arrives afterwards leaves it open. Never fatal.
     /// @return false if the drive line could not be written.
     bool openForShutdown();
+    /// The same from another thread, when this object's thread does not answer. An event that is just being handled may
+    /// still come after it.
+    bool openFromOutside();
 
 public slots:
     /// States of the internal link: 0 opens the relay, 1 and 2 close it, others change nothing.
@@ -71,7 +76,7 @@ private:
 
     const QString m_gpioFolder;
     bool initialized = false;
-    bool m_isShutDown = false;
+    std::atomic<bool> m_isShutDown{false};
     QTimer* machineStopPressedTimer;
     MSState currentMSState = OPEN;
 };

@@ -13,6 +13,7 @@
 #include "remoteunitcheck.h"
 #include "tag.h"
 #include "tagdatabase.h"
+#include "threads.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -84,10 +85,12 @@ void RGPCom::initialize(GfallbackServiceC* gFallback, CFallbackServiceC* cFallba
 void RGPCom::startFallbackLink(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback)
 {
     m_gFallbackLink = new GLinkTransportFallback(m_config, m_tagDatabase, nullptr);
-    m_fallbackThread = new QThread;
+    m_fallbackThread = Threads::make("fallback");
     m_gFallbackLink->moveToThread(m_fallbackThread);
     connectFallback(gFallback);
     connectServiceForwards(cFallback);
+    connect(m_fallbackThread, &QThread::started, m_gFallbackLink,
+            [] { Threads::claimPriority(Threads::Role::UnitLink); });
     connect(m_fallbackThread, &QThread::finished, m_fallbackThread, &QThread::deleteLater);
     m_fallbackThread->start(QThread::InheritPriority);
 }

@@ -9,8 +9,8 @@
 /// Lines on their way from any number of threads to the one that writes them: a ring of fixed size without a lock, so
 /// that a thread that is held up in the middle of a call holds up no other thread that adds.
 ///
-/// Each slot carries a number that tells whose turn it is: equal to the position of the next line that may be put there,
-/// or one more once the line is there. Adding threads take positions in order, which is the order of the lines.
+/// Each slot carries a number that tells whose turn it is: equal to the position of the next line that may be put
+/// there, or one more once the line is there. Adding threads take positions in order, which is the order of the lines.
 class LineQueue
 {
 public:

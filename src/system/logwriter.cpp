@@ -25,8 +25,8 @@ constexpr qint64 MsPerSecond = 1000;
 constexpr qint64 SecondsPerMinute = 60;
 constexpr char Separator[] = " - ";
 
-/// "yyyyMMdd hh:mm:" of a minute. Zones change their offset at full minutes, so that the calendar, which takes a lock of
-/// the C library, is asked once a minute and thread.
+/// "yyyyMMdd hh:mm:" of a minute. Zones change their offset at full minutes, so that the calendar, which takes a lock
+/// of the C library, is asked once a minute and thread.
 struct MinuteText
 {
     qint64 minute = -1;
@@ -97,7 +97,8 @@ void openStandardDescriptors()
     }
 }
 
-/// Writes until all is written or can never be. A reader that has gone may be followed by another: the next batch tries.
+/// Writes until all is written or can never be. A reader that has gone may be followed by another: the next batch
+/// tries.
 void writeAll(int descriptor, const char* data, std::size_t size)
 {
     while (size > 0) {

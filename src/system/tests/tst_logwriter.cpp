@@ -114,12 +114,15 @@ void TestLogWriter::aLineReads_data()
     QTest::newRow("plain") << QStringLiteral("MSState::OPEN") << QByteArray("20261122 09:25:10.007 - MSState::OPEN\n");
     QTest::newRow("empty") << QString() << QByteArray("20261122 09:25:10.007 - \n");
     QTest::newRow("other letters") << QStringLiteral("na\u00EFve \u2192 \U0001F600")
-                                   << QByteArray("20261122 09:25:10.007 - na\xC3\xAFve \xE2\x86\x92 \xF0\x9F\x98\x80\n");
+                                   << QByteArray(
+                                          "20261122 09:25:10.007 - na\xC3\xAFve \xE2\x86\x92 \xF0\x9F\x98\x80\n");
     QTest::newRow("up to a zero byte") << QStringLiteral("ab") + QChar(0) + QStringLiteral("cd")
                                        << QByteArray("20261122 09:25:10.007 - ab\n");
-    QTest::newRow("other letters up to a zero byte")
-        << QStringLiteral("\u00E4b") + QChar(0) + QStringLiteral("cd") << QByteArray("20261122 09:25:10.007 - \xC3\xA4" "b\n");
-    QTest::newRow("a line end inside") << QStringLiteral("one\ntwo") << QByteArray("20261122 09:25:10.007 - one\ntwo\n");
+    QTest::newRow("other letters up to a zero byte") << QStringLiteral("\u00E4b") + QChar(0) + QStringLiteral("cd")
+                                                     << QByteArray("20261122 09:25:10.007 - \xC3\xA4"
+                                                                   "b\n");
+    QTest::newRow("a line end inside") << QStringLiteral("one\ntwo")
+                                       << QByteArray("20261122 09:25:10.007 - one\ntwo\n");
 }
 
 void TestLogWriter::aLineReads()

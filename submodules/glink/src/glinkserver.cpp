@@ -1,6 +1,7 @@
 #include "glinkserver.h"
 
 #include "rgpcom.h"
+#include "threads.h"
 
 #include <QDeadlineTimer>
 #include <QDebug>
@@ -21,7 +22,6 @@ constexpr char ListenAddress[] = "192.168.32.1";
 
 /// More threads than any installation has units, and few enough for a 32-bit address space.
 constexpr int MaxConnections = 1024;
-constexpr unsigned int ThreadStackBytes = 512 * 1024;
 
 constexpr int DescriptorsPerConnection = 3; ///< socket, event loop, and one to spare
 constexpr int ReservedDescriptors = 128;    ///< for all other parts of the server
@@ -99,9 +99,7 @@ void GLinkServer::incomingConnection(qintptr socketDescriptor)
         return;
     }
     auto* const transport = new GLinkTransportTcp(socketDescriptor, 0, m_configuration, m_tagDatabase, nullptr);
-    auto* const thread = new QThread;
-    thread->setObjectName(QStringLiteral("glink-tcp"));
-    thread->setStackSize(ThreadStackBytes);
+    auto* const thread = Threads::make("glink-tcp");
     transport->setTimes(m_times);
     transport->moveToThread(thread);
     wire(transport, thread);
@@ -119,6 +117,7 @@ void GLinkServer::incomingConnection(qintptr socketDescriptor)
 void GLinkServer::wire(GLinkTransportTcp* transport, QThread* thread)
 {
     // Into the connection's thread.
+    connect(thread, &QThread::started, transport, [] { Threads::claimPriority(Threads::Role::UnitLink); });
     connect(thread, &QThread::started, transport, &GLinkTransportTcp::run);
     // Direct, so that a thread also ends while the main thread waits for it.
     connect(transport, &GLinkTransportTcp::finished, thread, &QThread::quit, Qt::DirectConnection);

@@ -1,6 +1,7 @@
 #include "serialport.h"
 
 #include "serialportreadthreadworker.h"
+#include "threads.h"
 
 #include <QDebug>
 #include <QThread>
@@ -36,7 +37,7 @@ void setFrameLineMode(termios& settings)
 
 SerialPort::SerialPort(QObject* parent)
     : QObject(parent)
-    , readThread(new QThread)
+    , readThread(Threads::make("uart-reader"))
     , readWorker(new SerialPortReadThreadWorker)
 {
     QObject::connect(readThread, &QThread::finished, readWorker, &QObject::deleteLater);

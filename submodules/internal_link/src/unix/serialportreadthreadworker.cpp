@@ -1,5 +1,7 @@
 #include "serialportreadthreadworker.h"
 
+#include "threads.h"
+
 #include <QDeadlineTimer>
 #include <QDebug>
 
@@ -54,6 +56,7 @@ bool SerialPortReadThreadWorker::stop(std::chrono::milliseconds bound)
 
 void SerialPortReadThreadWorker::readLoop(int handle)
 {
+    Threads::claimPriority(Threads::Role::UartReader);
     serialPortHandle = handle;
     reader = pthread_self();
     readerKnown = true;

@@ -1,0 +1,140 @@
+#include "fatalprobe.h"
+#include "threads.h"
+
+#include <QDebug>
+#include <QThread>
+#include <QtTest>
+
+#include <thread>
+
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uid_t OrdinaryUser = 65534;
+
+void becomeOrdinary()
+{
+    const rlimit noPriority{0, 0};
+    if (setrlimit(RLIMIT_RTPRIO, &noPriority) != 0 || (geteuid() == 0 && setuid(OrdinaryUser) != 0)) {
+        qFatal("cannot become an ordinary user");
+    }
+}
+
+/// Asked of the system in another way than the code under test does.
+bool isAllowedHere()
+{
+    const FatalOutcome outcome = outcomeOf([] {
+        const sched_param parameters{30};
+        qDebug() << (sched_setscheduler(0, SCHED_RR, &parameters) == 0);
+    });
+    return outcome.log == QStringLiteral("true\n");
+}
+
+QString standingOfNewThread()
+{
+    QString standing;
+    std::thread([&standing] {
+        standing = QStringLiteral("%1 %2").arg(sched_getscheduler(0)).arg(getpriority(PRIO_PROCESS, 0));
+    }).join();
+    return standing;
+}
+
+} // namespace
+
+class TestThreads : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void aThreadHasItsNameAndASmallStack();
+    void theWayFromTheUartComesFirst();
+    void aClaimIsGrantedWhereTheSystemAllowsIt_data();
+    void aClaimIsGrantedWhereTheSystemAllowsIt();
+    void aClaimThatIsRefusedChangesNothing();
+    void memoryIsLockedWhereTheSystemAllowsIt();
+};
+
+void TestThreads::aThreadHasItsNameAndASmallStack()
+{
+    QThread* const thread = Threads::make("a-name");
+    QCOMPARE(thread->stackSize(), 512U * 1024U);
+    char name[16] = {};
+    connect(
+        thread, &QThread::started, thread,
+        [&name, thread] {
+            prctl(PR_GET_NAME, name);
+            thread->quit();
+        },
+        Qt::DirectConnection);
+    thread->start();
+    QVERIFY(thread->wait(10000));
+    delete thread;
+    QCOMPARE(name, "a-name");
+}
+
+void TestThreads::theWayFromTheUartComesFirst()
+{
+    using Threads::claimOf;
+    using Threads::Role;
+    QCOMPARE(claimOf(Role::Relay).realTimePriority, 30);
+    QCOMPARE(claimOf(Role::UartReader).realTimePriority, 29);
+    QCOMPARE(claimOf(Role::ServiceLayer).realTimePriority, 28);
+    QCOMPARE(claimOf(Role::Hub).realTimePriority, 0);
+    QCOMPARE(claimOf(Role::UnitLink).realTimePriority, 0);
+}
+
+void TestThreads::aClaimIsGrantedWhereTheSystemAllowsIt_data()
+{
+    QTest::addColumn<int>("role");
+    QTest::addColumn<QString>("granted");
+    QTest::newRow("relay") << static_cast<int>(Threads::Role::Relay) << QStringLiteral("true 1073741825 30 0");
+    QTest::newRow("hub") << static_cast<int>(Threads::Role::Hub) << QStringLiteral("true 1073741824 0 -15");
+}
+
+/// Scheduling policy (with "reset on fork"), real-time priority and niceness; then what a new thread has of it.
+void TestThreads::aClaimIsGrantedWhereTheSystemAllowsIt()
+{
+    QFETCH(int, role);
+    QFETCH(QString, granted);
+    const FatalOutcome outcome = outcomeOf([role] {
+        const bool isGranted = Threads::claimPriority(static_cast<Threads::Role>(role));
+        sched_param parameters = {};
+        sched_getparam(0, &parameters);
+        qDebug().noquote() << isGranted << sched_getscheduler(0) << parameters.sched_priority
+                           << getpriority(PRIO_PROCESS, 0) << "new thread:" << standingOfNewThread();
+    });
+    if (isAllowedHere()) {
+        QCOMPARE(outcome.log, granted + QStringLiteral(" new thread: 0 0\n"));
+    } else {
+        QVERIFY2(outcome.log.startsWith(QStringLiteral("false ")), qPrintable(outcome.log));
+    }
+}
+
+void TestThreads::aClaimThatIsRefusedChangesNothing()
+{
+    const FatalOutcome outcome = outcomeOf([] {
+        becomeOrdinary();
+        qDebug() << Threads::claimPriority(Threads::Role::Relay) << sched_getscheduler(0);
+    });
+    QCOMPARE(outcome.log, QStringLiteral("false %1\n").arg(SCHED_OTHER));
+}
+
+void TestThreads::memoryIsLockedWhereTheSystemAllowsIt()
+{
+    const FatalOutcome outcome = outcomeOf([] {
+        const bool isLocked = Threads::lockMemory();
+        QFile status(QStringLiteral("/proc/self/status"));
+        const bool isOpen = status.open(QIODevice::ReadOnly);
+        const bool showsNone = status.readAll().simplified().contains("VmLck: 0 kB");
+        qDebug() << isOpen << (isLocked != showsNone);
+    });
+    QCOMPARE(outcome.log, QStringLiteral("true true\n"));
+}
+
+QTEST_GUILESS_MAIN(TestThreads)
+
+#include "tst_threads.moc"

@@ -1,0 +1,76 @@
+#include "threads.h"
+
+#include <QString>
+#include <QThread>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include <link.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+
+namespace Threads {
+
+namespace {
+
+/// Far more than the deepest calls take. The C library's default of 8 MiB would be locked in memory for each thread.
+constexpr unsigned int StackBytes = 512 * 1024;
+
+constexpr pid_t CallingThread = 0;
+
+/// Whose code lies on the ways to the relay. The program itself has no name here.
+bool isOnTheWay(const char* object)
+{
+    constexpr std::array<const char*, 4> libraries = {"/libQt5Core.so", "/libQt5Network.so", "/libstdc++.so",
+                                                      "/libc.so"};
+    return *object == '\0' || std::any_of(libraries.begin(), libraries.end(), [object](const char* library) {
+        return std::strstr(object, library) != nullptr;
+    });
+}
+
+int lockCode(dl_phdr_info* object, size_t, void*)
+{
+    for (int i = 0; i < object->dlpi_phnum && isOnTheWay(object->dlpi_name); ++i) {
+        const ElfW(Phdr)& segment = object->dlpi_phdr[i];
+        if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) {
+            mlock(reinterpret_cast<const void*>(object->dlpi_addr + segment.p_vaddr), segment.p_memsz);
+        }
+    }
+    return 0; // go on with the next
+}
+
+} // namespace
+
+QThread* make(const char* name)
+{
+    auto* const thread = new QThread;
+    thread->setObjectName(QString::fromLatin1(name));
+    thread->setStackSize(StackBytes);
+    return thread;
+}
+
+bool claimPriority(Role role)
+{
+    const Claim claim = claimOf(role);
+    const int policy = claim.realTimePriority > 0 ? SCHED_FIFO : SCHED_OTHER;
+    sched_param parameters = {};
+    parameters.sched_priority = claim.realTimePriority;
+    return sched_setscheduler(CallingThread, policy | SCHED_RESET_ON_FORK, &parameters) == 0 &&
+           (claim.niceness == 0 || setpriority(PRIO_PROCESS, CallingThread, claim.niceness) == 0);
+}
+
+bool lockMemory()
+{
+    // Page by page as they are used, now and later: whole stacks and tables that nobody reads would only cost memory.
+    // Code is the exception. The way to an open relay may not have been gone yet, and must not wait for a disk.
+    const bool isLocked = mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) == 0;
+    if (isLocked) {
+        dl_iterate_phdr(lockCode, nullptr);
+    }
+    return isLocked;
+}
+
+} // namespace Threads
