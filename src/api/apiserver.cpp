@@ -8,9 +8,11 @@
 #include <QJsonObject>
 #include <QNetworkDatagram>
 #include <QStringList>
+#include <QTimer>
 #include <QUdpSocket>
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 
 namespace {
@@ -23,6 +25,12 @@ constexpr int UsualStatusSize = 320;
 /// Datagrams that are handled before other events get their turn, so that a flood of requests delays neither the pushes
 /// nor the end of the thread. The socket tells again of those that wait.
 constexpr int DatagramsPerTurn = 32;
+
+/// What a local program may ask for at once, and how fast it regains that: 200 requests a second over time. Each may
+/// make a packet to the base controller, and a status record waits behind all of them.
+constexpr int RequestsAtOnce = 100;
+constexpr std::chrono::milliseconds RegainInterval{50};
+constexpr int RegainedRequests = 10;
 
 constexpr char Topic[] = "APIServer:";
 
@@ -100,6 +108,7 @@ APIServer::APIServer(TagDatabase* tagDatabase, quint16 inPort, quint16 outPort, 
     , IN_PORT(inPort)
     , OUT_PORT(outPort)
     , tags(tagDatabase)
+    , m_allowance(RequestsAtOnce)
 {
     watchStatusTags();
     prepareMembers();
@@ -168,16 +177,38 @@ void APIServer::start()
         return;
     }
     connect(socket, &QUdpSocket::readyRead, this, &APIServer::readData);
+    m_regain = new QTimer(this);
+    m_regain->setInterval(RegainInterval);
+    connect(m_regain, &QTimer::timeout, this, &APIServer::regainAllowance);
 }
 
 void APIServer::readData()
 {
-    for (int i = 0; i < DatagramsPerTurn && socket != nullptr && socket->hasPendingDatagrams(); ++i) {
+    const int atMost = std::min(DatagramsPerTurn, m_allowance);
+    for (int i = 0; i < atMost && socket != nullptr && socket->hasPendingDatagrams(); ++i) {
+        takeAllowance();
         const QNetworkDatagram datagram = socket->receiveDatagram();
         if (datagram.isValid()) {
             handleDatagram(datagram.data());
         }
     }
+}
+
+void APIServer::takeAllowance()
+{
+    --m_allowance;
+    if (!m_regain->isActive()) {
+        m_regain->start();
+    }
+}
+
+void APIServer::regainAllowance()
+{
+    m_allowance = std::min(m_allowance + RegainedRequests, RequestsAtOnce);
+    if (m_allowance == RequestsAtOnce) {
+        m_regain->stop();
+    }
+    readData(); // what has waited in the socket, which does not tell of it again
 }
 
 void APIServer::sendData()

@@ -7,6 +7,7 @@
 
 #include <vector>
 
+class QTimer;
 class QUdpSocket;
 class TagDatabase;
 
@@ -15,6 +16,9 @@ class TagDatabase;
 /// A datagram that contains GET, or nothing known, is answered with the status object, a compact JSON object of texts.
 /// RESET, DISARM and CCHANGE emit their signal and are answered with "NOTIFY". The status object is also sent unasked
 /// at every change of one of its tags. All answers go to the same port, whoever asked.
+///
+/// A hundred requests are served as they come, and 200 a second over time. What comes faster waits in the socket, and
+/// what does not fit there is lost, as datagrams are: no local program can keep the rest of the server busy.
 ///
 /// Constructed in the main thread after the tags are loaded, then moved to a thread of its own, whose `started` must
 /// call `start`. The tags are read from that thread; they are not owned.
@@ -63,8 +67,12 @@ private:
     void prepareMembers();
     QString textOf(const QString& tagName) const;
     void send(const QByteArray& datagram);
+    void takeAllowance();
+    void regainAllowance();
 
     QUdpSocket* socket = nullptr;
     TagDatabase* tags;
+    int m_allowance;                      ///< requests that may be read now
+    QTimer* m_regain = nullptr;           ///< made with the socket; runs while the allowance is not whole
     std::vector<WrittenMember> m_members; ///< in the order of their keys, as JSON objects of Qt have them
 };

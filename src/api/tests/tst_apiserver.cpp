@@ -76,6 +76,7 @@ private slots:
     void onlyTheTextBeforeAZeroByteIsLogged();
     void severalDatagramsAreAllAnswered();
     void aFloodLeavesOtherEventsTheirTurn();
+    void aFloodIsServedAtItsPace();
     void theLargestDatagramIsAnswered();
     void answersGoToTheFixedPort();
     void missingListenerDoesNotDeafenTheServer();
@@ -322,6 +323,27 @@ void TestApiServer::aFloodLeavesOtherEventsTheirTurn()
     QTRY_COMPARE(handled, Flood);
     QTRY_VERIFY(handledBeforeTheOtherEvent > 0);
     QVERIFY2(handledBeforeTheOtherEvent < Flood / 2, qPrintable(QString::number(handledBeforeTheOtherEvent)));
+}
+
+// Each of these makes a packet to the base controller, which status records wait behind.
+void TestApiServer::aFloodIsServedAtItsPace()
+{
+    constexpr int Flood = 150;
+    addAllTags();
+    startServer();
+    const LogSpy log;
+    int handled = 0;
+    connect(m_server.get(), &APIServer::ruDisarmMsgReceived, this, [&] { ++handled; });
+    QElapsedTimer elapsed;
+    elapsed.start();
+    for (int i = 0; i < Flood; ++i) {
+        m_client->ask("DISARM", serverPort());
+    }
+
+    QTRY_VERIFY(handled >= 100);
+    QTRY_COMPARE(handled, Flood);
+    // 100 at once and ten in each 50 ms, none of them lost.
+    QVERIFY2(elapsed.elapsed() >= 200, qPrintable(QString::number(elapsed.elapsed())));
 }
 
 void TestApiServer::theLargestDatagramIsAnswered()
