@@ -103,7 +103,7 @@ void RGPCom::connectFallback(GfallbackServiceC* gFallback)
     connect(link, &GLinkTransportFallback::introduced, this, &RGPCom::noteFallbackIntroduction);
     connect(link, &GLinkTransportFallback::closedConnection, this, &RGPCom::removeFallbackLink);
     connect(link, &GLinkTransportFallback::readyReadFromGLink, this, &RGPCom::dataFromGLink);
-    connect(link, &GLinkTransportFallback::messageSent, this, &RGPCom::messageSent);
+    connect(link, &GLinkTransportFallback::acknowledged, this, &RGPCom::acknowledgedOverFallback);
     if (gFallback == nullptr) {
         qWarning() << "RGPCom: no fallback service, remote units can join over TCP only.";
         return;
@@ -251,6 +251,13 @@ void RGPCom::messageSent(quint16 remoteId, quint32 refNr, GLinkTransportBase* ch
         return;
     }
     connection->messageSent(refNr);
+}
+
+void RGPCom::acknowledgedOverFallback(quint16 remoteId, quint8 msgId)
+{
+    if (GLinkConnection* const connection = m_connection.value(remoteId)) {
+        connection->acknowledged(msgId);
+    }
 }
 
 void RGPCom::showConnected() const

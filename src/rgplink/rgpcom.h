@@ -101,6 +101,9 @@ public slots:
 
     void dataFromGLink(quint16 remoteId, quint8 msgId, const QByteArray& data, GLinkTransportBase* const channel);
     void messageSent(quint16 remoteId, quint32 refNr, GLinkTransportBase* channel);
+    /// Of the fallback it counts who acknowledged, not whom the transport credits: messageSent would name the unit of
+    /// the last send.
+    void acknowledgedOverFallback(quint16 remoteId, quint8 msgId);
 
     void send(quint16 remoteId, quint8 msgId, const QByteArray& data);
     void sendToAll(quint8 msgId, const QByteArray& data);

@@ -265,8 +265,49 @@ def test_a_corrupt_frame_costs_one_unit_its_link_and_nothing_else(relayed):
     assert not lost.acked
 
 
+def pace_of(bench, unit, seconds):
+    """The longest time between two BASE_STATUS that the unit gets from now on."""
+    seen = len(unit.received)
+    bench.wait_for(lambda: len(unit.messages(glink.BASE_STATUS, seen)) > 2 * seconds, 3 * seconds, "BASE_STATUS")
+    return max(unit.gaps(since=seen))
+
+
+@pytest.mark.parametrize("number", range(2))
+def test_lost_acknowledgements_on_the_fallback_silence_nobody(relayed, number):
+    """One of each unit, again and again, at whatever moment. The unit of the other ones does not even notice."""
+    unit, other = relayed.unit(1001), relayed.unit(1002)
+    for lossy, steady in ((unit, other), (other, unit)):
+        for _ in range(3):
+            relayed.wait_for(lambda: lossy.idle)
+            lossy.to_base_unit.script("drop")
+            relayed.wait_for(lambda: lossy.to_base_unit.faultless)
+            assert pace_of(relayed, steady, 2) < 0.8
+        assert pace_of(relayed, lossy, 3) < 0.8
+    relayed.bc.command(b"for both")
+    relayed.wait_for(lambda: all(each.payloads(glink.CMD)[-1:] == [b"for both"] for each in (unit, other)), 2)
+
+
+def test_a_unit_that_vanished_on_the_fallback_holds_up_nobody(relayed):
+    """It hears nothing, says nothing, and the base controller has commands for everybody."""
+    gone, other = relayed.unit(1001), relayed.unit(1002)
+    log = len(relayed.server.log)
+    gone.mute()
+    other.inbox = Ledger(9)
+    commands = relayed.bc.send_every(0.1, lambda: (il.COMMAND, other.inbox.issue()))
+    assert pace_of(relayed, other, 5) < 0.8
+    commands.cancel()
+    relayed.wait_for(lambda: other.inbox.balanced, 1)
+    assert not other.inbox.overtaken
+    assert relayed.server.logged("message to RU 1001 given up", log) == 1
+    assert relayed.server.logged("message to RU 1002 given up", log) == 0
+
+    seen = len(gone.received)
+    gone.mute(False)
+    relayed.wait_for(lambda: len(gone.messages(glink.BASE_STATUS, seen)) >= 2, 3)
+
+
 def test_units_that_vanished_on_the_fallback_cost_bounded_memory(relayed):
-    """Nothing times out there: messages for each are queued to a limit, and said so once; who comes back is served, while
+    """Nothing ends their link there: messages for each are queued to a limit, and said so once; who comes back is served, while
     another stays away, too."""
     refused = "command queue of RU {} is full, command refused."
     units = relayed.unit(1001), relayed.unit(1002)

@@ -71,6 +71,9 @@ GLinkTransportTcp* GLinkConnection::gLink() const
 
 void GLinkConnection::enqueueMessage(quint8 msgId, const QByteArray& data, bool prepend)
 {
+    if (isOverdue()) {
+        giveUpMessageInFlight();
+    }
     if (!hasLink()) {
         dropWithoutLink(msgId);
     } else if (isInFlight() || mustWaitForTcp(msgId)) {
@@ -86,10 +89,7 @@ void GLinkConnection::enqueueMessage(quint8 msgId, const QByteArray& data, bool 
 void GLinkConnection::sendBehindOthers(quint8 msgId, const QByteArray& data)
 {
     queueMessage(msgId, data, false);
-    RPGComGLinkMessage next;
-    if (m_queue.takeNext(next)) {
-        sendMessage(next.msgId, next.data);
-    }
+    sendOwnNextMessage();
 }
 
 void GLinkConnection::dropWithoutLink(quint8 msgId)
@@ -114,6 +114,9 @@ bool GLinkConnection::mustWaitForTcp(quint8 msgId) const
 
 void GLinkConnection::queueMessage(quint8 msgId, const QByteArray& data, bool prepend)
 {
+    if (m_isSilent && msgId == GLINK_MSG_BASE_STATUS) {
+        m_queue.dropBaseStatus(); // a unit that hears again after a while wants to know what is the case now
+    }
     switch (m_queue.push(msgId, data, prepend)) {
     case GLinkMessageQueue::Outcome::Queued: break;
     case GLinkMessageQueue::Outcome::OldestDropped:
@@ -146,6 +149,10 @@ void GLinkConnection::sendMessage(quint8 msgId, const QByteArray& data)
     if (link == nullptr) {
         return;
     }
+    if (!isInFlight()) {
+        m_unacknowledgedSince = GLinkClock::now();
+    }
+    m_msgIdInFlight = msgId;
     const quint32 refNr = updateRefNr();
     const auto send = [link, peerId = m_peerId, msgId, data, refNr] {
         link->send(peerId, msgId, data, refNr);
@@ -156,7 +163,7 @@ void GLinkConnection::sendMessage(quint8 msgId, const QByteArray& data)
 void GLinkConnection::messageSent(quint32 refNr)
 {
     if (isInFlight() && refNr == m_activeRefNr) {
-        m_activeRefNr = REF_NR_INACTIVE;
+        endMessageInFlight();
         sendNextMessage();
     } else if ((refNr & m_activeRefNrMask) == 0) {
         // Of a link that is no longer in use. If it was the fallback, that one is free for the others now.
@@ -170,6 +177,61 @@ void GLinkConnection::messageSent(quint32 refNr)
         qDebug() << "Slot messageSent() called with refNr" << refNr
                  << ", but this->m_activeRefNr == REF_NR_INACTIVE! IGNORED.";
     }
+}
+
+void GLinkConnection::acknowledged(quint8 msgId)
+{
+    if (m_activeLinkType != FALLBACK) {
+        return;
+    }
+    m_isSilent = false;
+    if (isInFlight() && msgId == m_msgIdInFlight) {
+        endMessageInFlight();
+        sendOwnNextMessage();
+    }
+}
+
+void GLinkConnection::endMessageInFlight()
+{
+    m_activeRefNr = REF_NR_INACTIVE;
+    m_isSilent = false;
+}
+
+// --- Silence on the fallback ----------------------------------------------------------------------------------------
+
+bool GLinkConnection::isOverdue() const
+{
+    return m_activeLinkType == FALLBACK && isInFlight() &&
+           GLinkClock::now() - m_unacknowledgedSince > PatienceOnFallback;
+}
+
+void GLinkConnection::giveUpMessageInFlight()
+{
+    if (m_givenUpLine.permits()) {
+        qDebug().noquote() << QStringLiteral("GLinkConnection: message to RU %1 given up, not acknowledged over the "
+                                             "fallback.")
+                                  .arg(m_peerId);
+    }
+    m_activeRefNr = REF_NR_INACTIVE;
+    m_isSilent = true;
+    passTurnOn();
+}
+
+/// To all others that have nothing in flight and yet wait: their turn was this unit's to give.
+void GLinkConnection::passTurnOn()
+{
+    const QVector<GLinkConnection*> users = s_fallbackUser;
+    for (GLinkConnection* const user : users) {
+        if (user != this && !user->isInFlight()) {
+            user->sendOwnNextMessage();
+        }
+    }
+}
+
+/// A silent unit would not give back what it is given.
+bool GLinkConnection::mayTakeTurn() const
+{
+    return !isInFlight() || (!m_isSilent && !isOverdue());
 }
 
 // --- Turns ----------------------------------------------------------------------------------------------------------
@@ -196,7 +258,8 @@ GLinkConnection* GLinkConnection::takeFromFallbackUsers(int startIndex, RPGComGL
     for (const bool isAnyKind : {false, true}) {
         for (int i = 0; i < count; ++i) {
             GLinkConnection* const user = s_fallbackUser.at((first + i) % count);
-            if (user->m_queue.hasCommand() || (isAnyKind && user->m_queue.hasOther())) {
+            const bool hasMessage = user->m_queue.hasCommand() || (isAnyKind && user->m_queue.hasOther());
+            if (hasMessage && user->mayTakeTurn()) {
                 return user->getNextMessage(out);
             }
         }
@@ -225,6 +288,14 @@ void GLinkConnection::sendNextMessage()
     GLinkConnection* const sender = m_gLink ? getNextMessage(message) : getNextFallbackMessage(message);
     if (sender != nullptr) {
         sender->sendMessage(message.msgId, message.data);
+    }
+}
+
+void GLinkConnection::sendOwnNextMessage()
+{
+    RPGComGLinkMessage message;
+    if (!m_isFallbackClosing && m_queue.takeNext(message)) {
+        sendMessage(message.msgId, message.data);
     }
 }
 
@@ -366,5 +437,5 @@ void GLinkConnection::forgetMessageInFlight()
         QMetaObject::invokeMethod(
             link, [link, refNr = m_activeRefNr] { link->forgetMessage(refNr); }, Qt::QueuedConnection);
     }
-    m_activeRefNr = REF_NR_INACTIVE;
+    endMessageInFlight();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "glinkclock.h"
 #include "glinkmessagequeue.h"
 #include "onceaminute.h"
 
@@ -7,6 +8,8 @@
 #include <QObject>
 #include <QPointer>
 #include <QVector>
+
+#include <chrono>
 
 class AppLog;
 class GLinkTransportBase;
@@ -19,8 +22,14 @@ class GLinkTransportTcp;
 /// A link is usable once an INIT came over it. The fallback wins while it is usable: a unit that has TCP back keeps
 /// using the fallback until that is closed for it, which an INIT over TCP sets going.
 ///
-/// All units on the fallback share its one transport and take turns, commands first. A unit that vanished there holds
-/// its own message in flight until its next INIT; its queues are bounded (see GLinkMessageQueue).
+/// All units on the fallback share its one transport. Each has one message in flight, and its own acknowledgement lets
+/// its next one go (acknowledged()). Nothing times out there, but a message that has been in flight for more than
+/// `PatienceOnFallback` when the next one falls due is given up, and the unit counts as silent until it acknowledges
+/// something: it gets no turn of the others, and of base status only its newest waits. Its queues are bounded (see
+/// GLinkMessageQueue).
+///
+/// messageSent() for a message on the fallback passes a turn on, commands first, to whoever waits; the transport calls
+/// the unit of the last send by that name, which need not be the one that acknowledged.
 ///
 /// Threads and life: lives in the main thread and is used there only. The links live in threads of their own and are
 /// reached through queued calls. They are held guarded: a transport is deleted in the main thread or after it has been
@@ -43,6 +52,9 @@ public:
     static constexpr quint32 TcpRefNrMask = 0x10000000;
     static constexpr quint32 FallbackRefNrMask = 0x20000000;
 
+    /// How long a message on the fallback may stay unacknowledged before the next one stops waiting for it.
+    static constexpr std::chrono::milliseconds PatienceOnFallback{1000};
+
     /// Knows both links but uses none before an INIT.
     GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, GLinkTransportFallback* fallbackLink, AppLog* log,
                     QObject* parent);
@@ -60,8 +72,8 @@ public:
     qint64 disconnectTime() const { return m_disconnectTime; }
 
     /// Hands a message to the unit: sent at once when nothing is in flight (behind what may still wait for its turn on
-    /// the fallback), else queued. Without a link it is dropped,
-    /// and with it whatever still waits.
+    /// the fallback), else queued. Without a link it is dropped, and with it whatever still waits. On the fallback,
+    /// what has been in flight for too long is given up first.
     /// @param prepend  queue it before all others; no effect on commands and periodic data.
     ///
     /// The answer to an INIT over TCP, and what follows it, waits until the fallback has let go of the unit.
@@ -70,6 +82,10 @@ public:
     /// The message sent under that number has been acknowledged. Sends the next one; for the unit's own message on the
     /// fallback that may be another unit's. Numbers of forgotten messages are ignored.
     void messageSent(quint32 refNr);
+
+    /// The unit itself has acknowledged a message of that id over the fallback. If it is the one in flight, the unit's
+    /// next one goes out.
+    void acknowledged(quint8 msgId);
 
     /// Attaches a link; null detaches it. A TCP link that another one replaces is told to close.
     /// @return the type of link in use from now on.
@@ -115,11 +131,17 @@ private:
     bool hasLink() const { return !m_activeLink.isNull(); }
     bool isInFlight() const { return (m_activeRefNr & m_activeRefNrMask) != 0; }
     bool isOnlyFallbackUser() const;
+    bool isOverdue() const;
+    bool mayTakeTurn() const;
     bool mustWaitForTcp(quint8 msgId) const;
     void dropWithoutLink(quint8 msgId);
     void sendBehindOthers(quint8 msgId, const QByteArray& data);
     void queueMessage(quint8 msgId, const QByteArray& data, bool prepend);
     void forgetMessageInFlight();
+    void giveUpMessageInFlight();
+    void passTurnOn();
+    void endMessageInFlight();
+    void sendOwnNextMessage();
     bool supersede(GLinkTransportTcp& link);
     bool isGivenUpForFallback(const GLinkTransportTcp& link) const;
     void logInvalidIndex() const;
@@ -143,6 +165,10 @@ private:
     qint64 m_disconnectTime = 0;
     GLinkMessageQueue m_queue;
     quint32 m_activeRefNr = REF_NR_INACTIVE; ///< of the message in flight
+    quint8 m_msgIdInFlight = 0;
+    GLinkClock::TimePoint m_unacknowledgedSince; ///< while a message is in flight
+    bool m_isSilent = false; ///< on the fallback: a message was given up, and nothing acknowledged since
+    OnceAMinute m_givenUpLine;
     OnceAMinute m_droppedLine;
     OnceAMinute m_refusedLine;
     AppLog* m_log;

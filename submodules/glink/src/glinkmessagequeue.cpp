@@ -107,8 +107,21 @@ void GLinkMessageQueue::clearOthers()
     m_isPeriodicDataPending = false;
 }
 
+void GLinkMessageQueue::dropBaseStatus()
+{
+    dropOthers(GLINK_MSG_BASE_STATUS);
+}
+
 void GLinkMessageQueue::dropInitAcks()
 {
-    const auto end = std::remove_if(m_nonCmdMessageQueue.begin(), m_nonCmdMessageQueue.end(), isInitAck);
+    dropOthers(GLINK_MSG_ID_INITACK);
+}
+
+void GLinkMessageQueue::dropOthers(quint8 msgId)
+{
+    const auto hasId = [msgId](const RPGComGLinkMessage& message) {
+        return message.msgId == msgId;
+    };
+    const auto end = std::remove_if(m_nonCmdMessageQueue.begin(), m_nonCmdMessageQueue.end(), hasId);
     m_nonCmdMessageQueue.erase(end, m_nonCmdMessageQueue.end());
 }

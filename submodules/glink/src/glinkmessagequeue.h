@@ -44,6 +44,8 @@ public:
 
     void clearCommands() { m_cmdMessageQueue.clear(); }
     void clearOthers();
+    /// Drops base status that waits, because newer follows.
+    void dropBaseStatus();
     /// Drops answers to an earlier INIT.
     void dropInitAcks();
 
@@ -52,6 +54,7 @@ private:
     Outcome pushPeriodicData(const QByteArray& data);
     Outcome pushOther(quint8 msgId, const QByteArray& data, bool prepend);
     bool makeRoom();
+    void dropOthers(quint8 msgId);
 
     QQueue<RPGComGLinkMessage> m_cmdMessageQueue;
     QQueue<RPGComGLinkMessage> m_nonCmdMessageQueue;

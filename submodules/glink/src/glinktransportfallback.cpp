@@ -42,6 +42,12 @@ void GLinkTransportFallback::restartExchange(quint16 remoteId)
     }
 }
 
+bool GLinkTransportFallback::handleAck()
+{
+    emit acknowledged(m_rxPeerId, m_rxHeader.msgId);
+    return GLinkTransportBase::handleAck();
+}
+
 void GLinkTransportFallback::handleInitAckMsg() {}
 
 void GLinkTransportFallback::handleFallbackDeInit()
@@ -65,6 +71,7 @@ void GLinkTransportFallback::send(quint16 remoteId, quint8 msgId, const QByteArr
     if (!send_(remoteId, msgId, message, refNr)) {
         qDebug() << "GLinkTransportFallback::send_() failed" << remoteId << "msgId:" << msgId << "refNr:" << refNr
                  << "size:" << message.size();
+        emit acknowledged(remoteId, msgId);
     }
 }
 

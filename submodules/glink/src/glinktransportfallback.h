@@ -6,8 +6,8 @@
 /// pipe is the fallback service of the internal link, which carries frames tagged with the id of the remote unit.
 ///
 /// A unit joins with INIT and leaves with FALLBACK_DEINIT, when its TCP link has taken over (close()), when a frame is
-/// corrupt, or when the base controller rejects the channel. There are no heartbeats and no time-outs here: what a unit
-/// that vanished leaves in flight stays so until that unit's next INIT.
+/// corrupt, or when the base controller rejects the channel. There are no heartbeats and no time-outs here: the
+/// connections of the units, which alone know what is in flight for whom, see to it that none waits for another.
 ///
 /// Threads and life: made by the hub and moved to a thread of its own; reached by queued calls only. The hub deletes it
 /// in the main thread, after its thread has ended.
@@ -20,6 +20,9 @@ public:
     GLinkTransportFallback(Configuration* config, TagDatabase* tagDatabase, QObject* parent);
 
     bool handleInitMsg() override;
+    /// Matched by message id alone, as everywhere: of several units' messages in flight, that of the last send counts
+    /// as acknowledged, whoever did it. acknowledged() tells the truth before.
+    bool handleAck() override;
     void handleInitAckMsg() override;
     /// Hands the complete frame to the fallback service: an acknowledgement for the unit whose message it acknowledges,
     /// every other frame for the unit of the last send. @return true: the service drops what it cannot carry.
@@ -47,6 +50,8 @@ signals:
     /// The same INIT's number among all INITs, behind newConnection(). See GLinkTransportTcp::isIntroducedBefore().
     void introduced(quint16 remoteId, quint64 introduction);
     void readyRead();
+    /// That unit has acknowledged a message of that id. Also: one to it could not be sent and is done with.
+    void acknowledged(quint16 remoteId, quint8 msgId);
     /// A frame for that unit.
     void dataToServiceLayer(quint16 remoteId, const QByteArray& data);
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "glinkclock.h"
+
 #include <chrono>
 #include <optional>
 
@@ -7,10 +9,8 @@
 class OnceAMinute
 {
 public:
-    using Clock = std::chrono::steady_clock;
-
     /// @return true when the line may be written now.
-    bool permits(Clock::time_point now = Clock::now())
+    bool permits(GLinkClock::TimePoint now = GLinkClock::now())
     {
         if (m_last && now - *m_last < std::chrono::minutes(1)) {
             return false;
@@ -20,5 +20,5 @@ public:
     }
 
 private:
-    std::optional<Clock::time_point> m_last;
+    std::optional<GLinkClock::TimePoint> m_last;
 };

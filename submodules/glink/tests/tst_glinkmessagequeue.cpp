@@ -209,7 +209,7 @@ void TestGLinkMessageQueue::answersToAnEarlierInitCanBeDropped()
 void TestGLinkMessageQueue::repeatedLinePassesOnceAMinute()
 {
     using namespace std::chrono_literals;
-    const OnceAMinute::Clock::time_point start{};
+    const GLinkClock::TimePoint start{};
     OnceAMinute line;
     QVERIFY(line.permits(start));
     QVERIFY(!line.permits(start));
