@@ -44,6 +44,14 @@ constexpr int ProcessDataShift = 2;
 
 constexpr unsigned long FallbackThreadJoinMs = 1000;
 
+/// Does something in the thread in which `sender` lives, at once if it is this one. Whoever connects a signal elsewhere
+/// meets its sender, which may be emitting it.
+template<typename Order>
+void inThreadOf(QObject* sender, Order order)
+{
+    QMetaObject::invokeMethod(sender, order);
+}
+
 QString addressOf(const GLinkConnection* connection)
 {
     return QString::asprintf("0x%8p", static_cast<const void*>(connection));
@@ -82,9 +90,23 @@ void RGPCom::initialize(GfallbackServiceC* gFallback, CFallbackServiceC* cFallba
     startBaseStatus();
 }
 
+void RGPCom::initializeInOneThread(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback)
+{
+    makeFallbackLink();
+    connectFallback(gFallback);
+    connectServiceForwards(cFallback);
+    startBaseStatus();
+}
+
+void RGPCom::makeFallbackLink()
+{
+    m_fallbackOwner = std::make_shared<GLinkTransportFallback>(m_config, m_tagDatabase, nullptr);
+    m_gFallbackLink = m_fallbackOwner.get();
+}
+
 void RGPCom::startFallbackLink(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback)
 {
-    m_gFallbackLink = new GLinkTransportFallback(m_config, m_tagDatabase, nullptr);
+    makeFallbackLink();
     m_fallbackThread = Threads::make("fallback");
     m_gFallbackLink->moveToThread(m_fallbackThread);
     connectFallback(gFallback);
@@ -99,19 +121,25 @@ void RGPCom::startFallbackLink(GfallbackServiceC* gFallback, CFallbackServiceC* 
 void RGPCom::connectFallback(GfallbackServiceC* gFallback)
 {
     GLinkTransportFallback* const link = m_gFallbackLink;
-    connect(link, &GLinkTransportFallback::newConnection, this, &RGPCom::addFallbackLink);
-    connect(link, &GLinkTransportFallback::introduced, this, &RGPCom::noteFallbackIntroduction);
-    connect(link, &GLinkTransportFallback::closedConnection, this, &RGPCom::removeFallbackLink);
-    connect(link, &GLinkTransportFallback::readyReadFromGLink, this, &RGPCom::dataFromGLink);
-    connect(link, &GLinkTransportFallback::acknowledged, this, &RGPCom::acknowledgedOverFallback);
+    // Queued, as between threads, even where a test has everything in one.
+    const auto queued = Qt::QueuedConnection;
+    connect(link, &GLinkTransportFallback::newConnection, this, &RGPCom::addFallbackLink, queued);
+    connect(link, &GLinkTransportFallback::introduced, this, &RGPCom::noteFallbackIntroduction, queued);
+    connect(link, &GLinkTransportFallback::closedConnection, this, &RGPCom::removeFallbackLink, queued);
+    connect(link, &GLinkTransportFallback::readyReadFromGLink, this, &RGPCom::dataFromGLink, queued);
+    connect(link, &GLinkTransportFallback::acknowledged, this, &RGPCom::acknowledgedOverFallback, queued);
     if (gFallback == nullptr) {
         qWarning() << "RGPCom: no fallback service, remote units can join over TCP only.";
         return;
     }
-    connect(link, &GLinkTransportFallback::newConnection, gFallback, &GfallbackServiceC::reset);
-    connect(link, &GLinkTransportFallback::dataToServiceLayer, gFallback, &GfallbackServiceC::fallbackTxInTurn);
-    connect(gFallback, &GfallbackServiceC::fallbackRx, link, &GLinkTransportFallback::dataFromServiceLayer);
-    connect(gFallback, &GfallbackServiceC::linkFailed, link, &GLinkTransportFallback::linkDown);
+    connect(link, &GLinkTransportFallback::newConnection, gFallback, &GfallbackServiceC::reset, queued);
+    connect(link, &GLinkTransportFallback::dataToServiceLayer, gFallback, &GfallbackServiceC::fallbackTxInTurn, queued);
+    inThreadOf(gFallback, [gFallback, owner = m_fallbackOwner] {
+        const auto toLink = Qt::QueuedConnection;
+        connect(gFallback, &GfallbackServiceC::fallbackRx, owner.get(), &GLinkTransportFallback::dataFromServiceLayer,
+                toLink);
+        connect(gFallback, &GfallbackServiceC::linkFailed, owner.get(), &GLinkTransportFallback::linkDown, toLink);
+    });
 }
 
 void RGPCom::connectServiceForwards(CFallbackServiceC* cFallback)
@@ -121,7 +149,11 @@ void RGPCom::connectServiceForwards(CFallbackServiceC* cFallback)
         return;
     }
     connect(this, &RGPCom::sendServiceForwardToService, cFallback, &CFallbackServiceC::CFallbackRx);
-    connect(cFallback, &CFallbackServiceC::cFallbackTx, this, &RGPCom::recvServiceForward);
+    // By way of the transport, which lives until the order is carried out or dropped; this hub may not.
+    connect(m_gFallbackLink, &GLinkTransportFallback::serviceForward, this, &RGPCom::recvServiceForward);
+    inThreadOf(cFallback, [cFallback, owner = m_fallbackOwner] {
+        connect(cFallback, &CFallbackServiceC::cFallbackTx, owner.get(), &GLinkTransportFallback::serviceForward);
+    });
 }
 // clang-format on
 
@@ -139,11 +171,12 @@ void RGPCom::stopFallbackLink()
         m_fallbackThread->quit();
         if (!m_fallbackThread->wait(FallbackThreadJoinMs)) {
             qWarning() << "RGPCom: the fallback thread did not end in time.";
-            return; // what still runs cannot be deleted; the process is about to end anyway
+            new auto(m_fallbackOwner); // what still runs cannot be deleted; the process is about to end anyway
+            return;
         }
         delete m_fallbackThread;
     }
-    delete m_gFallbackLink;
+    m_fallbackOwner.reset();
 }
 
 void RGPCom::warnOfMissingTags() const

@@ -9,6 +9,7 @@
 #include <QString>
 
 #include <future>
+#include <memory>
 
 class AppLog;
 class CFallbackServiceC;
@@ -64,9 +65,16 @@ public:
     /// Ends the transports' threads, each within a bound.
     ~RGPCom() override;
 
-    /// Starts the fallback transport, the GLink server and the rhythm of BASE_STATUS. Called again it only logs.
+    /// Starts the fallback transport, the GLink server and the rhythm of BASE_STATUS. Called again it only logs. The
+    /// services' own signals are connected in the services' thread, where they may be emitted at any moment.
     /// Without a service its path is missing, with a warning. A server that cannot listen is fatal.
     void initialize(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback);
+
+    /// The same for a test that runs everything in one thread, without a server: connections come by addGLink().
+    void initializeInOneThread(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback);
+
+    /// The unit's connection, for tests and diagnosis; null for one that never had a link.
+    const GLinkConnection* connectionOf(quint16 remoteId) const { return m_connection.value(remoteId); }
 
     /// Decides on an INIT and queues the answer. An INIT for an unknown unit gets none, and one that came over a link
     /// which the unit has replaced meanwhile neither. Before the first list of checksums is complete, the decision is
@@ -143,6 +151,7 @@ private:
     void warnOfMissingTags() const;
     void showConnectionCount();
 
+    void makeFallbackLink();
     void startFallbackLink(GfallbackServiceC* gFallback, CFallbackServiceC* cFallback);
     void connectFallback(GfallbackServiceC* gFallback);
     void connectServiceForwards(CFallbackServiceC* cFallback);
@@ -161,6 +170,8 @@ private:
     void relayPeriodicData(PeriodicDataOrigin origin, QByteArray data, QByteArray RGPCom::*kept);
 
     GLinkTransportFallback* m_gFallbackLink = nullptr;
+    /// Keeps m_gFallbackLink. Shared with the order to connect the services to it, which their thread carries out.
+    std::shared_ptr<GLinkTransportFallback> m_fallbackOwner;
     QMap<quint16, GLinkConnection*> m_connection;
     TagDatabase* const m_tagDatabase;
     GLinkServer* m_gLinkServer = nullptr;

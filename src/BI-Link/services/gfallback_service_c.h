@@ -71,6 +71,9 @@ public:
     /// What the channel to `remoteId` is doing; FREE for a unit never heard of.
     LinkStatus linkStatus(unsigned short remoteId) const;
 
+    /// Messages of `remoteId` that wait behind the one in its place.
+    int waitingMessages(unsigned short remoteId) const { return m_waiting.value(remoteId).size(); }
+
 public slots:
     /// A packet from the base controller; handled by `readData_` from the event loop, after the transport layer has
     /// finished with the packet. Another link than the internal one and another message class than 1 are fatal.

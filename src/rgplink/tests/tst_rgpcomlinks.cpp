@@ -10,6 +10,9 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QMetaMethod>
+#include <QMutex>
+#include <QSet>
 #include <QSignalSpy>
 #include <QTcpSocket>
 #include <QThread>
@@ -36,6 +39,7 @@ private slots:
     void commandsGoBothWaysOverTcp();
     void unitThatReconnectsKeepsItsNewLink();
     void reconnectStormLeavesNothingBehind();
+    void servicesAreConnectedInTheirOwnThread();
     void unitJoinsOverTheFallback();
     void longMessageGoesOverTheFallbackInBlocks();
     void unitLeavesTheFallback();
@@ -114,6 +118,33 @@ private:
     QByteArray m_rest;
 };
 
+/// Notes in which threads its signals are connected.
+template<typename Service>
+class WatchedService : public Service
+{
+public:
+    using Service::Service;
+
+    QSet<QThread*> connectedIn() const
+    {
+        const QMutexLocker lock(&m_mutex);
+        return m_connectedIn;
+    }
+
+protected:
+    void connectNotify(const QMetaMethod& signal) override
+    {
+        const QMutexLocker lock(&m_mutex);
+        if (signal.name() != "destroyed") {
+            m_connectedIn.insert(QThread::currentThread());
+        }
+    }
+
+private:
+    mutable QMutex m_mutex;
+    QSet<QThread*> m_connectedIn;
+};
+
 /// Lives in the service-layer thread, with the services.
 struct Services
 {
@@ -134,8 +165,8 @@ struct Services
     Services& operator=(const Services&) = delete;
 
     QThread thread;
-    GfallbackServiceC* const gFallback = new GfallbackServiceC(nullptr, 105);
-    CFallbackServiceC* const cFallback = new CFallbackServiceC(nullptr, 104);
+    WatchedService<GfallbackServiceC>* const gFallback = new WatchedService<GfallbackServiceC>(nullptr, 105);
+    WatchedService<CFallbackServiceC>* const cFallback = new WatchedService<CFallbackServiceC>(nullptr, 104);
 };
 
 } // namespace
@@ -261,6 +292,21 @@ void TestRGPComLinks::reconnectStormLeavesNothingBehind()
 }
 
 // --- Fallback -------------------------------------------------------------------------------------------------------
+
+// They may be emitting, and a connection made elsewhere would meet them there.
+void TestRGPComLinks::servicesAreConnectedInTheirOwnThread()
+{
+    Services services;
+    {
+        GLinkServer::setListenAddress(QHostAddress("127.0.0.2"));
+        RGPCom hub(&m_plant->unit.tags, m_plant->unit.configuration.data(), nullptr);
+        hub.initialize(services.gFallback, services.cFallback);
+        GLinkServer::setListenAddress(ListenAddress);
+        const QSet<QThread*> itsThread{&services.thread};
+        VERIFY_EVENTUALLY(services.gFallback->connectedIn() == itsThread);
+        VERIFY_EVENTUALLY(services.cFallback->connectedIn() == itsThread);
+    }
+}
 
 void TestRGPComLinks::unitJoinsOverTheFallback()
 {

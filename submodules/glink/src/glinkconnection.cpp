@@ -55,7 +55,9 @@ GLinkConnection::GLinkConnection(quint16 peerId, GLinkTransportFallback* fallbac
 GLinkConnection::~GLinkConnection()
 {
     s_fallbackUser.removeAll(this);
-    if (m_gLink && m_gLink->thread() != thread()) {
+    if (m_gLink && m_gLink->isFreedWithItsThread()) {
+        QMetaObject::invokeMethod(m_gLink, &GLinkTransportTcp::close, Qt::QueuedConnection);
+    } else if (m_gLink && m_gLink->thread() != thread()) {
         deleteWhenHeard(m_gLink);
     } else if (m_gLink) {
         m_gLink->deleteLater();

@@ -33,8 +33,8 @@ class GLinkTransportTcp;
 ///
 /// Threads and life: lives in the main thread and is used there only. The links live in threads of their own and are
 /// reached through queued calls. They are held guarded: a transport is deleted in the main thread or after it has been
-/// taken away here by setGLink(), so a link that still stands here cannot vanish between look and call, and what was
-/// queued to one that is gone goes with it.
+/// taken away here by setGLink(), and its thread ends after that, so a link that still stands here cannot vanish
+/// between look and call, and what was queued to one that is gone goes with it.
 class GLinkConnection : public QObject
 {
     Q_OBJECT
@@ -60,7 +60,8 @@ public:
                     QObject* parent);
     GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, AppLog* log, QObject* parent);
     GLinkConnection(quint16 peerId, GLinkTransportFallback* fallbackLink, AppLog* log, QObject* parent);
-    /// Schedules the TCP link for deletion, behind what it has already reported, and leaves the fallback's turns.
+    /// Schedules the TCP link for deletion, behind what it has already reported (or closes it, where its thread's end
+    /// frees it), and leaves the fallback's turns.
     ~GLinkConnection() override;
 
     quint16 peerId() const { return m_peerId; }
@@ -70,6 +71,11 @@ public:
     AppLog* log() const { return m_log; }
     /// Time at which the unit lost its last link, ms since the epoch; 0 while it has one, and before it had any.
     qint64 disconnectTime() const { return m_disconnectTime; }
+
+    /// Whether a message awaits its acknowledgement, and what waits behind it.
+    bool isInFlight() const { return (m_activeRefNr & m_activeRefNrMask) != 0; }
+    GLinkClock::TimePoint unacknowledgedSince() const { return m_unacknowledgedSince; }
+    const GLinkMessageQueue& waiting() const { return m_queue; }
 
     /// Hands a message to the unit: sent at once when nothing is in flight (behind what may still wait for its turn on
     /// the fallback), else queued. Without a link it is dropped, and with it whatever still waits. On the fallback,
@@ -129,7 +135,6 @@ private:
     void takeRoute(const Route& route);
 
     bool hasLink() const { return !m_activeLink.isNull(); }
-    bool isInFlight() const { return (m_activeRefNr & m_activeRefNrMask) != 0; }
     bool isOnlyFallbackUser() const;
     bool isOverdue() const;
     bool mayTakeTurn() const;

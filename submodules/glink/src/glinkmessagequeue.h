@@ -41,6 +41,8 @@ public:
     bool hasCommand() const { return !m_cmdMessageQueue.isEmpty(); }
     bool hasOther() const { return !m_nonCmdMessageQueue.isEmpty(); }
     bool hasInitAck() const;
+    int commandCount() const { return m_cmdMessageQueue.size(); }
+    int otherCount() const { return m_nonCmdMessageQueue.size(); }
 
     void clearCommands() { m_cmdMessageQueue.clear(); }
     void clearOthers();

@@ -101,6 +101,7 @@ void GLinkServer::incomingConnection(qintptr socketDescriptor)
     auto* const transport = new GLinkTransportTcp(socketDescriptor, 0, m_configuration, m_tagDatabase, nullptr);
     auto* const thread = Threads::make("glink-tcp");
     transport->setTimes(m_times);
+    transport->setFreedWithItsThread();
     transport->moveToThread(thread);
     wire(transport, thread);
     m_connections.insert(thread, transport);
@@ -119,8 +120,7 @@ void GLinkServer::wire(GLinkTransportTcp* transport, QThread* thread)
     // Into the connection's thread.
     connect(thread, &QThread::started, transport, [] { Threads::claimPriority(Threads::Role::UnitLink); });
     connect(thread, &QThread::started, transport, &GLinkTransportTcp::run);
-    // Direct, so that a thread also ends while the main thread waits for it.
-    connect(transport, &GLinkTransportTcp::finished, thread, &QThread::quit, Qt::DirectConnection);
+    // Direct: nobody can post to what does not exist any more.
     connect(transport, &QObject::destroyed, thread, &QThread::quit, Qt::DirectConnection);
 
     // Into the main thread, in the order in which they were emitted.
@@ -128,6 +128,9 @@ void GLinkServer::wire(GLinkTransportTcp* transport, QThread* thread)
     connect(transport, &GLinkTransportBase::closedConnection, m_rgpCom, &RGPCom::removeGLink);
     connect(transport, &GLinkTransportBase::readyReadFromGLink, m_rgpCom, &RGPCom::dataFromGLink);
     connect(transport, &GLinkTransportBase::messageSent, m_rgpCom, &RGPCom::messageSent);
+    // Behind closedConnection, with which the hub lets go of the transport: until then it may post to it, and a post
+    // wakes the event loop of a thread that must still have one.
+    connect(transport, &GLinkTransportTcp::finished, this, [thread] { thread->quit(); });
 
     // Behind the hub's connection to the same signal: counts what the hub has handled.
     const auto backlog = std::make_shared<GLinkBacklog>(0);

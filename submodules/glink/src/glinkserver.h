@@ -15,8 +15,9 @@ class TagDatabase;
 
 /// Accepts the remote units' TCP connections. Each gets a GLinkTransportTcp in a thread of its own, wired to the hub.
 ///
-/// Lives in the main thread, with the hub. A transport and its thread are freed here, in the main thread, after the
-/// thread has ended: until then, whatever the hub still gets from that transport names an object that exists.
+/// Lives in the main thread, with the hub. A connection's thread ends only when the main thread says so, which has
+/// heard the transport's last words by then. Transport and thread are freed here, in the main thread, after the thread
+/// has ended: until then, whatever the hub still gets from that transport names an object that exists.
 ///
 /// Connections are limited by the descriptors that the process may open; the limit is raised as far as the system lets
 /// it. One connection too many is closed at once, since a thread that gets no descriptor for its event loop would end

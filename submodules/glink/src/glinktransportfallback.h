@@ -52,6 +52,8 @@ signals:
     void readyRead();
     /// That unit has acknowledged a message of that id. Also: one to it could not be sent and is done with.
     void acknowledged(quint16 remoteId, quint8 msgId);
+    /// A service message for that unit, which came beside the frames; for the hub.
+    void serviceForward(QByteArray data, unsigned short remoteId);
     /// A frame for that unit.
     void dataToServiceLayer(quint16 remoteId, const QByteArray& data);
 

@@ -129,7 +129,7 @@ void GLinkTransportTcp::run()
     m_timeoutTimer = makeTimer(m_times.silence, &GLinkTransportTcp::commTimeout);
     m_ackTimeoutTimer = makeTimer(m_times.acknowledge, &GLinkTransportTcp::commTimeout);
 
-    m_socket = new QTcpSocket(this);
+    m_socket = makeSocket();
     m_socket->setReadBufferSize(ReadBufferBytes);
     connect(m_socket, &QTcpSocket::readyRead, this, &GLinkTransportTcp::readyRead);
     connect(m_socket, &QTcpSocket::disconnected, this, &GLinkTransportTcp::disconnected);
@@ -201,6 +201,11 @@ void GLinkTransportTcp::setSocketOptions()
     for (const SocketOption& option : KeepAliveOptions) {
         ::setsockopt(descriptor, IPPROTO_TCP, option.name, &option.value, sizeof(option.value));
     }
+}
+
+QTcpSocket* GLinkTransportTcp::makeSocket()
+{
+    return new QTcpSocket(this);
 }
 
 QString GLinkTransportTcp::cabledInterface() const

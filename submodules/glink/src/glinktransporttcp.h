@@ -58,6 +58,10 @@ public:
     /// Before run(); without it nothing is counted.
     void setBacklog(const std::shared_ptr<GLinkBacklog>& backlog);
 
+    /// Whoever made it frees it, in the main thread and when its thread has ended: others only close it. Before run().
+    void setFreedWithItsThread() { m_isFreedWithItsThread = true; }
+    bool isFreedWithItsThread() const { return m_isFreedWithItsThread; }
+
     /// Also releases socket and timers in that thread when it ends.
     void moveToThread(QThread* thread);
 
@@ -111,6 +115,8 @@ signals:
 protected:
     void restartExchange(quint16 remoteId) override;
     virtual QString cabledInterface() const;
+    /// The pipe, as a child of this object, not open yet. Tests put another one in its place.
+    virtual QTcpSocket* makeSocket();
 
 private:
     bool isClientMode() const;
@@ -140,6 +146,7 @@ private:
     QTimer* m_resumeTimer = nullptr; ///< child, made when reading pauses for the first time
     std::shared_ptr<GLinkBacklog> m_backlog;
     std::atomic<quint64> m_introduction{0};
+    bool m_isFreedWithItsThread = false;
     bool m_isAborting = false;
     bool m_hasEnded = false;
 };

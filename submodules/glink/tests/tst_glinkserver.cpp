@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QSemaphore>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QThread>
@@ -158,6 +159,8 @@ private slots:
     void anIntroducedUnitIsAnsweredByTheHub();
     void twoUnitsAreServedInTwoThreadsAndCloseApart();
     void everythingIsFreedWhenAConnectionEnds();
+    void aThreadEndsOnlyWhenTheMainThreadHasHeardOfTheEnd();
+    void aConnectionThatTheHubDropsIsFreedByTheServer();
     void aReconnectStormLeavesNothingBehind();
     void aSupersededConnectionDoesNotDetachItsSuccessor();
     void randomBytesOnAThousandConnectionsLeaveTheOthersServed();
@@ -288,6 +291,45 @@ void TestGLinkServer::everythingIsFreedWhenAConnectionEnds()
     QTRY_COMPARE(threadCount(), 1);
     // Both ends of the connection, and what its event loop had.
     QTRY_VERIFY(descriptorCount() <= descriptors - 3);
+}
+
+// Until the hub knows that a connection is over it may post to it. A post to a thread that is just ending wakes an
+// event dispatcher which that thread is deleting.
+void TestGLinkServer::aThreadEndsOnlyWhenTheMainThreadHasHeardOfTheEnd()
+{
+    auto peer = newPeer();
+    QVERIFY(isAnswered(*peer));
+    GLinkTransportTcp* const transport = m_server->transports().first();
+    QSemaphore over;
+    const auto tell = [&over] {
+        over.release();
+    };
+    QMetaObject::invokeMethod(
+        transport, [=] { connect(transport, &GLinkTransportTcp::finished, transport, tell); }, Qt::QueuedConnection);
+    QVERIFY(isAnswered(*peer));
+
+    peer.reset();
+    QVERIFY(over.tryAcquire(1, 5000)); // in this thread nobody has looked at events meanwhile
+    QSemaphore heard;
+    QMetaObject::invokeMethod(
+        transport, [&heard] { heard.release(); }, Qt::QueuedConnection);
+
+    QVERIFY(heard.tryAcquire(1, 5000));
+    QTRY_COMPARE(m_server->connectionCount(), 0);
+}
+
+void TestGLinkServer::aConnectionThatTheHubDropsIsFreedByTheServer()
+{
+    const auto peer = newPeer();
+    peer->write(Frames::init());
+    QVERIFY(receives(*peer, 1, InitAckId, Message));
+    const QPointer<GLinkTransportTcp> transport = m_server->transports().first();
+
+    m_hub->deleteConnection(UnitId);
+
+    QTRY_VERIFY(!peer->isConnected());
+    QTRY_COMPARE(m_server->connectionCount(), 0);
+    QVERIFY(!transport);
 }
 
 void TestGLinkServer::aReconnectStormLeavesNothingBehind()
