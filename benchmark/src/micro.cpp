@@ -5,13 +5,20 @@
 #include "frame_layer.h"
 #include "glinkheader.h"
 #include "glinktransportbase.h"
+#include "logwriter.h"
 #include "tagdatabase.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
+#include <QDebug>
 #include <QFile>
 #include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -188,12 +195,87 @@ void statusObject(benchmark::State& state)
 }
 BENCHMARK(statusObject)->Arg(50)->Arg(500);
 
+// --- log ------------------------------------------------------------------------------------------------------------
+
+/// A pipe whose reader takes everything, as the journal does.
+class ReadPipe
+{
+public:
+    ReadPipe()
+    {
+        if (pipe(m_ends) != 0) {
+            qFatal("no pipe");
+        }
+        m_reader = std::thread([end = m_ends[0]] {
+            char bytes[65536];
+            while (read(end, bytes, sizeof(bytes)) > 0) {
+            }
+        });
+    }
+    ~ReadPipe()
+    {
+        close(m_ends[1]);
+        m_reader.join();
+        close(m_ends[0]);
+    }
+    int writeEnd() const { return m_ends[1]; }
+
+private:
+    int m_ends[2] = {-1, -1};
+    std::thread m_reader;
+};
+
+constexpr char LinePattern[] = "%{time yyyyMMdd hh:mm:ss.zzz} - %{message}";
+constexpr auto LinePause = std::chrono::microseconds(50); // lines come one by one: the writer is asleep again
+
+void logOneLine(benchmark::State& state)
+{
+    for (auto _ : state) {
+        qDebug() << "TransportLayer: packet" << 17 << "sent again";
+        state.PauseTiming();
+        std::this_thread::sleep_for(LinePause);
+        state.ResumeTiming();
+    }
+}
+
+/// What a line costs the thread that logs when Qt's own handler writes it: the measure for the next.
+void logLineDirectly(benchmark::State& state)
+{
+    qSetMessagePattern(QString::fromLatin1(LinePattern));
+    const ReadPipe pipe;
+    const int kept = dup(STDERR_FILENO);
+    dup2(pipe.writeEnd(), STDERR_FILENO);
+    const QtMessageHandler quietHandler = qInstallMessageHandler(nullptr);
+    logOneLine(state);
+    qInstallMessageHandler(quietHandler);
+    dup2(kept, STDERR_FILENO);
+    close(kept);
+}
+BENCHMARK(logLineDirectly)->UseRealTime()->Iterations(4000);
+
+LogWriter* s_logWriter = nullptr;
+
+void logLine(benchmark::State& state)
+{
+    const ReadPipe pipe;
+    LogWriter writer(pipe.writeEnd());
+    s_logWriter = &writer;
+    const QtMessageHandler quietHandler =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
+            s_logWriter->add(LogWriter::lineOf(message, QDateTime::currentMSecsSinceEpoch()));
+        });
+    logOneLine(state);
+    qInstallMessageHandler(quietHandler);
+}
+BENCHMARK(logLine)->UseRealTime()->Iterations(4000);
+
 void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 } // namespace
 
 int main(int argc, char** argv)
 {
+    qputenv("TZ", ":/etc/localtime"); // as the server does: without it each line costs more
     const QCoreApplication application(argc, argv);
     qInstallMessageHandler(quiet); // loading the tags tells of it on the output that holds the results
     benchmark::Initialize(&argc, argv);
