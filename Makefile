@@ -7,7 +7,7 @@ ARCH       ?=
 CROSS_ARCH := $(or $(ARCH),armhf)
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test soak safety sanitize fuzz coverage bench format lint clean
+.PHONY: help build run test unit-test tool-test system-test web-test screenshots soak safety sanitize fuzz coverage bench format lint clean
 .PHONY: cross cross-build package release-build package-test board
 
 help: ## list the targets
@@ -18,9 +18,9 @@ build: ## build the server and its unit tests
 	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 	@cmake --build $(BUILD)
 
-run: build ## run the server on the simulated installation and watch it; CAPTURE=file.pcapng keeps what crosses the links
-	@scripts/ensure-packages run
-	@bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE)) $(if $(CAPTURE),--capture "$(CAPTURE)")
+run: build ## run the server on the simulated installation and watch it; WEB=1 in the browser; CAPTURE=file.pcapng keeps it
+	@scripts/ensure-packages run $(if $(WEB),agent)
+	@bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE)) $(if $(CAPTURE),--capture "$(CAPTURE)") $(if $(WEB),--web)
 
 test: unit-test tool-test system-test ## all tests that need no board; CI runs lint and board, too
 
@@ -32,8 +32,16 @@ tool-test: ## the tools for installers and operators
 	@$(PYTHON) -m pytest -p no:cacheprovider -q -n 2 tests/tools
 
 system-test: build ## the real binary on the simulated installation, and two minutes of soak beside it
-	@scripts/ensure-packages test
+	@scripts/ensure-packages test agent
 	@scripts/system-tests $(BUILD)/tessaroserver --soak
+
+web-test: build ## the unit's page and the bench's in a headless browser
+	@scripts/ensure-packages test agent web
+	@$(PYTHON) -m pytest -p no:cacheprovider -q tests/web --server $(BUILD)/tessaroserver
+
+screenshots: build ## make the pictures of the pages in docs/ anew
+	@scripts/ensure-packages test agent web
+	@$(PYTHON) tests/web/screenshots.py $(BUILD)/tessaroserver docs/pictures
 
 soak: build ## all peers with seeded faults, SEED (1): at ten times the nominal pace for MINUTES (10), or for DAYS of virtual time
 	@scripts/ensure-packages run

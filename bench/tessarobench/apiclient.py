@@ -21,16 +21,17 @@ _SO_MEMINFO, _MEMINFO, _DROPS = 55, struct.Struct("9I"), 8
 class ApiClient:
     """Takes over a UDP socket made on the base unit's own loopback interface.
 
+    `reply_port` is another one where an agent owns the port of the answers and passes them on.
     `status` is the newest status object, `notifies` counts the "NOTIFY" replies, `statuses` the status objects.
     """
 
-    def __init__(self, loop: Loop, udp: socket.socket, journal: Journal):
+    def __init__(self, loop: Loop, udp: socket.socket, journal: Journal, reply_port: int = REPLY_PORT):
         self._loop, self._udp, self._journal = loop, udp, journal
         self.status: dict[str, str] = {}
         self.statuses = self.notifies = 0
         self._came_at = 0.0  # the newest status object
         udp.setblocking(False)
-        udp.bind((LOOPBACK, REPLY_PORT))
+        udp.bind((LOOPBACK, reply_port))
         loop.call(loop.watch, udp, self._readable)
 
     def send(self, datagram: bytes) -> None:

@@ -91,6 +91,11 @@ class Board(Closing):
         return self._peers.run(socket.socket, family, kind, protocol)
 
     @property
+    def board_network(self) -> str:
+        """The board's own network namespace as a path, for programs that run beside the server."""
+        return self._world.network_path
+
+    @property
     def peer_network(self) -> str:
         """The peers' network namespace as a path, for programs that make sockets there themselves."""
         return self._peers.network_path
@@ -132,7 +137,8 @@ class Board(Closing):
         self._world.run(self._lay_uart)
         self._lay_network()
         make_gpio_files(self._keep_open("/sys/class") / "gpio")
-        self.relay = self.closing(Relay(self.loop, self.journal, self._keep_open("/sys/class/gpio"), relay_delay))
+        self.gpio = self._keep_open("/sys/class/gpio")
+        self.relay = self.closing(Relay(self.loop, self.journal, self.gpio, relay_delay))
         if self.virtual:
             self.virtual.lay(root)
         self.server = ServerProcess(self.loop, self.journal, self._world,

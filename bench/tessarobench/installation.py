@@ -7,7 +7,7 @@ from functools import cached_property
 from pathlib import Path
 from typing import Any, Optional
 
-from .apiclient import REQUEST_PORT, ApiClient
+from .apiclient import REPLY_PORT, REQUEST_PORT, ApiClient
 from .basecontroller import BaseController
 from .board import Board
 from .capture import Capture
@@ -42,6 +42,7 @@ class Peers:
     """
 
     capture: Optional[Capture] = None  # of a board that can
+    reply_port = REPLY_PORT  # where the local tool hears the base unit
 
     # --- files -----------------------------------------------------------------------------------------------------
 
@@ -74,7 +75,7 @@ class Peers:
 
     @cached_property
     def api(self) -> ApiClient:
-        return self.closing(ApiClient(self.loop, self.local_socket(), self.journal))
+        return self.closing(ApiClient(self.loop, self.local_socket(), self.journal, self.reply_port))
 
     @cached_property
     def mc(self) -> MachineController:

@@ -11,8 +11,8 @@ import shutil
 import sys
 import termios
 import tty
-from typing import Callable, NamedTuple
 
+from .faults import Faults
 from .installation import Installation
 from .journal import FROM_BASE_UNIT, TO_BASE_UNIT
 
@@ -23,9 +23,7 @@ EGLINK_STATES = {0: "not configured", 1: "operational", 3: "link error"}
 QUIT = ("q", "\x03", "\x04")  # and Ctrl-C, Ctrl-D
 
 
-class Key(NamedTuple):
-    what: str
-    press: Callable[[], object]
+KEYS = {"m": "mute", "n": "noise", "l": "lossy", "c": "silent", "e": "eth0", "u": "unit", "w": "weld", "s": "stop"}
 
 
 class LiveView:
@@ -36,18 +34,7 @@ class LiveView:
 
     def __init__(self, bench: Installation, source=sys.stdin, out=sys.stdout):
         self._bench, self._source, self._out = bench, source, out
-        self._faults: set[str] = set()
-        self._note = ""
-        self._keys = {
-            "m": Key("mute base controller", self._toggle("base controller mute", bench.bc.mute)),
-            "n": Key("noise on UART", lambda: bench.bc.send_bytes(b"\x82" + os.urandom(40) + b"\n")),
-            "l": Key("lossy UART", self._toggle("UART lossy", self._lossy)),
-            "c": Key("controller silent", self._toggle("machine controller silent", self._silent)),
-            "e": Key("eth0 down", self._toggle("eth0 down", lambda on: bench.eth0.down() if on else bench.eth0.up())),
-            "u": Key("unit 1001 loses network", self._toggle("unit 1001 on the fallback", self._wander)),
-            "w": Key("weld relay", self._toggle("relay welded", lambda on: setattr(bench.relay, "welded", on))),
-            "s": Key("machine stop", lambda: bench.unit(1001).machine_stop()),
-        }
+        self._faults = Faults(bench)
 
     def run(self) -> None:
         descriptor = self._source.fileno()
@@ -70,38 +57,9 @@ class LiveView:
         key = raw.decode("latin-1")
         if not raw or key in QUIT:
             return False
-        if key in self._keys:
-            self._note = self._keys[key].what
-            try:
-                self._keys[key].press()
-            except (AssertionError, OSError) as error:  # a fault that does not fit another one that is on
-                self._note += f": {str(error).splitlines()[0]}"
+        if key in KEYS:
+            self._faults.press(KEYS[key])
         return True
-
-    def _toggle(self, name: str, action: Callable[[bool], object]) -> Callable[[], None]:
-        def press() -> None:
-            action(name not in self._faults)
-            self._faults ^= {name}
-        return press
-
-    def _lossy(self, on: bool) -> None:
-        for impairment in (self._bench.bc.to_base_unit, self._bench.bc.from_base_unit):
-            impairment.chances(loss=0.2 if on else 0)
-
-    def _silent(self, on: bool) -> None:
-        self._bench.mc.acknowledges = not on
-        if on:
-            self._bench.mc.silence()
-        else:
-            self._bench.mc.cycle(bytes(32))
-
-    def _wander(self, on: bool) -> None:
-        unit = self._bench.unit(1001)
-        if on:
-            unit.lose_network()
-            unit.join_fallback()
-        else:
-            unit.join()
 
     # --- the screen ------------------------------------------------------------------------------------------------
 
@@ -134,12 +92,13 @@ class LiveView:
         usage = self._bench.server.usage()
         return ["tags     " + "   ".join(f"{tag} {self._bench.api.tag(tag) or '-'}" for tag in TAGS),
                 f"server   {usage.resident_bytes / 1048576:.1f} MiB, {usage.threads} threads, {usage.descriptors} descriptors",
-                "faults   " + (", ".join(sorted(self._faults)) or "none") + (f"   (last key: {self._note})" if self._note else "")]
+                "faults   " + (", ".join(self._faults.states) or "none")
+                + (f"   (last key: {self._faults.note})" if self._faults.note else "")]
 
     def _log(self) -> list[str]:
         return ["log", *(f"  {text}" for text in self._bench.server.texts()[-LOG_LINES:])]
 
     def _help(self) -> list[str]:
-        keys = [f"{key} {entry.what}" for key, entry in self._keys.items()]
+        keys = [f"{key} {self._faults[name].what}" for key, name in KEYS.items()]
         half = (len(keys) + 1) // 2
         return ["  ".join(keys[:half]), "  ".join([*keys[half:], "q end"])]

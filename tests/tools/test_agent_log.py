@@ -68,14 +68,15 @@ def test_every_row_of_the_handbook_that_asks_for_something_says_what(logbook):
 
 
 def test_an_event_is_told_counted_and_comes_with_what_to_do(agent):
-    agent.write_log("NO_BI_LINK", "STARTING", "RUN", "Internal link fail!!!!!!!!", "Link BUSY, ack queued.")
+    agent.write_log("NO_BI_LINK", "STARTING", "RUN", "Internal link fail!!!!!!!!", "NO_BI_LINK", "Internal link fail!!!!!!!!",
+                    "NO_BI_LINK", "Link BUSY, ack queued.")
     event = wait_for(lambda: [event for event in agent.events_of_log() if event["event"] == "internal_link_fail"])[0]
     assert event["todo"] == "base controller off, cable, or overload; the relay has opened"
     assert event["section"] == "The internal link"
-    assert agent.value("link") == "RUN"
+    agent.wait_value("link", "NO_BI_LINK")
     metrics = agent.metrics()
-    assert metrics["tessaro_link_losses_total"] == 1
-    assert metrics['tessaro_log_events_total{event="internal_link_fail"}'] == 1
+    assert metrics["tessaro_link_losses_total"] == 1, "one loss, however often it then fails to come back"
+    assert metrics['tessaro_log_events_total{event="internal_link_fail"}'] == 2
     assert not any("queued" in event["line"] for event in agent.events_of_log())
 
 
@@ -182,5 +183,6 @@ def test_a_journal_that_may_not_be_read_is_told(server, tmp_path):
 
 def test_without_a_handbook_nothing_is_worded_and_nothing_breaks():
     unit = Unit(Logbook(""), lambda change: None)
-    unit.log_line("Internal link fail!!!!!!!!", 0.0, 0.0)
+    unit.log_line("RUN", 0.0, 0.0)
+    unit.log_line("NO_BI_LINK", 0.0, 0.0)
     assert unit.link_losses == 1

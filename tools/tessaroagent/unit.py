@@ -16,7 +16,7 @@ LINK_LINES = ("RUN", "STARTING", "NO_BI_LINK")
 FALLBACK_LINE = re.compile(r"RGPCom::(add|remove)FallbackLink (\d+)")
 REFUSAL = re.compile(r"GLINK_MSG_ID_INITACK RU \d+ Error (\d+)")
 BANNER = "Starting TZ-400 Tessaro Server"
-LINK_LOSS = "Internal link fail!!!!!!!!"
+UP, DOWN = ("RUN", "STARTING"), "NO_BI_LINK"  # a link that is down tries again, and says each time that it failed
 MOST_REASONS = 16
 MOST_FALLBACK = 32
 
@@ -117,8 +117,9 @@ class Unit:
 
     def log_line(self, text, now, tick):
         """A line that is new."""
+        before = self.values.get(LINK)
         self.log_state(text, now)
-        if text.startswith(LINK_LOSS):
+        if before in UP and self.values[LINK] == DOWN:
             self.link_losses += 1
         refusal = REFUSAL.match(text)
         if refusal and (refusal[1] in self.refusals or len(self.refusals) < MOST_REASONS):

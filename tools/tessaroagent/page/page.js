@@ -137,7 +137,7 @@ function things() {
     relay: { id: "relay", name: "Machine stop", words: words("relay"), level: level("relay"), link: "relay", state: value("relay") ?? "unknown" },
     remotes: { id: "remotes", name: "Remote units", words: remote, level: count === null ? "unknown" : fallback ? "warn" : count === "0" ? "note" : "good",
       more: [...(fallback ? [`on the fallback: ${fallback}`] : []), ...(known("UNARMED_RUs") ? [`${value("UNARMED_RUs")} not armed`] : [])],
-      link: "remote link", state: count === null ? "unknown" : fallback ? "fallback in use" : count === "0" ? "nobody there" : "by TCP" },
+      link: "remote link", state: count === null ? "unknown" : fallback ? "by fallback" : count === "0" ? "nobody there" : "by TCP" },
   };
   all.unit.more = all.unit.more.filter(Boolean);
   if (unit.state !== "live")
@@ -197,15 +197,23 @@ function showProblems() {
 const sentence = (text) => text.charAt(0).toUpperCase() + text.slice(1);
 
 function gaps() {
-  const found = unit.changes.filter((change) => change.key === "agent" && "last" in change)
-    .map((change) => [change.last ?? change.time, change.time]);
-  if (unit.state === "lost") found.push([(unit.offset + unit.heard) / 1000, Infinity]);
+  // From the end of one agent to the beginning of the next.
+  const found = unit.changes.filter((change) => change.key === "agent" && change.last)
+    .map((change) => ({ from: change.last, to: change.time, id: change.id }));
+  if (unit.state === "lost") found.push({ from: (unit.offset + unit.heard) / 1000, to: Infinity, id: Infinity });
   return found;
 }
 
 function showStrip() {
-  // A gap begins where the agent before this one ended; when it is over, the values are what they were found to be then.
-  drawStrip(get("strip"), [...unit.before, ...unit.changes], gaps(), unitNow());
+  const all = [...unit.before, ...unit.changes];
+  if (!unit.spanChosen && all.length) {
+    // As much as there is to see, until somebody chooses.
+    const watched = unitNow() - Math.min(...all.map((change) => change.time));
+    get("span").value = ["60", "300", "900", "3600"].find((span) => watched < Number(span)) ?? "3600";
+  }
+  const span = Number(get("span").value);
+  get("strip-title").textContent = span === HOUR ? "The last hour" : span === 60 ? "The last minute" : `The last ${span / 60} minutes`;
+  drawStrip(get("strip"), all, gaps(), unitNow(), span);
   if (get("legend").childElementCount === 0)
     for (const [how, text] of [["good", "as it should be"], ["note", "neither good nor bad"], ["warn", "look"], ["bad", "bad"], ["unknown", "not known"]])
       get("legend").append(make("span", `${MARKS[how]} ${text}`, { "data-level": how }));
@@ -317,6 +325,7 @@ setInterval(() => {
   if (unit.state === "lost" && stream && stream.readyState === EventSource.OPEN && performance.now() - unit.heard > 2 * SILENCE) connect();
   later();
 }, 1000);
+get("span").onchange = () => { unit.spanChosen = true; later(); };
 narrow.addEventListener("change", later);
 addEventListener("resize", later);
 connect();

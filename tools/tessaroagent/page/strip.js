@@ -1,28 +1,32 @@
-// What was when: a lane for each thing, over the last hour. Nobody looked: the lane is hatched in grey, and says so.
+// What was when: a lane for each thing, over the last minutes. Nobody looked: the lane is hatched in grey, and says so.
 
 import { MARKS, element } from "./picture.js";
 
-const HOUR = 3600;
 const LANE = 26, GAP = 6, FOOT = 22;
 export const LANES = [["server", "server"], ["link", "internal link"], ["relay", "relay"], ["BU_STATE", "state"],
   ["EG_LINK_STATUS", "machine controller"], ["ARMED_RU", "armed unit"]];
 
-// The pieces of a lane: { from, to, level, words }. `changes` are in order; `gaps` are [from, to] in which nobody watched.
+// The pieces of a lane: { from, to, level, words }. `changes` are in order; in `gaps` { from, to, id } nobody watched: what was
+// found out after entry `id` may be about a time before the gap, and counts from its end on.
 export function pieces(key, changes, gaps, from, to) {
-  const found = [];
-  let now = { from, level: "unknown", words: "not watched" };
-  const close = (when) => { if (when > now.from) found.push({ ...now, to: when }); };
-  const events = [
-    ...changes.filter((change) => change.key === key).map((change) => ({ at: Math.max(change.time, from), change })),
-    ...gaps.filter(([, end]) => end > from).map(([begin]) => ({ at: Math.max(begin, from) })),
-  ].sort((one, other) => one.at - other.at);
-  for (const { at, change } of events) {
-    close(Math.min(at, to));
-    now = change ? { from: at, level: change.level, words: change.name || change.words }
-      : { from: at, level: "unknown", words: "not watched" };
+  const unwatched = { level: "unknown", words: "not watched" };
+  const shown = ({ level, name, words }) => ({ level, words: name || words });
+  const mine = changes.filter((change) => change.key === key);
+  const events = mine.map((change) => ({ at: change.time, now: shown(change) }));
+  for (const gap of gaps) {
+    events.push({ at: gap.from, now: unwatched });
+    const found = mine.filter((change) => change.id > gap.id && change.time <= gap.to).pop();
+    if (found) events.push({ at: gap.to, now: shown(found) });
   }
-  close(to);
-  return found;
+  events.sort((one, other) => one.at - other.at);
+  const pieces = [];
+  let begun = from, now = unwatched;
+  for (const event of [...events, { at: to }]) {
+    const at = Math.min(Math.max(event.at, from), to);
+    if (at > begun) pieces.push({ ...now, from: begun, to: at });
+    [begun, now] = [at, event.now];
+  }
+  return pieces;
 }
 
 function segment(piece, x, y, width) {
@@ -41,19 +45,20 @@ function segment(piece, x, y, width) {
 
 export const clock = (seconds) => new Date(seconds * 1000).toLocaleTimeString([], { hour12: false });
 
-export function drawStrip(place, changes, gaps, now) {
+export function drawStrip(place, changes, gaps, now, span) {
   const width = Math.max(place.clientWidth, 280);
   const left = width < 560 ? 0 : 150;
   const pitch = LANE + GAP + (left ? 0 : 16);
   const height = LANES.length * pitch + FOOT;
-  const from = now - HOUR, scale = (width - left) / HOUR;
+  const from = now - span, scale = (width - left) / span;
   const svg = element("svg", { viewBox: `0 0 ${width} ${height}`, role: "img" });
   const spoken = [];
-  for (let minutes = 60; minutes >= 0; minutes -= left ? 15 : 30) {
-    const x = left + (60 - minutes) * 60 * scale;
+  const ticks = !left ? 2 : span === 300 ? 5 : span === 60 ? 6 : 4;
+  for (let tick = ticks; tick >= 0; tick -= 1) {
+    const x = left + (1 - tick / ticks) * (width - left), ago = (span * tick) / ticks;
     svg.append(element("line", { class: "tick", x1: x, x2: x, y1: 0, y2: height - FOOT }));
-    svg.append(element("text", { class: "tick-name", x, y: height - 6, "text-anchor": minutes === 60 ? "start" : minutes ? "middle" : "end" },
-      minutes ? `${minutes} min ago` : "now"));
+    svg.append(element("text", { class: "tick-name", x, y: height - 6, "text-anchor": tick === ticks ? "start" : tick ? "middle" : "end" },
+      !ago ? "now" : ago % 60 ? `${ago} s ago` : `${ago / 60} min ago`));
   }
   LANES.forEach(([key, name], index) => {
     const y = index * pitch + (left ? 0 : 16);
@@ -63,6 +68,6 @@ export function drawStrip(place, changes, gaps, now) {
     const bad = found.filter((piece) => piece.level === "bad").length;
     spoken.push(`${name}: ${found.length ? found[found.length - 1].words : "unknown"}${bad ? `, bad ${bad} times` : ""}`);
   });
-  svg.setAttribute("aria-label", `The last hour. ${spoken.join(". ")}.`);
+  svg.setAttribute("aria-label", `The last ${span / 60} minutes. ${spoken.join(". ")}.`);
   place.replaceChildren(svg);
 }

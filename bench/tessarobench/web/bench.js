@@ -1,0 +1,81 @@
+// The bench's controls. Every button says whether its fault is on; packets come in small lots, newest first.
+
+const MOST_ROWS = 250;
+const LINKS = { uart: "Base controller (UART)", eglink: "Machine controller (eth0)", glink: "Remote units (wlan0)", gpio: "Machine-stop relay", server: "The server itself" };
+const WAYS = { ">": "to the base unit", "<": "from the base unit", "*": "the bench" };
+const get = (id) => document.getElementById(id);
+let held = [];
+
+function make(name, text, attributes = {}) {
+  const made = document.createElement(name);
+  if (text !== undefined) made.textContent = text;
+  for (const [key, value] of Object.entries(attributes)) made.setAttribute(key, value);
+  return made;
+}
+
+async function post(path) {
+  const answer = await fetch(path, { method: "POST", headers: { "X-Bench": "1" } });
+  if (!answer.ok) get("said").textContent = `Not now: ${answer.statusText}`;
+}
+
+function lay(state) {
+  get("unit").src = `${location.protocol}//${location.hostname}:${state.agent}/`;
+  for (const [link, title] of Object.entries(LINKS)) {
+    const group = make("fieldset");
+    group.append(make("legend", title));
+    for (const fault of state.faults.filter((each) => each.link === link)) {
+      const button = make("button", fault.what, { type: "button", "data-fault": fault.name });
+      if (fault.lasts) button.setAttribute("aria-pressed", "false");
+      button.onclick = () => post(`/bench/fault/${fault.name}`);
+      group.append(button);
+    }
+    get("faults").append(group);
+  }
+  for (const scene of state.scenes) get("scene").append(make("option", `the scene: ${scene.title}`, { value: scene.name }));
+  get("begin").onclick = () => post(`/bench/scene/${get("scene").value}`);
+}
+
+function show(state) {
+  for (const fault of state.faults) {
+    const button = document.querySelector(`[data-fault="${fault.name}"]`);
+    if (fault.lasts) button.setAttribute("aria-pressed", String(fault.on));
+    button.disabled = !state.stands || state.playing !== null;
+  }
+  const title = state.scenes.find((scene) => scene.name === state.playing)?.title ?? "Normal operation";
+  const said = !state.stands ? "Laying a fresh installation" : state.playing !== null ? `Playing: ${title}`
+    : state.outcome ? `${state.outcome.ok ? "✓" : "✕"} ${state.outcome.text}` : "Ready";
+  if (get("said").textContent !== said) get("said").textContent = said;
+}
+
+function row(item) {
+  const story = item.link === "bench";
+  const made = make("tr", undefined, { class: `${story ? "story" : ""} ${item.kind}` });
+  const time = new Date(item.time * 1000);
+  const what = make("td", item.words);
+  if (item.bytes) what.append(make("code", item.bytes + (item.size * 3 - 1 > item.bytes.length ? ` … (${item.size} bytes)` : "")));
+  made.append(make("td", `${time.toLocaleTimeString([], { hour12: false })}.${String(time.getMilliseconds()).padStart(3, "0")}`),
+    make("td", story ? "" : item.link), make("td", story ? "" : WAYS[item.direction]), what);
+  return made;
+}
+
+function take(items) {
+  held.push(...items.filter((item) => item.kind !== "small" || get("small").checked));
+  held = held.slice(-MOST_ROWS);
+  if (get("hold").checked || !held.length) return;
+  const body = get("packets").tBodies[0];
+  body.prepend(...held.reverse().map(row));
+  held = [];
+  while (body.rows.length > MOST_ROWS) body.lastChild.remove();
+}
+
+const state = await (await fetch("/bench/state")).json();
+lay(state);
+show(state);
+const stream = new EventSource("/bench/packets");
+stream.onmessage = (event) => {
+  get("gone").hidden = true;
+  const data = JSON.parse(event.data);
+  take(data.items);
+  show(data.state);
+};
+stream.onerror = () => { get("gone").hidden = false; };
