@@ -5,6 +5,7 @@ from __future__ import annotations
 import collections
 import threading
 import time
+from typing import Optional
 
 from .journal import Event
 from .narrator import PEERS, TELLERS
@@ -26,17 +27,21 @@ class Feed:
         self._put({"link": "bench", "direction": "*", "kind": kind, "words": text})
 
     def event(self, event: Event) -> None:
-        teller = TELLERS.get(event.link)
-        words = teller(event) if teller else event.kind
-        if words is None and event.link not in ("server",):
-            words = event.kind  # acknowledgements and heartbeats, which a reader may leave out
-            kind = "small"
-        else:
-            kind = event.kind
-        if words is not None:
-            self._put({"link": event.link, "direction": event.direction, "kind": kind, "words": words,
-                       "peer": PEERS.get(event.link, event.link), "bytes": event.data[:SHOWN_BYTES].hex(" "),
-                       "size": len(event.data)})
+        words = self._told(event)
+        if words is None and event.link == "server":
+            return
+        # Acknowledgements and heartbeats go without saying; a reader may ask for them.
+        self._put({"link": event.link, "direction": event.direction, "kind": event.kind if words else "small",
+                   "words": words or event.kind, "peer": PEERS.get(event.link, event.link),
+                   "bytes": event.data[:SHOWN_BYTES].hex(" "), "size": len(event.data)})
+
+    @staticmethod
+    def _told(event: Event) -> Optional[str]:
+        try:
+            teller = TELLERS.get(event.link)
+            return teller(event) if teller else event.kind
+        except AttributeError:  # of a request that lacks on purpose what others have
+            return f"{event.kind} {' '.join(f'{key} {value}' for key, value in event.detail.items())}"
 
     def _put(self, item: dict) -> None:
         with self._changed:

@@ -13,18 +13,23 @@ import struct
 import tempfile
 import threading
 from pathlib import Path
-from typing import Callable, Iterator, NamedTuple, Optional
+from typing import Any, Iterator, NamedTuple, Optional
 
 from . import scenes
 from .agentprocess import FORWARD_PORT, AgentProcess
+from .apiclient import REQUEST_PORT
 from .capturefile import CaptureFile
 from .faults import OTHER_UNIT, UNIT, Faults
 from .feed import Feed
-from .installation import Installation
+from .installation import APP, IDENTITY, KEYS, Installation
 from .journal import Event
 from .narrator import Narrator
+from .remotepaths import ADDRESS
+from .stalls import STALLS, Stall
 
 NORMAL = ""  # no scene: an installation in normal operation
+STALL = "stall:"  # before the name of a stall: normal operation, and then something stands still
+START_SECONDS = 10.0
 UNITS = (UNIT, OTHER_UNIT)
 DISARMED, ARMED = 16, 17
 # Scenes count what the base unit says over the API: what the agent is told on its own question would be too much.
@@ -58,6 +63,13 @@ class Teller(Narrator):
         self._feed.tell("say", text)
 
 
+class Ending:
+    """A stall, to be ended with the board."""
+
+    def __init__(self, stall: Stall):
+        self.close = stall.end
+
+
 class Mirror:
     """In normal operation the base controller shows back in its image what the base unit's status record tells it."""
 
@@ -74,17 +86,23 @@ class Mirror:
             self._bench.loop.post(lambda: self._bench.bc.set(**told))
 
 
-def bring_up(bench: Installation) -> None:
-    """Normal operation: the link in RUN, two units joined, one of them armed, the machine controller talking."""
-    bench.mc
-    bench.start_to_serve(timeout=10.0, bu_state=DISARMED, tsaps=2, eclink_status=1, clink_status=1)
+def bring_up(bench: Installation, **options: Any) -> None:
+    """Normal operation: the link in RUN, two units joined, one of them armed, the machine controller talking. It looks at no
+    log, which may be what stands still."""
+    assert bench.mc and bench.api and bench.fallback
+    asked = sum(row.get("from") == "BC" for file in (APP, KEYS) for row in bench.table(file))
+    controller = bench.bc
+    bench.start(**options)
+    bench.server.wait_listening(socket.SOCK_DGRAM, REQUEST_PORT, START_SECONDS)
+    bench.wait_for(lambda: controller.received["ask"] >= asked, START_SECONDS, "the configuration pass")
+    controller.set(bu_identity=IDENTITY, bu_state=DISARMED, tsaps=2, eclink_status=1, clink_status=1)
+    bench.server.wait_listening(socket.SOCK_STREAM, ADDRESS[1], START_SECONDS)
     Mirror(bench)
     bench.mc.cycle(READY)
-    bench.fallback
     for unit in UNITS:
-        bench.unit(unit).join().wait_joined()
+        bench.unit(unit).join().wait_joined(START_SECONDS)
         bench.unit(unit).rejoin_after = 1.0
-    bench.bc.set(bu_state=ARMED, armed_ru=UNIT, ru_state=1)
+    controller.set(bu_state=ARMED, armed_ru=UNIT, ru_state=1)
 
 
 class WebBench:
@@ -99,7 +117,7 @@ class WebBench:
         self._folder: Optional[Path] = None
         self._bench: Optional[Installation] = None
         self._lock = threading.Lock()
-        self.feed = Feed()
+        self.feed, self.scenes = Feed(), scenes.load()
         self.faults: Optional[Faults] = None
         self.playing: Optional[str] = None
         self.outcome: Optional[Outcome] = None
@@ -142,7 +160,7 @@ class WebBench:
             bench.api  # hears what the agent passes on
             bench.loop.call(bench.journal.listeners.append, self.feed.event)
             agent = bench.closing(AgentProcess(bench, self._agent_socket, self._folder, "--allow-control", "--interval",
-                                               str(ASK_SECONDS if scene == NORMAL else SELDOM_SECONDS),
+                                               str(ASK_SECONDS if scene not in self.scenes else SELDOM_SECONDS),
                                                "--frame-from", self._origins))
             assert agent.running
             with self._standing(bench, scene):
@@ -163,10 +181,8 @@ class WebBench:
     def _play(self, bench: Installation, name: str) -> None:
         teller = Teller(bench, self.feed)
         try:
-            if name == NORMAL:
-                teller.heading("Normal operation")
-                bring_up(bench)
-                self.outcome = Outcome(name, True, "everything is in normal operation")
+            if name == NORMAL or name.startswith(STALL):
+                self._operate(bench, name, teller)
                 return
             stage = scenes.Stage(bench, teller)
             for scene in scenes.with_needs([name]):
@@ -174,11 +190,21 @@ class WebBench:
                 scene.play(stage)
                 bench.loop.raise_failure()
             self.outcome = Outcome(name, True, "everything came out as told")
-        except AssertionError as failure:
-            self.outcome = Outcome(name, False, str(failure).splitlines()[0])
+        except (AssertionError, OSError) as failure:
+            self.outcome = Outcome(name, False, (str(failure) or type(failure).__name__).splitlines()[0])
             self.feed.tell("failed", self.outcome.text)
 
-    def look(self, action: Callable[[Installation], object]) -> object:
-        """What `action` gives for the installation that stands, or None while none does."""
-        with self._lock:
-            return action(self._bench) if self._bench else None
+    def _operate(self, bench: Installation, name: str, teller: Teller) -> None:
+        """Normal operation, or with one thing that stands still from then on."""
+        stall = STALLS[name[len(STALL):] or "nothing"](bench)
+        reason = stall.refused()
+        if reason:
+            raise AssertionError(f"this machine cannot do that: {reason}")
+        bench.closing(Ending(stall))
+        stall.lay()
+        teller.heading("Normal operation")
+        bring_up(bench, **stall.options)
+        stall.begin()
+        self.outcome = Outcome(name, True, "everything is in normal operation" if name == NORMAL
+                               else f"in normal operation, but for this: {stall.title}")
+        teller.say(self.outcome.text)

@@ -11,9 +11,9 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 from urllib.parse import urlsplit
 
-from . import scenes
 from .faults import FAULTS
-from .webbench import NORMAL, WebBench
+from .stalls import STALLS
+from .webbench import NORMAL, STALL, WebBench
 
 FOLDER = Path(__file__).resolve().parent / "web"
 UNIT_PAGE = Path(__file__).resolve().parents[2] / "tools" / "tessaroagent" / "page"
@@ -54,7 +54,7 @@ class Handler(BaseHTTPRequestHandler):
             self.send_error(HTTPStatus.FORBIDDEN)
             return
         _, _, what, name = (urlsplit(self.path).path.split("/", 3) + ["", "", ""])[:4]
-        known = {"fault": {fault.name for fault in FAULTS}, "scene": {NORMAL, *scenes.load()}}
+        known = {"fault": {fault.name for fault in FAULTS}, "scene": {NORMAL, *self.bench.scenes, *(STALL + name for name in STALLS)}}
         if name not in known.get(what, ()):
             self.send_error(HTTPStatus.NOT_FOUND)
         elif what == "scene":
@@ -98,7 +98,9 @@ class Handler(BaseHTTPRequestHandler):
                 "outcome": outcome and outcome._asdict(),
                 "faults": [{"name": fault.name, "link": fault.link, "what": fault.what, "lasts": bool(fault.state),
                             "on": bool(faults and fault.name in faults.on)} for fault in FAULTS],
-                "scenes": [{"name": scene.name, "title": scene.title} for scene in scenes.load().values()]}
+                "scenes": [{"name": scene.name, "title": f"the scene: {scene.title}"} for scene in self.bench.scenes.values()]
+                + [{"name": STALL + name, "title": f"a stall: {stall.title}"} for name, stall in STALLS.items()
+                   if name != "nothing"]}
 
     def _packets(self) -> None:
         self.send_response(HTTPStatus.OK)

@@ -118,11 +118,20 @@ def test_a_scene_begins_on_a_fresh_installation_with_the_same_history(web):
     pid = web.unit()["process"]["pid"]
     web.post("/bench/scene/images")
     web.wait(lambda: web.state()["outcome"]["scene"] == "images", 40)
-    assert web.state()["outcome"]["ok"]
+    assert web.state()["outcome"]["ok"], web.state()["outcome"]["text"]
     web.wait(lambda: web.value("BU_STATE") == "16")
     assert web.unit()["process"]["pid"] != pid
     states = [change["new"] for change in web.unit("/api/history")["changes"] if change["key"] == "BU_STATE"]
     assert "17" in states[:3] and states[-1] == "16"
+
+
+def test_a_stall_comes_over_an_installation_in_normal_operation(web):
+    web.post("/bench/scene/stall:disk-full")
+    web.wait(lambda: web.state()["outcome"]["scene"] == "stall:disk-full", 40)
+    outcome = web.state()["outcome"]
+    assert outcome["text"] == "in normal operation, but for this: disk: full" or "cannot do that" in outcome["text"]
+    if outcome["ok"]:
+        web.wait(lambda: (web.value("relay"), web.value("BU_STATE")) == ("closed", "17"))
 
 
 def test_pages_of_others_can_press_nothing(web):

@@ -40,11 +40,16 @@ class Interface:
             if not self._open():
                 await asyncio.sleep(AGAIN_SECONDS)
         asyncio.get_running_loop().add_reader(self._socket, self._readable)
+        asked = None
         while True:
-            self._unit.ask(time.monotonic())
-            self.send("GET")
-            quiet = self._unit.values.get("server") == "answers"
-            await asyncio.sleep(self._interval if quiet else min(self._interval, EAGER_SECONDS))
+            answers = self._unit.values.get("server") == "answers"
+            pause = self._interval if answers else min(self._interval, EAGER_SECONDS)
+            tick = time.monotonic()
+            if asked is None or tick - asked >= pause:
+                asked = tick
+                self._unit.ask(tick)
+                self.send("GET")
+            await asyncio.sleep(min(pause, EAGER_SECONDS))
 
     def send(self, text):
         """@return whether it could be sent."""

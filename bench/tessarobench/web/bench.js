@@ -31,7 +31,7 @@ function lay(state) {
     }
     get("faults").append(group);
   }
-  for (const scene of state.scenes) get("scene").append(make("option", `the scene: ${scene.title}`, { value: scene.name }));
+  for (const scene of state.scenes) get("scene").append(make("option", scene.title, { value: scene.name }));
   get("begin").onclick = () => post(`/bench/scene/${get("scene").value}`);
 }
 
