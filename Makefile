@@ -7,8 +7,7 @@ ARCH       ?=
 CROSS_ARCH := $(or $(ARCH),armhf)
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test web-test screenshots soak safety sanitize fuzz coverage bench format lint clean
-.PHONY: cross cross-build package release-build package-test board
+.PHONY: help build run test unit-test tool-test system-test web-test screenshots soak safety sanitize fuzz coverage bench format lint clean cross cross-build package release-build package-test board systemd-test
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
@@ -96,6 +95,9 @@ release-build:
 	@scripts/ensure-packages build
 	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 	@cmake --build build-release --target tessaroserver tessaro-relay-open
+
+systemd-test: release-build ## the package's unit under a real systemd: however the server ends or hangs, the relay opens
+	@scripts/package-test tests/packaging/test_service_manager.py
 
 package-test: release-build ## install, upgrade and remove the package in a clean Debian
 	@scripts/package-test

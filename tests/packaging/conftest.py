@@ -1,5 +1,6 @@
 """Tests of the Debian package in a clean Debian: installed, upgraded and removed for real, in a copy that is thrown away."""
 
+import contextlib
 import os
 import subprocess
 import sys
@@ -56,12 +57,18 @@ class CleanRoot:
         return self.path / name
 
 
-@pytest.fixture
-def clean(request, tmp_path):
-    root = CleanRoot(Path(request.config.getoption("--root")).resolve(), tmp_path)
+@contextlib.contextmanager
+def clean_root(request, folder: Path):
+    root = CleanRoot(Path(request.config.getoption("--root")).resolve(), folder)
     yield root
     subprocess.run(["umount", "-R", root.path], check=True)
-    subprocess.run(["umount", tmp_path / "memory"], check=True)
+    subprocess.run(["umount", folder / "memory"], check=True)
+
+
+@pytest.fixture
+def clean(request, tmp_path):
+    with clean_root(request, tmp_path) as root:
+        yield root
 
 
 @pytest.fixture
