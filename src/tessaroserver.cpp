@@ -250,11 +250,12 @@ void TessaroServer::connectComponents()
                       SLOT(receivePeriodicFromECLink(QByteArray)));
     /* W6  */ connect(fbCmdService, SIGNAL(sendCmdToRGPCom(QByteArray)), rgpCom, SLOT(sendCmd(QByteArray)));
     /* W7  */ connect(rgpCom, SIGNAL(readyReadCmdFromRGP(QByteArray)), fbCmdService, SLOT(sendCmd(QByteArray)));
-    // Direct: however many requests come, they wake the file thread alone, and at its own pace.
-    /* W8  */ connect(apiServer, &APIServer::configChangeMsgReceived, m_reload, &ConfigurationReload::request,
-                      Qt::DirectConnection);
-    connect(m_reload, &ConfigurationReload::reloaded, eventService, &SystemEventService::sendReconfig);
+    // What answers a request before what makes one, which may come at once. Requests are direct: however many come,
+    // they wake the file thread alone, and at its own pace.
+    /* W8  */ connect(m_reload, &ConfigurationReload::reloaded, eventService, &SystemEventService::sendReconfig);
     /* W9  */ connect(m_reload, &ConfigurationReload::reloaded, rgpCom, &RGPCom::configChanged);
+    /* W8+9*/ connect(apiServer, &APIServer::configChangeMsgReceived, m_reload, &ConfigurationReload::request,
+                      Qt::DirectConnection);
     /* W10 */ connect(apiServer, &APIServer::ruDisarmMsgReceived, eventService, &SystemEventService::releaseArm);
     /* W11 */ connect(apiServer, &APIServer::egResetMsgReceived, eventService, &SystemEventService::sendECLinkReset);
     /* W12 */ connect(eventService, &SystemEventService::BCConfigChanged, configurationService,
