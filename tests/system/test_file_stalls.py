@@ -138,7 +138,7 @@ def test_pairing_beside_many_remote_units_holds_up_nobody(bench):
     rows = "".join(f"{row};{row + 1};4000000001;4000000002;4000000003;4000000004\n" for row in range(65000))
     heading = (bench.applications / REMOTES).read_text().splitlines(keepends=True)[:2]
     (bench.applications / REMOTES).write_text("".join(heading) + rows)
-    bench.start_to_serve()
+    bench.start_to_serve(timeout=30.0)
     unit = bench.unit(64999).join().wait_joined()
     arm(bench, 64999)
     mark, line = bench.journal.mark(), len(bench.server.log)
