@@ -7,7 +7,8 @@ ARCH       ?=
 CROSS_ARCH := $(or $(ARCH),armhf)
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test web-test screenshots soak safety sanitize fuzz coverage bench format lint clean cross cross-build package release-build package-test board systemd-test
+.PHONY: help build run test unit-test tool-test system-test web-test screenshots soak safety sanitize fuzz coverage bench format lint clean
+.PHONY: cross cross-build package release-build package-test board systemd-test
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24

@@ -86,8 +86,10 @@ def _try_all(server: Path, library: Path, rows: list[Row], tries: int, jobs: int
         due = {workers.submit(attempt, server, STALLS[row.stall], row.event, library, seed): row
                for seed in range(tries) for row in rows}
         try:
-            for done in concurrent.futures.as_completed(due):
+            for number, done in enumerate(concurrent.futures.as_completed(due), 1):
                 _take(due[done], done.result(), tries, say)
+                if number % (10 * len(rows)) == 0:
+                    say(f"      {number // len(rows)} of {tries} tries")
         except BaseException:  # a trial that the bench could not make; no use in the others
             workers.shutdown(wait=False, cancel_futures=True)
             raise

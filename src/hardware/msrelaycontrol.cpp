@@ -8,6 +8,8 @@
 
 #include <chrono>
 
+#include <fcntl.h>
+
 namespace {
 
 constexpr char SourceUnit[] = "src/hardware/msrelaycontrol";
@@ -32,7 +34,6 @@ constexpr std::chrono::milliseconds MachineStopCheckDelay{1000};
 
 // The files belong to the kernel: they are never created. Unbuffered, so that a failing write is seen at the write.
 constexpr QIODevice::OpenMode WriteMode = QIODevice::WriteOnly | QIODevice::ExistingOnly | QIODevice::Unbuffered;
-constexpr QIODevice::OpenMode ReadMode = QIODevice::ReadOnly | QIODevice::Unbuffered;
 
 void require(bool holds, FatalLine line)
 {
@@ -50,6 +51,8 @@ MsRelayControl::MsRelayControl(QObject* parent)
 MsRelayControl::MsRelayControl(const QString& gpioFolder, QObject* parent)
     : QObject(parent)
     , m_gpioFolder(gpioFolder)
+    , m_drive(QFile::encodeName(lineFile(DriveLine, "value")), O_WRONLY | O_TRUNC)
+    , m_monitor(QFile::encodeName(lineFile(MonitorLine, "value")), O_RDONLY)
     , machineStopPressedTimer(new QTimer)
 {
     qDebug() << "MsRelayControl::MsRelayControl(QObject *parent) : QObject(parent)";
@@ -57,6 +60,8 @@ MsRelayControl::MsRelayControl(const QString& gpioFolder, QObject* parent)
     exportLines();
     setDirection(DriveLine, "out");
     setDirection(MonitorLine, "in");
+    m_drive.keep();
+    m_monitor.keep();
     initialized = true;
     newEvent(STARTING_EVENT);
 }
@@ -69,13 +74,13 @@ MsRelayControl::~MsRelayControl()
 int MsRelayControl::getRelayState()
 {
     require(initialized, MonitorNotInitialized);
-    QFile monitor(lineFile(MonitorLine, "value"));
-    if (!monitor.open(ReadMode)) {
+    char level[MonitorBytes] = {};
+    const LevelFile::Outcome outcome = m_monitor.read(level, sizeof(level));
+    if (outcome == LevelFile::Outcome::NotOpened) {
         qDebug() << "Failed to read es relay monitor";
         myAssertFunc(SourceUnit, MonitorNotOpened);
     }
-    char level[MonitorBytes] = {};
-    require(monitor.read(level, sizeof(level)) >= 0, MonitorNotRead);
+    require(outcome == LevelFile::Outcome::Done, MonitorNotRead);
     // Active low. A monitor that yields nothing leaves the zero byte and is as unexpected as any other character.
     require(level[0] == '0' || level[0] == '1', MonitorUnexpected);
     return level[0] == '0' ? 1 : 0;
@@ -84,10 +89,10 @@ int MsRelayControl::getRelayState()
 void MsRelayControl::setMSRelayState(MSRelayState state)
 {
     require(initialized, DriveNotInitialized);
-    QFile drive(lineFile(DriveLine, "value"));
-    require(drive.open(WriteMode), DriveNotOpened);
     require(state == MS_RELAY_OPEN || state == MS_RELAY_CLOSED, DriveStateUnknown);
-    require(drive.write(state == MS_RELAY_CLOSED ? "1" : "0", 1) == 1, DriveNotWritten);
+    const LevelFile::Outcome outcome = m_drive.write(state == MS_RELAY_CLOSED ? '1' : '0');
+    require(outcome != LevelFile::Outcome::NotOpened, DriveNotOpened);
+    require(outcome == LevelFile::Outcome::Done, DriveNotWritten);
 }
 
 void MsRelayControl::newEvent(const MSEvents event)
@@ -141,8 +146,7 @@ bool MsRelayControl::openForShutdown()
 bool MsRelayControl::openFromOutside()
 {
     m_isShutDown = true;
-    QFile drive(lineFile(DriveLine, "value"));
-    return drive.open(WriteMode) && drive.write("0", 1) == 1;
+    return m_drive.write('0') == LevelFile::Outcome::Done;
 }
 
 void MsRelayControl::systemStateSlot(const quint8 state)

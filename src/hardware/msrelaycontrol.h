@@ -1,5 +1,7 @@
 #pragma once
 
+#include "levelfile.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QString>
@@ -75,6 +77,8 @@ private:
     QString lineFile(int line, const char* name) const;
 
     const QString m_gpioFolder;
+    LevelFile m_drive;
+    LevelFile m_monitor;
     bool initialized = false;
     std::atomic<bool> m_isShutDown{false};
     QTimer* machineStopPressedTimer;

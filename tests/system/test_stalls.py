@@ -11,7 +11,6 @@ from tessarobench.stalltrial import EVENTS, attempt, build_library
 
 BESIDE_OTHERS = {"silence": 1.0, "stop": 0.1, "sigterm": 0.3}  # seconds
 HEAVY = {"processors", "memory"}  # they would disturb the other tests; bench/safety tries them
-BY_THE_SERVICE_MANAGER = {"disk-fails", "descriptors"}  # there the server may end, and its end opens the relay
 
 
 @pytest.fixture(scope="session")
@@ -20,7 +19,7 @@ def library(tmp_path_factory):
 
 
 @pytest.mark.parametrize("event", EVENTS)
-@pytest.mark.parametrize("stall", [name for name in STALLS if name not in HEAVY | BY_THE_SERVICE_MANAGER])
+@pytest.mark.parametrize("stall", [name for name in STALLS if name not in HEAVY])
 def test_the_safe_state_survives(server_path, library, stall, event):
     if STALLS[stall].refused():
         pytest.skip(STALLS[stall].refused())

@@ -9,7 +9,11 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <cerrno>
 #include <memory>
+#include <vector>
+
+#include <unistd.h>
 
 class TestMsRelayControl : public QObject
 {
@@ -36,6 +40,8 @@ private slots:
     void theMonitorIsActiveLow();
     void aMonitorThatCannotBeReadIsFatal_data();
     void aMonitorThatCannotBeReadIsFatal();
+
+    void withoutDescriptorsTheLinesStillWork();
 
     void anOpenedRelayPassesTheCheck();
     void aWeldedRelayIsOpenedAndReported();
@@ -292,6 +298,28 @@ void TestMsRelayControl::aMonitorThatCannotBeReadIsFatal()
     QVERIFY(QFile::remove(path("gpio38/value")));
     VERIFY_FATAL(Unit, 132, control->getRelayState());
     QVERIFY(outcomeOf([&] { control->getRelayState(); }).log.startsWith("Failed to read es relay monitor\n"));
+}
+
+void TestMsRelayControl::withoutDescriptorsTheLinesStillWork()
+{
+    const auto control = makeControl();
+    std::vector<int> taken;
+    for (int file = dup(0); file >= 0; file = dup(0)) {
+        taken.push_back(file);
+    }
+    const int failed = errno;
+    control->setMSRelayState(MsRelayControl::MS_RELAY_OPEN);
+    control->setMSRelayState(MsRelayControl::MS_RELAY_CLOSED);
+    control->setMSRelayState(MsRelayControl::MS_RELAY_OPEN);
+    const int first = control->getRelayState();
+    const int second = control->getRelayState();
+    for (int file : taken) {
+        close(file);
+    }
+    QCOMPARE(failed, EMFILE);
+    QCOMPARE(drive(), QByteArray("0"));
+    QCOMPARE(first, 1);
+    QCOMPARE(second, 1);
 }
 
 void TestMsRelayControl::anOpenedRelayPassesTheCheck()
