@@ -7,7 +7,7 @@ ARCH       ?=
 CROSS_ARCH := $(or $(ARCH),armhf)
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test web-test screenshots soak safety sanitize fuzz coverage bench format lint clean
+.PHONY: help build run test unit-test tool-test system-test web-test screenshots fleet fleet-test soak safety sanitize fuzz coverage bench format lint clean
 .PHONY: cross cross-build package release-build package-test board systemd-test
 
 help: ## list the targets
@@ -38,6 +38,14 @@ system-test: build ## the real binary on the simulated installation, and two min
 web-test: build ## the unit's page and the bench's in a headless browser
 	@scripts/ensure-packages test agent web
 	@$(PYTHON) -m pytest -p no:cacheprovider -q tests/web --server $(BUILD)/tessaroserver
+
+fleet: build ## UNITS (20) simulated base units with their agents under a real Prometheus; three break, alerts fire and resolve
+	@scripts/ensure-packages run agent fleet
+	@bench/fleet --units $(or $(UNITS),20) --server $(BUILD)/tessaroserver
+
+fleet-test: build ## the fleet's files with Prometheus' own judge, and the show of "fleet" ten times faster
+	@scripts/ensure-packages test agent fleet
+	@$(PYTHON) -m pytest -p no:cacheprovider -q tests/fleet --server $(BUILD)/tessaroserver
 
 screenshots: build ## make the pictures of the pages in docs/ anew
 	@scripts/ensure-packages test agent web

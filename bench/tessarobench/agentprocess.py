@@ -9,7 +9,6 @@ import subprocess
 import sys
 import time
 from pathlib import Path
-from typing import Optional, TextIO
 
 from .installation import Installation
 from .journal import FROM_BASE_UNIT, Event
@@ -33,7 +32,7 @@ class AgentProcess:
 
     def __init__(self, bench: Installation, listening: socket.socket, folder: Path, *options: str):
         self._bench = bench
-        self._log: Optional[TextIO] = open(folder / "server.log", "w", encoding="utf-8", buffering=1)
+        self._log = open(folder / "server.log", "w", encoding="utf-8", buffering=1)
         bench.loop.call(bench.journal.listeners.append, self._event)
         self._process = self._start(listening, folder, options)
 

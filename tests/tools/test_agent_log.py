@@ -10,6 +10,7 @@ from agent_support import TOOLS, Agent
 from server_double import wait_for
 
 sys.path.insert(0, str(TOOLS))
+from tessaroagent import figures  # noqa: E402
 from tessaroagent.logbook import Logbook  # noqa: E402
 from tessaroagent.unit import Unit  # noqa: E402
 
@@ -137,6 +138,15 @@ def test_what_happened_while_the_agent_was_away_is_told_once(server, tmp_path):
     with agent:
         wait_for(lambda: [event for event in agent.events_of_log() if event["event"] == "msstate_open"])
         assert [event["event"] for event in agent.events_of_log()] == ["relayopen", "msstate_open"]
+
+
+def test_the_state_of_the_link_outlives_an_agent_as_long_as_the_server_is_the_same():
+    process = figures.Process(7, 100.0, 50.0, 1.0, 1, 1, 1)
+    for known_at, wanted in ((990.0, "RUN"), (940.0, None)):  # the process began at 950
+        unit = Unit(Logbook(""), lambda change: None)
+        unit.remember("link", "RUN", known_at)
+        unit.figures(process, 1000.0)
+        assert unit.values.get("link") == wanted
 
 
 def test_a_very_long_line_and_bytes_that_are_no_text_do_no_harm(agent):

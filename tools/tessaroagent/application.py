@@ -12,6 +12,7 @@ from pathlib import Path
 
 from aiohttp import web
 
+from .fields import FALLBACK, LINK
 from .figures import PROGRAM
 from .guard import Guard, is_loopback, read_token
 from .history import History
@@ -56,6 +57,10 @@ class Agent:
         self._state = options.state and str(Path(options.state) / HISTORY_FILE)
         written = self._history.load(self._state) if self._state else None
         self._seen = written
+        for key in (LINK, FALLBACK):
+            known = self._history.newest(key)
+            if known:
+                self._unit.remember(key, known["new"], known["time"])
         self._unit_sources(options, written)
         guard = Guard(token, {*PAGE_FILES, "/api/session"}, options.frame_from)
         control = Control(options.allow_control, self._interface.send, self.tell)

@@ -1,5 +1,6 @@
 """Figures of the server's process and of its connections, out of /proc; everything that cannot be read is None."""
 import os
+import time
 from pathlib import Path
 from typing import NamedTuple, Optional
 
@@ -14,6 +15,7 @@ PAUSES = 4
 class Process(NamedTuple):
     pid: int
     birth: float  # seconds after the computer's start
+    age: float  # seconds since then
     cpu_seconds: float
     resident_bytes: int
     threads: int
@@ -83,7 +85,8 @@ class ServerProcess:
         values = stat_fields(self._folder)
         if values is None or len(values) < 22 or values[0] in "ZX":
             return None
-        return Process(int(self._folder.name), int(values[19]) / TICKS, (int(values[11]) + int(values[12])) / TICKS,
+        birth = int(values[19]) / TICKS
+        return Process(int(self._folder.name), birth, time.clock_gettime(time.CLOCK_BOOTTIME) - birth, (int(values[11]) + int(values[12])) / TICKS,
                        int(values[21]) * PAGE, int(values[17]), descriptors(self._folder))
 
 

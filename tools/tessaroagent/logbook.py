@@ -111,9 +111,9 @@ class Logbook:
             if " without " not in cell:  # such a row tells of a line that does not come
                 self.entries.append(Entry(slug(text), section, pattern_of(text), words, todo, level))
 
-    def events(self):
-        """All names that `read` may give, each once."""
-        return list(dict.fromkeys(entry.event for entry in self.entries))
+    def events(self, but=None):
+        """All names that `read` may give, each once; without those of one level."""
+        return list(dict.fromkeys(entry.event for entry in self.entries if entry.level != but))
 
     def read(self, text) -> Optional[Entry]:
         """The row for a line without its time stamp, or None for one that needs no words."""

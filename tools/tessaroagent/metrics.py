@@ -72,7 +72,7 @@ class Collector:
         yield by_label(CounterMetricFamily("tessaro_refusals", "remote units refused, by code", labels=["code"]),
                        {"1": 0, "4": 0, **unit.refusals})
         yield by_label(CounterMetricFamily("tessaro_log_events", "lines of the log that mean something", labels=["event"]),
-                       {event: unit.log_events[event] for event in self._logbook.events()})
+                       {event: unit.log_events[event] for event in self._logbook.events(but=fields.GOOD)})
         yield counter("datagrams", "datagrams from the server", unit.datagrams)
         yield counter("garbage_datagrams", "datagrams that were no status object", unit.garbage)
         yield gauge("push_age_seconds", "since the newest status object",

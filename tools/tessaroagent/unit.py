@@ -58,6 +58,7 @@ class Unit:
         self.asked = None      # tick of the oldest question without an answer
         self.process = None    # newest figures of the server's process
         self.log_followed = False
+        self._remembered = {}  # what an earlier agent knew last of things that only the log tells
         self._born = None      # when the newest process of the server began
         self._fallback = []
         self._folded = {}
@@ -179,10 +180,19 @@ class Unit:
             self._silent(now)
         if process is None:
             return
+        for key, (value, when) in self._remembered.items():
+            if key not in self.values and when > now - process.age:
+                self.set(key, value, now)  # the same server still runs, and has said nothing else since
+        self._remembered.clear()
         if self._born not in (None, process.birth):
             self.restarts += 1
             self._tell({"key": "agent", "time": now, "words": "the server has been started again", "level": fields.WARN})
         self._born = process.birth
+
+    def remember(self, key, value, when):
+        """What was known of `key` at that time. It holds as long as the server's process is the same."""
+        if value is not None:
+            self._remembered[key] = value, when
 
     def clock_jumped(self, seconds, now):
         self.clock_jumps += 1

@@ -117,7 +117,9 @@ class Web:
         return web.Response(status=200 if unit.healthy else 503, body=dumped(body), content_type="application/json")
 
     async def figures(self, _request):
-        return web.Response(body=self._metrics.text(), headers={"Content-Type": METRICS_TYPE})
+        answer = web.Response(body=self._metrics.text(), headers={"Content-Type": METRICS_TYPE})
+        answer.enable_compression()  # for who asks for it: a fleet is scraped over slow networks
+        return answer
 
     async def past(self, request):
         """?seconds=N: how far back (3600); ?after=ID: only what came behind that entry."""
