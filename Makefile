@@ -7,7 +7,7 @@ ARCH       ?=
 CROSS_ARCH := $(or $(ARCH),armhf)
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test web-test screenshots fleet fleet-test soak safety sanitize fuzz coverage bench format lint clean
+.PHONY: help build run test unit-test tool-test system-test web-test screenshots fleet fleet-test soak safety explore tsan sanitize fuzz coverage bench format lint clean
 .PHONY: cross cross-build package release-build package-test board systemd-test
 
 help: ## list the targets
@@ -58,6 +58,13 @@ soak: build ## all peers with seeded faults, SEED (1): at ten times the nominal 
 safety: build ## whatever stands still, the relay opens in time: TRIES (100) of each stall; OPTIONS="--stall tar --write docs/safety.md"
 	@scripts/ensure-packages run safety
 	@bench/safety --tries $(or $(TRIES),100) --server $(BUILD)/tessaroserver $(OPTIONS)
+
+explore: build ## look at what links do in small worlds, all sequences and random walks, for SECONDS (60)
+	@$(BUILD)/explore/explore --seconds $(or $(SECONDS),60)
+
+tsan: ## unit tests, system tests, two minutes of soak and a reconnect storm under ThreadSanitizer; builds Qt under it once
+	@scripts/ensure-packages build test tsan
+	@scripts/tsan
 
 sanitize: ## unit and system tests under address and undefined-behaviour sanitizers
 	@scripts/ensure-packages build test
