@@ -133,7 +133,8 @@ class WebBench:
             if self.faults is None:
                 return False
             self.faults.press(name)
-            self.feed.tell("fault", self.faults.note + ("" if name in self.faults.on or not self.faults[name].state else " (over)"))
+            over = self.faults[name].state and name not in self.faults.on
+            self.feed.tell("fault", self.faults.note + (" (over)" if over else ""))
             return True
 
     def begin(self, scene: str) -> None:

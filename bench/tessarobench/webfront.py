@@ -98,7 +98,8 @@ class Handler(BaseHTTPRequestHandler):
                 "outcome": outcome and outcome._asdict(),
                 "faults": [{"name": fault.name, "link": fault.link, "what": fault.what, "lasts": bool(fault.state),
                             "on": bool(faults and fault.name in faults.on)} for fault in FAULTS],
-                "scenes": [{"name": scene.name, "title": f"the scene: {scene.title}"} for scene in self.bench.scenes.values()]
+                "scenes": [{"name": scene.name, "title": f"the scene: {scene.title}"}
+                           for scene in self.bench.scenes.values()]
                 + [{"name": STALL + name, "title": f"a stall: {stall.title}"} for name, stall in STALLS.items()
                    if name != "nothing"]}
 

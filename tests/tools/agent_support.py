@@ -8,7 +8,7 @@ import sys
 import time
 from pathlib import Path
 
-from server_double import Server, answer_ports, wait_for
+from server_double import wait_for
 
 TOOLS = Path(__file__).resolve().parents[2] / "tools"
 AGENT = TOOLS / "tessaro-agent"

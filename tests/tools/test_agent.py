@@ -27,15 +27,19 @@ def test_the_status_names_every_member_and_says_how_good_it_is(agent):
 
 
 def test_a_push_reaches_the_stream_within_200_ms(agent, server):
+    """The median of a few, as one may meet a computer that is busy otherwise."""
     watcher = agent.watch()
     watcher.wait_text("event: status")
-    began = time.monotonic()
-    server.status["BU_STATE"] = "17"
-    server.push()
-    text = watcher.wait_text('"new":"17"')
-    assert time.monotonic() - began < 0.2
-    assert 'event: change' in text and '"words":"a unit is armed"' in text
+    took = []
+    for state, words in (("17", "a unit is armed"), ("4", "failed"), ("1", "stopped"), ("3", "blocked"), ("16", "ready")):
+        began = time.monotonic()
+        server.status["BU_STATE"] = state
+        server.push()
+        text = watcher.wait_text(f'"new":"{state}"')
+        took.append(time.monotonic() - began)
+        assert "event: change" in text and f'"words":"{words}' in text
     watcher.close()
+    assert sorted(took)[2] < 0.2
 
 
 def test_who_comes_back_gets_what_was_missed(agent, server):

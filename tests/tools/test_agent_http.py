@@ -152,7 +152,7 @@ def test_two_hundred_watchers_see_a_change_at_once_in_bounded_memory(agent, serv
     for watcher in watchers:
         watcher.wait_text('"new":"17"')
     took = time.monotonic() - began
-    assert took < 2.0, "loose for a busy computer; docs/agent.md has the figures of an idle one"
+    assert took < 5.0, "loose for a busy computer; docs/agent.md has the figures of an idle one"
     for number in range(200):
         server.status["TSAPs"] = str(number)
         server.push()
@@ -187,7 +187,7 @@ def test_a_reader_that_takes_nothing_is_dropped_and_disturbs_nobody(agent, serve
             number += 1
             server.status.update(TSAPs=str(number), IVL1=str(number), IVL2=str(number))
             server.push()
-        quick.wait_text(f'"key":"IVL2","time"')
+        quick.wait_text('"key":"IVL2","time"')
         while f'"new":"{number}"'.encode() not in quick.text[-4000:]:
             quick.text = quick.text[-4000:] + quick.socket.recv(65536)
         return agent.metrics()["tessaro_agent_dropped_watchers_total"] == 1
@@ -197,15 +197,21 @@ def test_a_reader_that_takes_nothing_is_dropped_and_disturbs_nobody(agent, serve
     quick.close()
 
 
-def test_connections_that_ask_for_nothing_are_ended(agent):
-    silent = [socket.create_connection((HOST, agent.port), 40) for _ in range(5)]
-    silent[0].sendall(b"GET /api/sta")
-    for connection in silent:
-        try:
-            assert connection.recv(1) == b""
-        except ConnectionResetError:
-            pass
-        connection.close()
+def test_connections_that_ask_for_nothing_are_ended_and_streams_are_not(server, tmp_path):
+    with Agent(server, tmp_path, "--idle", "2") as agent:
+        watcher = agent.watch()
+        silent = [socket.create_connection((HOST, agent.port), 20) for _ in range(5)]
+        silent[0].sendall(b"GET /api/sta")
+        for connection in silent:
+            try:
+                assert connection.recv(1) == b""
+            except ConnectionResetError:
+                pass
+            connection.close()
+        for _ in range(3):
+            watcher.wait_text("event: beat")
+            watcher.text = b""
+        watcher.close()
 
 
 def test_memory_stays_flat_under_changes_garbage_and_watchers_that_come_and_go(agent, server):

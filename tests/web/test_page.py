@@ -51,19 +51,22 @@ def test_the_picture_tells_every_state_in_words_and_levels(page):
 
 
 def test_a_change_is_on_the_page_within_200_ms(page, server):
-    """Measured in the page, from the moment at which the change was known to the agent: no clock but one is asked."""
+    """Measured in the page, from the moment at which the change was known to the agent: no clock but one is asked. The median
+    of a few, as one may meet a computer that is busy otherwise."""
     page.driver.execute_script("""
-        window.seen = null;
-        new MutationObserver(() => { if (!window.seen && document.getElementById("summary").textContent.startsWith("failed"))
-            window.seen = Date.now() / 1000; }).observe(document.body, { childList: true, subtree: true, characterData: true });""")
-    server.status["BU_STATE"] = "4"
-    server.push()
-    seen = wait_for(lambda: page.driver.execute_script("return window.seen"))
-    changed = page.driver.execute_async_script("""
-        fetch("/api/history").then((answer) => answer.json()).then((past) => arguments[0](
-            past.changes.filter((change) => change.key === "BU_STATE").pop().time));""")
-    assert seen - changed < 0.2
-    assert page.level("unit") == "bad"
+        window.seen = {};
+        new MutationObserver(() => { const words = document.getElementById("summary").textContent.split(";")[0];
+            window.seen[words] ??= Date.now() / 1000; }).observe(document.body, { childList: true, subtree: true, characterData: true });""")
+    took = []
+    for state, words in (("4", "failed"), ("1", "stopped"), ("3", "blocked"), ("0", "starting up"), ("16", "ready, no unit is armed")):
+        server.status["BU_STATE"] = state
+        server.push()
+        seen = wait_for(lambda: page.driver.execute_script("return window.seen[arguments[0]]", words))
+        changed = page.driver.execute_async_script("""
+            fetch("/api/history").then((answer) => answer.json()).then((past) => arguments[0](
+                past.changes.filter((change) => change.key === "BU_STATE").pop().time));""")
+        took.append(seen - changed)
+    assert sorted(took)[2] < 0.2
 
 
 @pytest.mark.parametrize("state, words, level", [("0", "starting up", "warn"), ("1", "stopped", "warn"), ("3", "blocked", "warn"),

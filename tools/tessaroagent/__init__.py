@@ -8,6 +8,7 @@
 | `history` | the newest changes of each kind, bounded, kept over a restart |
 | `sources` | where it comes from: the UDP interface, the log, the relay's GPIO files, /proc |
 | `hub` | those who watch: server-sent events, with slow readers dropped |
+| `stream` | the other end of that: what tessaro-top asks |
 | `metrics` | the same for Prometheus |
 | `guard`, `web` | who may ask, and what is answered over HTTP |
 | `application` | command line and the one event loop |

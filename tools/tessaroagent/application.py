@@ -26,7 +26,6 @@ from .web import PAGE_FILES, Control, Web, dumped
 PORT = 6252
 SAVE_SECONDS = 30.0
 SHUTDOWN_SECONDS = 1.0
-SWEEP_SECONDS = 5.0
 IDLE_SECONDS = 20.0
 MOST_CONNECTIONS = 600
 HISTORY_FILE = "history.jsonl"
@@ -146,12 +145,12 @@ class Agent:
     async def _sweep(self, runner):
         """Ends connections that ask for nothing, or are too many: no crowd of them can take the memory."""
         while True:
-            await asyncio.sleep(SWEEP_SECONDS)
+            await asyncio.sleep(self._options.idle / 4)
             tick, watching = time.monotonic(), {client.transport for client in self._hub.clients}
             standing = list(runner.server.connections)
             self._first_seen = {connection: self._first_seen.get(connection, tick) for connection in standing}
             idle = [connection for connection in standing if connection.transport not in watching
-                    and (tick - self._first_seen[connection] > IDLE_SECONDS or len(standing) > MOST_CONNECTIONS)]
+                    and (tick - self._first_seen[connection] > self._options.idle or len(standing) > MOST_CONNECTIONS)]
             for connection in idle:
                 if connection.transport:
                     connection.transport.abort()
@@ -187,7 +186,8 @@ def arguments():
     parser.add_argument("--root", type=Path, default=Path("/home/root/Applications"), metavar="FOLDER",
                         help="the folder of the applications (default: %(default)s)")
     for hidden, kind, default in (("--gpio", Path, Path("/sys/class/gpio")), ("--proc", Path, Path("/proc")),
-                                  ("--request-port", int, 6250), ("--answer-port", int, 6251), ("--frame-from", str, None)):
+                                  ("--request-port", int, 6250), ("--answer-port", int, 6251), ("--frame-from", str, None),
+                                  ("--idle", float, IDLE_SECONDS)):
         parser.add_argument(hidden, type=kind, default=default, help=argparse.SUPPRESS)
     return parser
 

@@ -86,8 +86,10 @@ class ServerProcess:
         if values is None or len(values) < 22 or values[0] in "ZX":
             return None
         birth = int(values[19]) / TICKS
-        return Process(int(self._folder.name), birth, time.clock_gettime(time.CLOCK_BOOTTIME) - birth, (int(values[11]) + int(values[12])) / TICKS,
-                       int(values[21]) * PAGE, int(values[17]), descriptors(self._folder))
+        age = time.clock_gettime(time.CLOCK_BOOTTIME) - birth
+        cpu_seconds = (int(values[11]) + int(values[12])) / TICKS
+        return Process(int(self._folder.name), birth, age, cpu_seconds, int(values[21]) * PAGE, int(values[17]),
+                       descriptors(self._folder))
 
 
 def own_figures():
