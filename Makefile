@@ -37,7 +37,7 @@ system-test: build ## the real binary on the simulated installation, and two min
 
 web-test: build ## the unit's page and the bench's in a headless browser
 	@scripts/ensure-packages test agent web
-	@$(PYTHON) -m pytest -p no:cacheprovider -q tests/web --server $(BUILD)/tessaroserver
+	@$(PYTHON) -m pytest -p no:cacheprovider -q -n 2 tests/web --server $(BUILD)/tessaroserver
 
 fleet: build ## UNITS (20) simulated base units with their agents under a real Prometheus; three break, alerts fire and resolve
 	@scripts/ensure-packages run agent fleet

@@ -7,8 +7,13 @@ import sys
 import time
 
 import pytest
-from agent_support import AGENT, HOST, Agent, gpio
+from agent_support import AGENT, HOST, TOOLS, Agent, gpio
 from server_double import wait_for
+
+sys.path.insert(0, str(TOOLS))
+from tessaroagent import sources  # noqa: E402
+from tessaroagent.logbook import Logbook  # noqa: E402
+from tessaroagent.unit import Unit  # noqa: E402
 
 
 @pytest.fixture
@@ -159,6 +164,36 @@ def test_metrics_tell_states_changes_and_the_age_of_the_newest_object(agent, ser
     assert metrics['tessaro_changes_total{key="BU_STATE"}'] == 1
     assert 0 <= metrics["tessaro_push_age_seconds"] < 10
     assert metrics["tessaro_agent_resident_bytes"] > 1 << 20
+
+
+def test_a_clock_that_jumps_is_told_and_ages_do_not_care(monkeypatch, tmp_path):
+    told = []
+    unit = Unit(Logbook(""), told.append)
+    wall = time.time
+    around = sources.Surroundings(unit, tmp_path / "none", tmp_path)
+    around.look()
+    assert "clock" not in unit.problems
+    monkeypatch.setattr(sources.time, "time", lambda: wall() + 3600)
+    around.look()
+    assert unit.problems["clock"]["text"].startswith("the clock jumped by +3600 s")
+    assert unit.healthy and unit.clock_jumps == 1
+    assert any(change.get("words") == "the clock jumped by +3600 s" for change in told)
+    around.look()
+    assert unit.clock_jumps == 1, "once"
+    tick = time.monotonic
+    monkeypatch.setattr(sources.time, "time", lambda: wall() + 3600 + 700)
+    monkeypatch.setattr(sources.time, "monotonic", lambda: tick() + 700)
+    around.look()
+    assert "clock" not in unit.problems, "ten minutes later it is old news"
+
+
+def test_a_history_that_cannot_be_kept_is_told(server, tmp_path):
+    agent = Agent(server, tmp_path)
+    (agent.state / "history.jsonl.new").mkdir()
+    with agent:
+        agent.wait_value("server", "answers")
+        assert "history cannot be kept" in wait_for(lambda: agent.problems().get("history"), 15)["text"]
+        assert agent.get("/healthz")[0] == 200
 
 
 def test_two_agents_for_one_address_are_refused(agent):

@@ -1,4 +1,6 @@
 """The unit's page in a browser: states, changes, the loss of the agent, narrow screens, the dark, keyboard and screen reader."""
+import socket
+
 import pytest
 from agent_support import HOST, Agent, gpio
 from browser import NARROW, WIDE, accessibility_tree, complaints, resize, weak_contrasts
@@ -114,6 +116,32 @@ def test_a_silent_server_leaves_only_what_was_last_known(page, server):
     assert "live, the unit is not" in page.text("connection-words")
     server.reopen()
     page.wait_level("unit", "good")
+
+
+@pytest.mark.parametrize("datagram, said", [(b"{{{", "The server's answer is no JSON object"),
+                                            (b'{"BU_ID": "400"}', "The status object lacks BU_STATE, ARMED_RU")],
+                         ids=["no JSON", "no members"])
+def test_an_answer_that_makes_no_sense_is_told(page, server, datagram, said):
+    server.send(datagram)
+    page.wait_text("problems", said)
+    page.wait_text("problems", "What to do: versions of server and agent do not fit")
+    server.push()
+    wait_for(lambda: not page.driver.find_element(By.ID, "problems").is_displayed())
+
+
+def test_a_port_and_a_log_that_cannot_be_had_are_told_with_what_to_do(driver, server, tmp_path):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+        holder.bind((HOST, server.answer_port))
+        agent = Agent(server, tmp_path)
+        agent.log.unlink()
+        with agent:
+            page = Page(driver, agent.port)
+            page.wait_text("problems", f"Another program owns UDP port {server.answer_port}")
+            page.wait_text("problems", "The log cannot be read: No such file or directory")
+            page.wait_text("problems", "ss -ulpn shows which")
+            assert "unknown" in page.text("drawing") and "✓" not in page.text("drawing")
+            holder.close()
+            page.wait_text("summary", "a unit is armed")
 
 
 def test_when_the_agent_is_lost_nothing_looks_alive(page, agent):

@@ -130,8 +130,8 @@ class Agent:
 
     async def _keep(self):
         while True:
-            await asyncio.sleep(SAVE_SECONDS)
             self._save()
+            await asyncio.sleep(SAVE_SECONDS)
 
     def _save(self):
         if not self._state:
