@@ -69,7 +69,7 @@ OBSERVED = (
                                         "moving": Value("moving", "is moving", WARN),
                                         "stays closed": Value("stays closed", "told to open, and still closed", BAD),
                                         "stays open": Value("stays open", "told to close, and still open", BAD)}),
-    Field(UNITS, "remote units over TCP", {"0": Value("", "none", NOTE)}),
+    Field(UNITS, "connections of remote units", {"0": Value("", "none", NOTE)}),
     Field(FALLBACK, "remote units on the fallback", {"": Value("", "none", NOTE)}),
 )
 

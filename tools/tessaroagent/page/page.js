@@ -127,7 +127,7 @@ function things() {
     : { words: value(key) === null ? "unknown" : `last known: ${words(key)}`, level: "unknown" });
   const armed = known("ARMED_RU") && value("ARMED_RU") !== "0" ? `unit ${value("ARMED_RU")} is armed` : "no unit is armed";
   const count = value("units"), fallback = value("fallback");
-  const remote = count === null ? "unknown" : `${count === "0" ? "none" : count} connected`;
+  const remote = count === null ? "unknown" : `${count === "0" ? "no" : count} connection${count === "1" ? "" : "s"}`;
   const all = {
     unit: { id: "unit", name: known("BU_ID") ? `Base unit ${value("BU_ID")}` : "Base unit",
       ...(silent ? { words: `server ${words("server")}`, level: value("server") ? "bad" : "unknown" } : status("BU_STATE")),

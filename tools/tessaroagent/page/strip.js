@@ -38,7 +38,7 @@ function segment(piece, x, y, width) {
   const base = { bad: 9, warn: 5, good: 2 }[piece.level] || 0;
   if (base) group.append(element("rect", { class: "base", x, y: y + LANE - base, width: Math.max(width, 2), height: base }));
   const text = `${MARKS[piece.level]} ${piece.words}`;
-  if (width > text.length * 7 + 6)
+  if (width > text.length * 7.8 + 8)
     group.append(element("text", { x: x + 4, y: y + 15 }, text));
   return group;
 }
