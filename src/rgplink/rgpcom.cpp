@@ -358,13 +358,18 @@ quint16 RGPCom::getCommandReceiver() const
 
 void RGPCom::handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel)
 {
+    if (channel != nullptr && m_connection.contains(init.remoteId) && mustAwaitChecksums(init)) {
+        decideLater(init, channel);
+    } else {
+        decide(init, channel);
+    }
+}
+
+void RGPCom::decide(const GLinkInitMsg& init, GLinkTransportBase* channel)
+{
     GLinkConnection* const connection = m_connection.value(init.remoteId);
     if (connection == nullptr) {
         qDebug() << "No glink connection, GLINK_MSG_ID_INITACK RU" << init.remoteId;
-        return;
-    }
-    if (channel != nullptr && belongsHere(init) && mustAwaitChecksums()) {
-        decideLater(init, channel);
         return;
     }
     const GLinkInitAck answer = verdictOn(init);
@@ -380,20 +385,26 @@ void RGPCom::handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel
     }
 }
 
-/// The main thread hears the machine stops of all units. It does not wait for an application to be hashed.
-bool RGPCom::mustAwaitChecksums() const
+/// The main thread hears the machine stops of all units. It does not wait for an application to be hashed: a unit does,
+/// when there is no list yet or when only a list that is being made could speak for it.
+bool RGPCom::mustAwaitChecksums(const GLinkInitMsg& init)
 {
-    return m_orderedList.valid() && m_orderedList.wait_for(0ms) != std::future_status::ready;
+    if (!belongsHere(init)) {
+        return false;
+    }
+    const bool hasList = !m_orderedList.valid() || m_orderedList.wait_for(0ms) == std::future_status::ready;
+    return !hasList || (m_renewals > 0 && verdictOn(init).errorCode == INIT_CHECKSUM_MISMATCH);
 }
 
 void RGPCom::decideLater(const GLinkInitMsg& init, GLinkTransportBase* channel)
 {
-    const auto decide = [this, init, guard = QPointer<GLinkTransportBase>(channel)](const ApplicationChecksumList&) {
+    const auto decideNow = [this, init, guard = QPointer<GLinkTransportBase>(channel)](const ApplicationChecksumList&) {
         if (guard) {
-            handleInitMsg(init, guard);
+            decide(init, guard);
         }
     };
-    ApplicationChecksums::whenReady(m_orderedList, this, decide);
+    // Behind the taking over of the same list.
+    ApplicationChecksums::whenReady(m_renewals > 0 ? m_renewedList : m_orderedList, this, decideNow);
 }
 
 bool RGPCom::belongsHere(const GLinkInitMsg& init) const
@@ -469,8 +480,11 @@ void RGPCom::configChanged()
     const auto takeOver = [this](const ApplicationChecksumList& list) {
         m_checksumList = list;
         m_orderedList = {};
+        --m_renewals;
     };
-    ApplicationChecksums::whenReady(ApplicationChecksums::request(ApplicationManifest::root()), this, takeOver);
+    ++m_renewals;
+    m_renewedList = ApplicationChecksums::request(ApplicationManifest::root());
+    ApplicationChecksums::whenReady(m_renewedList, this, takeOver);
 }
 
 // --- To remote units ------------------------------------------------------------------------------------------------

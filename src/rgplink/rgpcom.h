@@ -78,7 +78,7 @@ public:
 
     /// Decides on an INIT and queues the answer. An INIT for an unknown unit gets none, and one that came over a link
     /// which the unit has replaced meanwhile neither. Before the first list of checksums is complete, the decision is
-    /// put off until it is.
+    /// put off until it is; and while a new list is being made, so is a refusal by the old one.
     void handleInitMsg(const GLinkInitMsg& init, GLinkTransportBase* channel);
 
     /// The unit whose machine stop counts.
@@ -127,7 +127,7 @@ public slots:
     void recvServiceForward(QByteArray data, quint16 receiverRuId);
 
     /// Applications or their configuration have changed: makes the list of their checksums anew, in the background.
-    /// Until it is complete INIT is judged by the one before.
+    /// Until it is complete INIT is accepted by the one before, and refused by the new one.
     void configChanged();
 
     void sendBaseStatusToRemote();
@@ -161,7 +161,8 @@ private:
     void insertConnection(quint16 remoteId, GLinkConnection* connection);
     void handleMachineStop(quint16 remoteId);
     bool belongsHere(const GLinkInitMsg& init) const;
-    bool mustAwaitChecksums() const;
+    bool mustAwaitChecksums(const GLinkInitMsg& init);
+    void decide(const GLinkInitMsg& init, GLinkTransportBase* channel);
     void takeOrderedList();
     void decideLater(const GLinkInitMsg& init, GLinkTransportBase* channel);
     GLinkInitAck verdictOn(const GLinkInitMsg& init);
@@ -182,6 +183,8 @@ private:
     AppLog* const m_log = nullptr;
     ApplicationChecksumList m_checksumList;
     std::shared_future<ApplicationChecksumList> m_orderedList; ///< valid until the first list has been taken
+    std::shared_future<ApplicationChecksumList> m_renewedList; ///< the last one that configChanged() ordered
+    int m_renewals = 0;                                        ///< ordered by configChanged() and not taken over yet
     quint16 m_lastReportedErrorRU = 0; ///< a unit that retries every few seconds is reported once
     QPointer<QThread> m_fallbackThread;
 };

@@ -22,6 +22,7 @@ private slots:
     void unchangedApplicationIsNotHashedForEachInit();
     void firstInitDoesNotWaitForALargeApplication();
     void configChangedRenewsTheChecksumsInTheBackground();
+    void refusalByAnOldListWaitsForTheNewOne();
     void keptPeriodicDataFollowsTheAnswer_data();
     void keptPeriodicDataFollowsTheAnswer();
 
@@ -176,7 +177,6 @@ void TestRGPComInit::firstInitDoesNotWaitForALargeApplication()
     }
 }
 
-// Until the new list is complete, INIT is judged by the last complete one.
 void TestRGPComInit::configChangedRenewsTheChecksumsInTheBackground()
 {
     const QByteArray before = m_unit->installApplication("before");
@@ -191,6 +191,30 @@ void TestRGPComInit::configChangedRenewsTheChecksumsInTheBackground()
     QCOMPARE(result.toHex(), before.toHex());
     QTRY_VERIFY(h.hub.getAppChecksum(result) && result == after);
     QCOMPARE(h.link.sent.texts(), QStringList()); // and nothing else was done
+}
+
+// A unit that has got the new application already is not sent away only because the new list is not complete yet.
+void TestRGPComInit::refusalByAnOldListWaitsForTheNewOne()
+{
+    const QByteArray before = m_unit->installApplication("before");
+    FakeTcpLink other;
+    Hub h(*m_unit);
+    const QByteArray after = m_unit->installApplication(QByteArray(64 * 1024 * 1024, 'x'));
+    h.hub.configChanged();
+
+    h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, after), &h.link);
+    QCOMPARE(h.link.sent.count(InitAck), 0);
+    h.hub.addGLink(OtherUnit, &other);
+    h.hub.dataFromGLink(OtherUnit, Init, initPayload(OtherUnit, BaseUnit::Identity, before), &other);
+    QCOMPARE(other.sent.count(InitAck), 1);
+    QCOMPARE(other.sent.all.last().data.toHex(), initAckPayload(0, "").toHex()); // accepted at once
+
+    QTRY_COMPARE_WITH_TIMEOUT(h.link.sent.count(InitAck), 1, 30000);
+    QCOMPARE(h.link.sent.all.first().data.toHex(), initAckPayload(0, "").toHex());
+    h.acknowledge();
+    h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, before), &h.link);
+    QCOMPARE(h.link.sent.count(InitAck), 2);
+    QCOMPARE(h.link.sent.all.last().data.toHex(), initAckPayload(4, Mismatch).toHex());
 }
 
 void TestRGPComInit::keptPeriodicDataFollowsTheAnswer_data()
