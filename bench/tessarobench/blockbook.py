@@ -156,9 +156,9 @@ class BlockBook:
 
     def _was_replaced(self, block: Block) -> bool:
         """Whether it had to wait until a newer one came: from its coming to that of the one which was sent next, there
-        was always a message that stood unacknowledged."""
+        was always a message that stood unacknowledged. In virtual time all of that may be one moment."""
         patience = self._patience(block.when)
-        for arrival, entered in self._in_order[bisect.bisect_right(self._in_order_times, block.when):]:
+        for arrival, entered in self._in_order[bisect.bisect_left(self._in_order_times, block.when):]:
             if entered > block.when - patience:
                 return arrival.path != TCP or self._was_busy(block.when + patience, entered - patience, patience)
         return False

@@ -20,9 +20,13 @@ class Closing:
         self.close()
 
     def close(self) -> None:
-        """Ends everything, newest first. Peers that were handed to `closing` are closed as well."""
+        """Ends everything, newest first, also when one of them fails. Peers that were handed to `closing` are closed as well."""
         while self._closing:
-            self._closing.pop()()
+            try:
+                self._closing.pop()()
+            except BaseException:
+                self.close()
+                raise
 
     def closing(self, peer: Any) -> Any:
         """Remembers to call `peer.close()` at the end, and returns the peer."""

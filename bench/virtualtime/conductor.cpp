@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::int64_t Microsecond = 1000;
 /// A thread that waits in a way that this library does not know must have rested for so long, as all others must.
-constexpr std::int64_t UnknownWait = 20000 * Microsecond;
+constexpr std::int64_t UnknownWait = 200000 * Microsecond;
 
 /// The real clock: this process takes no part, and the library in front of its own functions lets everything pass.
 std::int64_t realNow()

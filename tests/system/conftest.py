@@ -1,4 +1,6 @@
-"""System tests: the real binary on a board of its own per test, driven by the bench's peers."""
+"""System tests: the real binary on a board of its own per test, driven by the bench's peers.
+
+They run in virtual time, but for those that are marked `real_time`, with the reason why it has to be that."""
 
 import re
 import sys
@@ -9,7 +11,7 @@ import pytest
 REPOSITORY = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(REPOSITORY / "bench"))
 
-from tessarobench import namespaces  # noqa: E402
+from tessarobench import namespaces, virtualtime  # noqa: E402
 from tessarobench.capturefile import CaptureFile  # noqa: E402
 from tessarobench.installation import APP, CONFIG_VALUES, Installation  # noqa: E402
 
@@ -18,9 +20,11 @@ def pytest_addoption(parser):
     parser.addoption("--server", default=str(REPOSITORY / "build" / "tessaroserver"), help="the binary under test")
     parser.addoption("--captures", type=Path, metavar="DIR", help="keep there, for each failed test that uses the fixture "
                      "`bench`, everything that crossed the links (pcapng)")
+    parser.addoption("--real-time", action="store_true", help="run all tests in real time")
 
 
 def pytest_configure(config):
+    config.addinivalue_line("markers", "real_time(reason): this test runs in real time, and why")
     if not namespaces.in_sandbox():
         raise pytest.UsageError("the system tests need a private world: "
                                 "bench/sandbox /usr/bin/python3 -m pytest tests/system")
@@ -33,6 +37,35 @@ def server_path(request):
     if not path.exists():
         pytest.exit(f"there is no server at {path}: build it first (make build)", returncode=1)
     return path
+
+
+def unsuitable(config):
+    """Why there can be no virtual time; empty when there can."""
+    try:
+        virtualtime.check(virtualtime.library_of(config.getoption("--server")))
+        return ""
+    except virtualtime.Unsuitable as reason:
+        return str(reason)
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    reason = "asked for" if config.getoption("--real-time") else unsuitable(config)
+    if reason:
+        terminalreporter.write_line(f"All tests ran in real time: {reason}")
+
+
+@pytest.fixture(scope="session")
+def library_of_server(pytestconfig, server_path):
+    """The library that makes virtual time; None where all is to run in real time."""
+    if pytestconfig.getoption("--real-time") or unsuitable(pytestconfig):
+        return None
+    return virtualtime.library_of(server_path)
+
+
+@pytest.fixture
+def virtual_time(request, library_of_server):
+    """The same for this test."""
+    return None if request.node.get_closest_marker("real_time") else library_of_server
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -57,10 +90,10 @@ def capture(request):
 
 
 @pytest.fixture
-def bench(server_path, capture):
+def bench(server_path, capture, virtual_time):
     """A freshly laid board with the example installation; the server is not started yet. Whatever a test has put it through,
     the server ends in order when asked: its exit status tells, and so do the leak checker and the coverage of such builds."""
-    with Installation(server_path, capture=capture) as laid:
+    with Installation(server_path, capture=capture, virtual_time=virtual_time) as laid:
         yield laid
         laid.loop.raise_failure()
         if laid.server.running:

@@ -225,6 +225,7 @@ def test_malformed_blocks_are_survived(relayed, raw):
     wait_commands(relayed, 1)
 
 
+@pytest.mark.real_time("the server is busy without a pause, and that takes no virtual time")
 def test_an_endless_message_is_bounded(relayed):
     """Blocks that always announce more: memory stays flat, and the next whole message is taken."""
     block = (1001).to_bytes(2, "little") + b"\xff\xff" + bytes(250)

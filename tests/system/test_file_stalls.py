@@ -16,6 +16,8 @@ from tessarobench import glink, pairwire
 from tessarobench.installation import APP, REMOTES
 from tessarobench.servicetool import ServiceToolError
 
+pytestmark = pytest.mark.real_time("work on files takes no virtual time, and how long others wait for it is the point")
+
 HEARD = "MsRelayControl::machineStopPressed( void )"
 PROMPT = 0.2  # seconds; what a busy computer takes of it is most of it
 BEAT = 0.5    # seconds between two status records

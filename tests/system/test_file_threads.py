@@ -8,6 +8,8 @@ import pytest
 
 from pairing_support import USER, install
 
+pytestmark = pytest.mark.real_time("the tracer between bench and server knows nothing of virtual time")
+
 FILE_CALLS = ("open,openat,openat2,creat,rename,renameat,renameat2,unlink,unlinkat,truncate,ftruncate,fsync,fdatasync,sync,"
               "syncfs,getdents64,stat,lstat,newfstatat,statx,access,faccessat,faccessat2,readlink,readlinkat,mkdir,"
               "mkdirat,chmod,fchmodat,link,linkat,symlink,symlinkat")

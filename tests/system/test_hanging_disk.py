@@ -12,6 +12,8 @@ from test_file_stalls import PROMPT, arm, heard_after, tell
 from tessarobench.installation import UNIT_APPLICATION
 from tessarobench.servicetool import ServiceToolError
 
+pytestmark = pytest.mark.real_time("a disk that hangs is a disk of the computer")
+
 CONFIG = ["tessaroserver/config/app.csv", "tessaroserver/config/remotes.csv"]
 APPLICATION = [f"{UNIT_APPLICATION}/manifest.csv"]
 NAMING = "openat,stat,lstat,newfstatat,statx"

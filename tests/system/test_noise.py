@@ -50,6 +50,7 @@ def test_thousands_of_chunks(running, seed):
     still_works(running, 1 + seed)
 
 
+@pytest.mark.real_time("the server is busy without a pause, and that takes no virtual time")
 def test_a_line_that_does_not_end(running):
     """Far more than the terminal's line buffer holds, without an end; what follows its end is heard."""
     running.bc.send_bytes(b"\x55" * 30000)

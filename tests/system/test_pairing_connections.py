@@ -154,6 +154,7 @@ def test_a_file_connection_is_replaced_by_the_next(pairing):
         assert first.recv(1) == b""
 
 
+@pytest.mark.real_time("packing takes no virtual time")
 def test_packing_and_sending_leave_the_rhythm_of_the_unit_alone(large):
     """The status record to the base controller is made twice a second, whatever the pairing service does."""
     large.bc.set(bu_identity=400)

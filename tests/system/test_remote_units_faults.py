@@ -154,6 +154,7 @@ def test_a_half_closed_connection_is_ended(serving):
     serving.wait_for(lambda: unit.joins == 2)
 
 
+@pytest.mark.real_time("how many connections it takes in a second is the point")
 def test_random_bytes_on_a_thousand_connections(serving):
     """Fifty at a time, beside a healthy unit; all of them are closed again, and their threads are gone."""
     source, healthy = random.Random(1147), serving.unit(1002).join().wait_joined()
@@ -352,6 +353,7 @@ def test_a_storm_of_reconnections_leaves_no_trace(serving, record_property, caps
     assert serving.server.stop() == 0
 
 
+@pytest.mark.real_time("computing takes no virtual time")
 def test_a_large_application_does_not_disturb_the_rhythm(bench):
     """64 MiB installed, and units that reconnect all the time: whoever hashes them, a healthy unit must not notice."""
     with open(bench.applications / UNIT_APPLICATION / "film.bin", "wb") as file:

@@ -18,6 +18,8 @@ from tessarobench.installation import APP
 from tessarobench.namespaces import mount
 from tessarobench.servicetool import ServiceToolError
 
+pytestmark = pytest.mark.real_time("the figures are those of a real computer")
+
 CONFIG = "/home/root/Applications/tessaroserver/config"
 DAY = 24 * 60 * 60
 SHIFT_FILE = "/home/root/shift"

@@ -100,6 +100,7 @@ def slow_connections(tmp_path_factory):
     return library.read_bytes()
 
 
+@pytest.mark.real_time("a library of its own makes the server slow")
 def test_a_link_that_is_up_before_the_start_is_over_finds_its_receivers(bench, slow_connections):
     """The base controller answers at once, and the server takes long to make its connections: the first RESET of the
     link is due long before the last of them. The settings are fetched all the same."""

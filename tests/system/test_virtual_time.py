@@ -84,6 +84,7 @@ def test_the_same_run_takes_the_same_virtual_time(server_path, library):
     def times():
         with Installation(server_path, virtual_time=library) as bench:
             bench.start_to_run()
+            let_pass(bench, 1)
             muted = bench.journal.now
             bench.bc.mute()
             bench.wait_for(lambda: not bench.relay.closed)
