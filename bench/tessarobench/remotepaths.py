@@ -32,8 +32,8 @@ class TcpPath:
     kind = TCP
 
     def __init__(self, loop: Loop, tcp: socket.socket, opened: Callable[[], None], received: Callable[[bytes], None],
-                 ended: Callable[[str], None], small_buffer: bool = False):
-        self._loop, self._tcp = loop, tcp
+                 ended: Callable[[str], None], small_buffer: bool = False, target: tuple[str, int] = ADDRESS):
+        self._loop, self._tcp, self._target = loop, tcp, target
         self._opened, self._received, self._ended = opened, received, ended
         self.pieces = Pieces(loop, self._queue)
         self._pending = bytearray()
@@ -47,7 +47,7 @@ class TcpPath:
             tcp.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, SMALL_BUFFER_BYTES)
 
     def connect(self) -> "TcpPath":
-        number = self._tcp.connect_ex(ADDRESS)
+        number = self._tcp.connect_ex(self._target)
         if number not in (0, errno.EINPROGRESS):
             self._loop.later(0, lambda: self._end(os.strerror(number)))
         else:
