@@ -313,6 +313,7 @@ void TessaroServer::startEgLinkThread()
 {
     m_egLinkThread = Threads::make("eglink");
     connect(m_egLinkThread, SIGNAL(started()), egLink, SLOT(run()));
+    connect(m_egLinkThread, SIGNAL(finished()), egLink, SLOT(deleteLater()));
     connect(m_egLinkThread, SIGNAL(finished()), m_egLinkThread, SLOT(deleteLater()));
     connect(egLink, SIGNAL(EGLinkStatus(quint8)), this, SLOT(updateEgLinkStatus(quint8)));
     connect(rgpCom, SIGNAL(sendToEGLink(QByteArray)), egLink, SLOT(receiveFromRGP(QByteArray)));
@@ -402,8 +403,7 @@ bool TessaroServer::joinThreads()
 {
     bool allEnded = true;
     if (m_egLinkThread != nullptr) {
-        egLink->deleteLater();
-        allEnded = joinThread(m_egLinkThread, "EGLink");
+        allEnded = joinThread(m_egLinkThread, "EGLink"); // which takes the link along
     } else {
         delete egLink;
     }

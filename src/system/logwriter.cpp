@@ -131,6 +131,9 @@ LogWriter::LogWriter(int descriptor)
     : m_descriptor(descriptor)
 {
     m_thread.setObjectName(QStringLiteral("log"));
+    // Qt sets its text codec up at first use: here, or the thread would, for its name, beside the application object.
+    const QByteArray nameOfTheThread = m_thread.objectName().toLocal8Bit();
+    Q_UNUSED(nameOfTheThread)
     m_thread.start();
 }
 
