@@ -3,6 +3,7 @@
     title   A line of words                     what it is about
     seed    11                                  of everything that is drawn
     lasts   4                                   seconds under load
+    time    real                                not virtual: timers of the kernel play a part
     impair  uart to loss 0.1 delay 0.01         uart, eglink, acks (of the machine controller) or a unit's number;
                                                 to or from the base unit; loss, corrupt, duplicate: probabilities,
                                                 delay: up to so many seconds
@@ -47,6 +48,7 @@ class Scenario:
 
     def __init__(self, path: Path):
         self.title, self.seed, self.lasts, self.pace = path.stem, 1, 3.0, 4.0
+        self.in_real_time = False
         self.impairments: list[list[str]] = []
         self.steps: list[Step] = []
         self.conditions: list[list[str]] = []
@@ -67,6 +69,8 @@ class Scenario:
             self.title = " ".join(rest)
         elif key in ("seed", "lasts", "pace"):
             setattr(self, key, int(rest[0]) if key == "seed" else float(rest[0]))
+        elif key == "time":
+            self.in_real_time = {"real": True, "virtual": False}[rest[0]]
         elif key == "impair":
             chances(rest[2:])
             self.impairments.append(rest)
@@ -154,9 +158,11 @@ CONDITIONS: dict[str, Callable[[Installation, list[str]], object]] = {
 
 
 def play(scenario: Scenario, server: Path, say: Callable[[str], None] = lambda text: None,
-         capture: Optional[CaptureFile] = None) -> list[str]:
-    """Plays it on a board of its own; returns what did not hold, in words."""
-    with Installation(server, capture=capture) as bench:
+         capture: Optional[CaptureFile] = None, virtual_time: Optional[Path] = None) -> list[str]:
+    """Plays it on a board of its own, in virtual time where its library is given and the file does not ask for the other;
+    returns what did not hold, in words."""
+    virtual_time = None if scenario.in_real_time else virtual_time
+    with Installation(server, capture=capture, virtual_time=virtual_time) as bench:
         plant = Plant(bench, scenario.seed)
         for number, (link, direction, *rest) in enumerate(scenario.impairments):
             impairment(bench, link, direction).chances(scenario.seed + number, **chances(rest))

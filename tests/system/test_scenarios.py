@@ -10,8 +10,8 @@ SCENARIOS = sorted((Path(__file__).resolve().parents[2] / "bench" / "scenarios")
 
 
 @pytest.mark.parametrize("path", SCENARIOS, ids=lambda path: path.stem)
-def test_scenario(server_path, path):
-    failures = play(Scenario(path), server_path)
+def test_scenario(server_path, virtual_time, path):
+    failures = play(Scenario(path), server_path, virtual_time=virtual_time)
     assert not failures, "\n".join(failures)
 
 
@@ -24,7 +24,7 @@ def test_what_is_not_understood_is_refused(tmp_path, text):
         Scenario(file)
 
 
-def test_what_does_not_hold_is_said(server_path, tmp_path):
+def test_what_does_not_hold_is_said(server_path, virtual_time, tmp_path):
     file = tmp_path / "wrong.scn"
     file.write_text("lasts 0.5\nthen log this is never logged\n")
-    assert play(Scenario(file), server_path) == ["not so: log this is never logged"]
+    assert play(Scenario(file), server_path, virtual_time=virtual_time) == ["not so: log this is never logged"]
