@@ -6,6 +6,7 @@
 #include <QHash>
 #include <QList>
 #include <QObject>
+#include <QPointer>
 
 // Remote units as the hub's peers, with a codec of their own.
 
@@ -102,8 +103,11 @@ private:
 
     void toService(const QByteArray& data)
     {
+        if (m_service.isNull()) {
+            return; // its thread has ended, and what it said last is being heard
+        }
         QMetaObject::invokeMethod(
-            m_service, [service = m_service, data] { service->readData(data, Internal, MSG_CLASS_TRANSP_ACK); },
+            m_service, [service = m_service.data(), data] { service->readData(data, Internal, MSG_CLASS_TRANSP_ACK); },
             Qt::QueuedConnection);
     }
 
@@ -125,7 +129,7 @@ private:
         partial.clear();
     }
 
-    GfallbackServiceC* m_service;
+    QPointer<GfallbackServiceC> m_service;
     QHash<quint16, QByteArray> m_partial;
     QHash<quint16, ReceivedFrames> m_units;
 };

@@ -506,13 +506,16 @@ void TestRGPComLinks::vanishedUnitOnTheFallbackDoesNotStopAHealthyOne()
 
 void TestRGPComLinks::serviceMessagesGoBothWays()
 {
-    QSignalSpy toController(m_plant->services.cFallback, &ServiceBase::readyReadFromService);
+    CFallbackServiceC* const service = m_plant->services.cFallback;
+    QObject here;
+    QList<QByteArray> toController;
+    connect(service, &ServiceBase::readyReadFromService, &here,
+            [&toController](const QByteArray& packet) { toController << packet; });
     TcpUnit unit;
     unit.write(initFrame(Unit) + gLinkFrame(Forward, "question"));
-    VERIFY_EVENTUALLY(toController.count() == 1);
-    QCOMPARE(toController.at(0).at(0).toByteArray(), QByteArray::fromHex("0500") + "question");
+    VERIFY_EVENTUALLY(toController.size() == 1);
+    QCOMPARE(toController.first(), QByteArray::fromHex("0500") + "question");
 
-    CFallbackServiceC* const service = m_plant->services.cFallback;
     const auto answer = [service] {
         service->readData(QByteArray::fromHex("0500") + "answer", Internal, MSG_CLASS_TRANSP_ACK);
     };
