@@ -15,11 +15,13 @@ from typing import NamedTuple, Optional
 _MOUNT = Path("/sys/fs/cgroup")
 _PROCESSES = "cgroup.procs"
 _MARGIN_BYTES = 16 << 20
+# The kernel ends the greedy program first, from its first moment on, and before the server whoever starts it.
 _KEEPER = ("import os, subprocess, sys\n"
+           "def offer(score): open('/proc/self/oom_score_adj', 'w').write(score)\n"
            "open(sys.argv[1], 'w').write(str(os.getpid()))\n"
-           "while True: subprocess.run([sys.executable, '-S', '-c', sys.argv[2]])")
-_GREEDY = ("open('/proc/self/oom_score_adj', 'w').write('1000')\n"
-           "taken = []\n"
+           "offer('900')\n"
+           "while True: subprocess.run([sys.executable, '-S', '-c', sys.argv[2]], preexec_fn=lambda: offer('1000'))")
+_GREEDY = ("taken = []\n"
            "while True: taken.append(bytearray(b'x') * (1 << 20))")
 
 
@@ -65,6 +67,11 @@ class MemoryGroup:
         except OSError as error:
             return f"no control group can be made here ({error.strerror})"
         return None if writable else "no control group with a memory limit can be made here"
+
+    @property
+    def name(self) -> str:
+        """One that no other group has."""
+        return self._files.folder.name.replace("_", "x")
 
     @property
     def joining(self) -> str:

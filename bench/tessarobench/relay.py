@@ -7,7 +7,6 @@ import os
 from pathlib import Path
 from typing import Optional
 
-from . import clock
 from .journal import BENCH, FROM_BASE_UNIT, TO_BASE_UNIT, Journal
 from .loop import Loop
 
@@ -55,12 +54,6 @@ class Relay:
     def hold_monitor(self, text: Optional[str]) -> None:
         """Lets the monitor line read `text` whatever the contact does; None lets it follow the contact again."""
         self._loop.call(self._hold_monitor, text)
-
-    @property
-    def written_at(self) -> float:
-        """When the drive line was last written: the kernel's time, on the monotonic clock. (A file whose time nobody has
-        asked for gets it to the tick only: ask before what is to be measured, too.)"""
-        return os.stat(self._drive).st_mtime_ns / 1e9 - clock.time() + clock.monotonic()
 
     def power_off(self) -> None:
         """As when the board loses its supply: the coil drops, the drive line reads low."""

@@ -8,6 +8,7 @@ import os
 import shutil
 import signal
 import subprocess
+import time
 from pathlib import Path
 from typing import Optional
 
@@ -17,7 +18,7 @@ from tessarobench.namespaces import unmount
 
 UNIT = "tessaroserver.service"
 LINES, UART = "/mnt/gpio", "/mnt/uart"
-BOOT_SECONDS = 60.0
+BOOT_SECONDS, MAIN_PROCESS_SECONDS = 60.0, 10.0
 _HOST_CGROUP_1 = Path("/sys/fs/cgroup/memory")
 
 # The bench's UART is a pseudo terminal; everything else is as the package has it.
@@ -68,11 +69,17 @@ class ServiceManager:
     def setting(self, name: str) -> str:
         return self.control("show", "--value", "--property", name, UNIT).strip()
 
-    @property
-    def main_process(self) -> int:
-        """As the bench numbers processes; 0 while there is none."""
+    def wait_main_process(self) -> int:
+        """The server's, as the bench numbers processes. It is looked for in this thread: the peers must not wait for that."""
+        until = time.monotonic() + MAIN_PROCESS_SECONDS
+        while time.monotonic() < until:
+            if process := self._main_process():
+                return process
+        raise AssertionError("the unit has no main process\n" + self.journal())
+
+    def _main_process(self) -> Optional[int]:
         inside = self.setting("MainPID")
-        return next((pid for pid in self._processes() if self._numbers(pid)[-2:] == [str(pid), inside]), 0)
+        return next((pid for pid in self._processes() if self._numbers(pid)[-2:] == [str(pid), inside]), None)
 
     def journal(self) -> str:
         return self.run("journalctl", "--no-pager", "--output=cat", "--unit", UNIT, ok=False)
@@ -82,7 +89,7 @@ class ServiceManager:
     def _boot(self) -> subprocess.Popen:
         unmount(str(self._root / "proc"))  # the container's process 1 wants one of its own
         uart = os.path.realpath("/dev/ttymxc0")
-        command = ["systemd-nspawn", "--boot", f"--directory={self._root}", f"--machine=tessaro-{os.getpid()}",
+        command = ["systemd-nspawn", "--boot", f"--directory={self._root}", f"--machine={self.memory.name}",
                    "--register=no", "--keep-unit", "--console=pipe", "--resolv-conf=off", "--timezone=off", "--link-journal=no",
                    "--capability=CAP_IPC_LOCK", f"--bind=/sys/class/gpio:{LINES}", f"--bind={uart}:{UART}"]
         with open(self._log, "wb") as said:

@@ -18,7 +18,7 @@ from tessarobench.installation import IDENTITY, Installation
 
 APPLICATIONS = "home/root/Applications"
 DOC = "usr/share/doc/tessaroserver"
-OPEN_SECONDS = 0.7  # from the end of the process
+OPEN_SECONDS = 2.0  # from the end of the process, on a busy computer; the times are printed
 MARGIN_BYTES, CONNECTIONS = 1 << 20, 200
 
 
@@ -66,7 +66,7 @@ def opened_after(bench, mark, began, case, timeout):
 
 def end_by(bench, number):
     """Sends a signal to the server; the place in the journal and the time before that."""
-    process = bench.manager.main_process
+    process = bench.manager.wait_main_process()
     mark, began = bench.journal.mark(), bench.journal.now
     os.kill(process, number)
     return mark, began
@@ -119,7 +119,7 @@ def test_a_server_that_exceeds_its_memory_leaves_an_open_relay(closed):
     """Remote units that join cost memory; the kernel ends the server when its limit is reached."""
     manager = closed.manager
     manager.control("set-property", "--runtime", UNIT, f"MemoryMax={manager.memory.used_by(UNIT) + MARGIN_BYTES}")
-    mark, ended, clients = closed.journal.mark(), note_end(closed, manager.main_process), []
+    mark, ended, clients = closed.journal.mark(), note_end(closed, manager.wait_main_process()), []
     try:
         for _ in range(CONNECTIONS):
             client = closed.peer_socket(socket.SOCK_STREAM)
