@@ -14,6 +14,8 @@ from tessarobench.stalls import STALLS, Stall
 from tessarobench.stalltable import BEGIN, END, Row, rewrite, table
 from tessarobench.stalltrial import Outcome, attempt, build_library
 
+pytestmark = pytest.mark.real_time("the kernel stalls in its own time")
+
 
 @pytest.fixture
 def scripted(tmp_path):
