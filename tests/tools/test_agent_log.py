@@ -16,11 +16,11 @@ from tessaroagent.unit import Unit  # noqa: E402
 
 HANDBOOK = (Path(__file__).resolve().parents[2] / "docs" / "operations.md").read_text(encoding="utf-8")
 JOURNALCTL = """#!/bin/sh
-case "$*" in
-*--show-cursor*) printf '%s\\n' "20261121 09:00:00.000 - RUN" "-- cursor: s=1;i=2" ;;
-*--after-cursor*s=1\\;i=2*) echo "20261121 09:00:01.000 - MSState::OPEN"; exec sleep 600 ;;
-*) exit 9 ;;
-esac
+[ "$*" = "--unit tessaroserver --output cat --merge --lines 2000 --follow" ] || exit 9
+printf '%s\\n' "20261121 08:59:00.000 - RelayOpen" "20261121 09:00:00.000 - RUN"
+until [ -e "$0.go" ]; do sleep 0.05; done
+echo "20261121 09:00:01.000 - MSState::OPEN"
+exec sleep 600
 """
 REFUSED = """#!/bin/sh
 echo "No journal files were opened due to insufficient permissions." >&2
@@ -178,9 +178,11 @@ def with_journalctl(folder, text):
 
 def test_the_journal_is_followed_from_where_its_past_ends(server, tmp_path):
     with Agent(server, tmp_path, env=with_journalctl(tmp_path, JOURNALCTL), log=False) as agent:
+        wait_for(lambda: agent.json("/healthz")["log"])
+        assert agent.value("link") == "RUN" and agent.events_of_log() == []
+        (tmp_path / "programs" / "journalctl.go").touch()
         wait_for(lambda: agent.events_of_log())
         assert [event["event"] for event in agent.events_of_log()] == ["msstate_open"]
-        assert agent.value("link") == "RUN"
 
 
 def test_a_journal_that_may_not_be_read_is_told(server, tmp_path):

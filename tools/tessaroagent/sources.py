@@ -24,6 +24,7 @@ CHUNK = 65536
 EARLIER_LINES = 2000
 EARLIER_BYTES = 512 << 10
 ENDED_SECONDS = 5.0
+FIRST_SECONDS, QUIET_SECONDS = 10.0, 1.0  # for the first line, and between two, of what stands in the journal
 
 
 class Interface:
@@ -136,6 +137,7 @@ class Log:
     def __init__(self, unit, source, is_file, seen):
         self._unit, self._source, self._is_file, self._seen = unit, source, is_file, seen
         self._process = None
+        self._catching_up, self._began = False, 0.0
 
     async def run(self):
         if self._source == "-":
@@ -149,21 +151,41 @@ class Log:
 
     async def _follow(self):
         """Follows until the source ends; returns why, if it could not be read."""
+        self._catching_up, self._began = not self._is_file, time.time()
         try:
-            command = await (self._earlier_of_file() if self._is_file else self._earlier_of_journal())
             self._process = await asyncio.create_subprocess_exec(
-                *command, stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE,
-                stderr=asyncio.subprocess.DEVNULL, limit=CHUNK)
+                *(self._earlier_of_file() if self._is_file else self._journal()), stdin=asyncio.subprocess.DEVNULL,
+                stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.PIPE, limit=CHUNK)
         except OSError as error:
             return error.strerror or str(error)
-        self._unit.problem("log", None)
-        self._unit.log_followed = True
+        listening = asyncio.ensure_future(self._listen(self._process.stderr))
         try:
+            if self._is_file:
+                self._followed()
             await self._read(self._process.stdout)
+            complaint = await listening
+            status = await self._process.wait()
         finally:
             self._unit.log_followed = False
+            listening.cancel()
             self.close()
-        return None
+        return (complaint or f"{'tail' if self._is_file else 'journalctl'} ended with {status}") if status else None
+
+    def _followed(self):
+        """What stood there already is known; from now on everything is new."""
+        self._catching_up = False
+        self._unit.log_followed = True
+        self._unit.problem("log", None)
+
+    async def _listen(self, stderr):
+        """What the program complains of; a journal that shows only a part is told, and followed all the same."""
+        complaint = (await stderr.read(CHUNK)).decode("utf-8", "replace").strip().split("\n")[0][:200]
+        if "permission" in complaint or "not seeing messages" in complaint:
+            await asyncio.sleep(2 * QUIET_SECONDS)
+            self._unit.problem("log", complaint)
+        while await stderr.read(CHUNK):
+            pass  # nobody may wait for a reader
+        return complaint
 
     def close(self):
         if self._process and self._process.returncode is None:
@@ -172,57 +194,64 @@ class Log:
             except ProcessLookupError:
                 pass
 
-    async def _earlier_of_file(self):
+    def _earlier_of_file(self):
+        """Reads what stands there; the command that follows it from there."""
         size = os.path.getsize(self._source)
         with open(self._source, "rb") as file:
             file.seek(max(0, size - EARLIER_BYTES))
             text = file.read(size - file.tell())
-        self._earlier(text[:text.rfind(b"\n") + 1])
-        whole = size - (len(text) - (text.rfind(b"\n") + 1))
-        return ["tail", "-c", f"+{whole + 1}", "-F", self._source]
+        lines = text[:text.rfind(b"\n") + 1]
+        for raw in Lines().feed(lines):
+            self._earlier(raw)
+        return ["tail", "-c", f"+{size - len(text) + len(lines) + 1}", "-F", self._source]
 
-    async def _earlier_of_journal(self):
-        command = ["journalctl", "--unit", self._source, "--output", "cat"]
-        process = await asyncio.create_subprocess_exec(
-            *command, "--lines", str(EARLIER_LINES), "--no-pager", "--show-cursor", stdin=asyncio.subprocess.DEVNULL,
-            stdout=asyncio.subprocess.PIPE, stderr=asyncio.subprocess.PIPE)
-        text, complaint = await process.communicate()
-        if process.returncode or b"permission" in complaint or b"not seeing messages" in complaint:
-            said = complaint.decode("utf-8", "replace").strip().splitlines()
-            raise OSError(errno.EACCES, said[0][:200] if said else f"journalctl ended with {process.returncode}")
-        lines, cursor = self._without_cursor(text)
-        self._earlier(lines)
-        return [*command, "--follow", *(["--after-cursor", cursor] if cursor else ["--lines", "0"])]
+    def _journal(self):
+        """One program for what stands there and for what comes: where one ends, time tells (see `_take`). Merged, as it would
+        else show the present boot alone, and take another one for it where a container has a boot of its own."""
+        return ["journalctl", "--unit", self._source, "--output", "cat", "--merge", "--lines", str(EARLIER_LINES),
+                "--follow"]
 
-    @staticmethod
-    def _without_cursor(text):
-        head, _, cursor = text.rpartition(b"-- cursor: ")
-        return (head, cursor.decode("ascii", "replace").strip()) if head or cursor != text else (text, "")
+    def _earlier(self, raw):
+        """A line from before: new is only what nobody has seen yet."""
+        stamp, line = split_line(raw)
+        when = moment(stamp)
+        if when is not None and self._seen is not None and when > self._seen:
+            self._unit.log_line(line, when, time.monotonic())
+        else:
+            self._unit.log_state(line, when or time.time())
 
-    def _earlier(self, text):
-        for raw in Lines().feed(text):
-            stamp, line = split_line(raw)
+    def _take(self, raw):
+        stamp, line = split_line(raw)
+        if self._catching_up:
             when = moment(stamp)
-            if when is not None and self._seen is not None and when > self._seen:
-                self._unit.log_line(line, when, time.monotonic())
-            else:
-                self._unit.log_state(line, when or time.time())
+            if when is None or when < self._began:
+                self._earlier(raw)
+                return
+            self._followed()
         self._seen = time.time()
+        self._unit.log_line(line, self._seen, time.monotonic())
 
     async def _follow_stdin(self):
         reader = asyncio.StreamReader(limit=CHUNK)
         await asyncio.get_running_loop().connect_read_pipe(lambda: asyncio.StreamReaderProtocol(reader), sys.stdin)
-        self._unit.log_followed = True
+        self._followed()
         await self._read(reader)
         self._unit.log_followed = False
         self._unit.problem("log", "the standard input has ended")
 
     async def _read(self, reader):
-        lines = Lines()
-        while chunk := await reader.read(CHUNK):
+        lines, patience = Lines(), FIRST_SECONDS
+        while True:
+            try:
+                chunk = await asyncio.wait_for(reader.read(CHUNK), patience if self._catching_up else None)
+                patience = QUIET_SECONDS
+            except asyncio.TimeoutError:  # the past has been told, and nothing has come since
+                self._followed()
+                continue
+            if not chunk:
+                return
             for raw in lines.feed(chunk):
-                self._seen = time.time()
-                self._unit.log_line(split_line(raw)[1], self._seen, time.monotonic())
+                self._take(raw)
             await asyncio.sleep(0)
 
 
