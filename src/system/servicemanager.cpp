@@ -17,7 +17,7 @@ constexpr char WatchdogProcessVariable[] = "WATCHDOG_PID";
 
 QByteArray takeVariable(const char* name)
 {
-    const QByteArray value = qgetenv(name);
+    QByteArray value = qgetenv(name);
     qunsetenv(name);
     return value;
 }

@@ -36,6 +36,7 @@ int lockCode(dl_phdr_info* object, size_t, void*)
     for (int i = 0; i < object->dlpi_phnum && isOnTheWay(object->dlpi_name); ++i) {
         const ElfW(Phdr)& segment = object->dlpi_phdr[i];
         if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) {
+            // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader tells addresses as numbers
             mlock(reinterpret_cast<const void*>(object->dlpi_addr + segment.p_vaddr), segment.p_memsz);
         }
     }

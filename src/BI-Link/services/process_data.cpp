@@ -27,7 +27,8 @@ ProcessData::ProcessData(QObject* parent, quint8 id, TagDatabase* tags)
     connect(this, &ProcessData::newProcessData, tagDatabase, &TagDatabase::processProsessData);
     warnAboutMissingTags();
     sendDataTimer = new QTimer(this);
-    // A silent base controller is noticed at this packet at the latest: a coarse timer would take 25 ms of the time it has for that.
+    // A silent base controller is noticed at this packet at the latest: a coarse timer would take 25 ms of the time that
+    // there is for that.
     sendDataTimer->setTimerType(Qt::PreciseTimer);
     connect(sendDataTimer, &QTimer::timeout, this, &ProcessData::storeAndSendProcessData);
     sendDataTimer->start(storeAndSendIntervalMs);
