@@ -27,8 +27,7 @@ ProcessData::ProcessData(QObject* parent, quint8 id, TagDatabase* tags)
     connect(this, &ProcessData::newProcessData, tagDatabase, &TagDatabase::processProsessData);
     warnAboutMissingTags();
     sendDataTimer = new QTimer(this);
-    // A silent base controller is noticed at this packet at the latest: a coarse timer would take 25 ms of the time that
-    // there is for that.
+    // A silent base controller is noticed at this packet at the latest: a coarse timer would be 25 ms late.
     sendDataTimer->setTimerType(Qt::PreciseTimer);
     connect(sendDataTimer, &QTimer::timeout, this, &ProcessData::storeAndSendProcessData);
     sendDataTimer->start(storeAndSendIntervalMs);
