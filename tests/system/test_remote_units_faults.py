@@ -243,6 +243,7 @@ def test_mute_slow_and_babbling_units_beside_healthy_ones(serving):
     assert serving.journal.count(link="glink", direction="<", kind="ack", of="periodic data", unit=babbling.id) > 1000
 
 
+@pytest.mark.real_time("in virtual time the internal link carries whatever comes before the next moment: nothing waits there")
 def test_commands_without_end_cost_neither_memory_nor_the_status_record(serving):
     """More than the internal link carries: what waits there is bounded, and other packets still get through."""
     babbling, healthy = (serving.unit(unit_id).join().wait_joined() for unit_id in (1001, 1002))
