@@ -281,8 +281,9 @@ def test_the_strip_shows_what_was_and_when_nobody_watched(driver, server, tmp_pa
         server.push()
         page = Page(driver, agent.port).live()
         page.wait_text("title", "400")
-        titles = lambda: [each.get_attribute("textContent") for each in page.driver.find_elements(
-            By.CSS_SELECTOR, "#strip .segment title")]
+        # In one step: the page draws the strip anew whenever something changes.
+        titles = lambda: page.driver.execute_script(
+            "return Array.from(document.querySelectorAll('#strip .segment title'), each => each.textContent)")
         wait_for(lambda: any(title.startswith("FAILED, ") for title in titles()))
         lanes = [title.split(",")[0] for title in titles()]
         place = lanes.index("FAILED")
