@@ -157,6 +157,7 @@ void TessaroServer::createFileThread()
     m_fileThread = Threads::make("files");
     m_fileWork = new QObject;
     m_fileWork->moveToThread(m_fileThread);
+    connect(m_fileThread, &QThread::started, m_fileWork, [] { Threads::claimPriority(Threads::Role::Background); });
     connect(m_fileThread, &QThread::finished, m_fileWork, &QObject::deleteLater);
     m_fileThread->start(QThread::InheritPriority);
     inFileThread([this] { createConfiguration(); });

@@ -78,6 +78,11 @@ class RemoteUnit(UnitSession):
         return InitAck(*self.verdicts[-1][2:]) if self.verdicts and not self._joining else None
 
     @property
+    def awaits_verdict(self) -> bool:
+        """Whether an INIT has been sent that is not answered yet."""
+        return self._joining is not None
+
+    @property
     def connected(self) -> bool:
         return bool(self._tcp and self._tcp.is_open and not self._tcp.is_closed and not self._tcp.has_vanished)
 

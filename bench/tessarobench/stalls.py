@@ -28,6 +28,7 @@ from .stallingdisk import StallingDisk
 PANEL = "panel"  # an application that can be paired
 MANY_ROWS = 65_000
 BIG_FILE_BYTES = 1 << 29
+ENDLESS_BYTES = 1 << 40
 
 
 class Stall:
@@ -193,6 +194,33 @@ class ManyUnits(Stall):
             ask_for_panel(self.bench, 1003 + unit)
 
 
+class EndlessFiles(Stall):
+    """Nobody can tell such a file from one that never ends before he has read more of it than he should."""
+
+    title = "disk: manifest, keys and a file of applications are without end"
+
+    def lay(self) -> None:
+        endless(lay_application(self.bench) / "config" / "keys.csv")
+        other = self.bench.applications / "endless"
+        other.mkdir()
+        endless(other / "manifest.csv")
+
+    def begin(self) -> None:
+        endless(self.bench.applications / UNIT_APPLICATION / "changed")
+        ask_for_panel(self.bench, 1003)
+        self.bench.tool.send(pairwire.get_app_list(), "getAppList")
+        self.bench.api.send(b"CCHANGE")
+        unit = self.bench.unit(1002)
+        unit.checksum = bytes(16)  # the bench does not read it all
+        unit.join()
+
+
+def endless(path: Path) -> None:
+    """A file that is all hole: it takes no space, and hours to read."""
+    with open(path, "wb") as file:
+        file.truncate(ENDLESS_BYTES)
+
+
 class Hashing(Stall):
     title = "disk: a big application has changed, and is being read for its checksum"
 
@@ -205,13 +233,14 @@ class Hashing(Stall):
         unit = self.bench.unit(1002)
         unit.checksum = bytes(16)  # the bench does not read it all
         unit.join()
-        self.bench.wait_for(lambda: unit.path or unit._joining, what="a unit that waits for a checksum")
+        self.bench.wait_for(lambda: unit.path or unit.awaits_verdict, what="a unit that waits for a checksum")
 
     def machine_stop(self, unit: RemoteUnit) -> float:
         """The armed unit has lost its connection, joins again, and does not wait for the answer."""
+        answered = len(unit.verdicts)
         unit.checksum = self._unit_checksum
         unit.join()
-        self.bench.wait_for(lambda: unit._joining, what="the unit asks to join")
+        self.bench.wait_for(lambda: unit.awaits_verdict or len(unit.verdicts) > answered, what="the unit asks to join")
         return super().machine_stop(unit)
 
 
@@ -231,7 +260,9 @@ class Processors(Stall):
 
     def begin(self) -> None:
         self._stress = subprocess.Popen(["nice", "-n", str(self.nice), "stress-ng", "--quiet", "--cpu", str(os.cpu_count()),
-                                         "--timeout", "60"], start_new_session=True)
+                                         "--timeout", "0"], start_new_session=True)
+        with contextlib.suppress(FileNotFoundError):  # some kernels share the processors out among sessions first
+            Path(f"/proc/{self._stress.pid}/autogroup").write_text(str(self.nice))
         pause(self.bench, 0.2)
 
     def end(self) -> None:
@@ -331,6 +362,6 @@ def end_group(process: subprocess.Popen) -> None:
 STALLS: dict[str, type[Stall]] = {
     "nothing": Stall, "log-full": LogFull, "log-full-from-start": LogFullFromStart, "log-reader-gone": LogReaderGone,
     "log-closed": LogClosed, "disk-hangs": DiskHangs, "disk-fails": DiskFails, "disk-full": DiskFull, "fifo": PipeForKeys,
-    "pairing": ManyUnits, "hashing": Hashing, "processors": Processors, "memory": Memory, "tar": TarForEver,
-    "descriptors": NoDescriptors, "cchange": Flood,
+    "endless": EndlessFiles, "pairing": ManyUnits, "hashing": Hashing, "processors": Processors, "memory": Memory,
+    "tar": TarForEver, "descriptors": NoDescriptors, "cchange": Flood,
 }

@@ -70,20 +70,21 @@ def rewrite(page: Path, content: str) -> None:
 
 
 def measure(server: Path, library: Path, stalls: Iterable[str], events: Iterable[str], tries: int, jobs: int,
-            say: Callable[[str], None]) -> list[Row]:
+            say: Callable[[str], None], hold: float = 0.0) -> list[Row]:
     """All combinations, in the order of the table. Those that need the machine for themselves come last, one by one."""
     rows = [Row(stall, event, [], STALLS[stall].refused()) for stall in stalls for event in events]
     for alone in (False, True):
         todo = [row for row in rows if not row.refused and STALLS[row.stall].alone == alone]
-        _try_all(server, library, todo, tries, 1 if alone else jobs, say)
+        _try_all(server, library, todo, tries, 1 if alone else jobs, say, hold)
     return rows
 
 
-def _try_all(server: Path, library: Path, rows: list[Row], tries: int, jobs: int, say: Callable[[str], None]) -> None:
+def _try_all(server: Path, library: Path, rows: list[Row], tries: int, jobs: int, say: Callable[[str], None],
+             hold: float) -> None:
     """Each worker is a process of its own, or the boards would wait for each other's interpreter."""
     context = multiprocessing.get_context("spawn")
     with concurrent.futures.ProcessPoolExecutor(jobs, context) as workers:
-        due = {workers.submit(attempt, server, STALLS[row.stall], row.event, library, seed): row
+        due = {workers.submit(attempt, server, STALLS[row.stall], row.event, library, seed, hold): row
                for seed in range(tries) for row in rows}
         try:
             for number, done in enumerate(concurrent.futures.as_completed(due), 1):

@@ -21,7 +21,7 @@ from .apiclient import REQUEST_PORT
 from .installation import APP, IDENTITY, KEYS, Installation
 from .journal import FROM_BASE_UNIT, TO_BASE_UNIT
 from .remotepaths import ADDRESS
-from .stalls import Stall
+from .stalls import Stall, pause
 
 ARMED, ARMED_STATE = 1001, 17
 NEVER_SECONDS = 3.0  # what has not happened by then, will not
@@ -50,8 +50,9 @@ class Outcome(NamedTuple):
 class Trial:
     """A board, a server, an armed unit, and the stall, on which one event can be tried. Leave it through `with`."""
 
-    def __init__(self, server: Path, stall: type[Stall], library: Path, seed: int = 1):
+    def __init__(self, server: Path, stall: type[Stall], library: Path, seed: int = 1, hold: float = 0.0):
         self._random = random.Random(seed)
+        self._hold = hold
         self._last_ack = 0.0
         self.bench = Installation(server)
         try:
@@ -95,8 +96,11 @@ class Trial:
     def begin(self) -> None:
         """The stall, and some time in it, so that the event hits any moment of the server's cycles."""
         self.stall.begin()
-        until = self.bench.journal.now + self._random.uniform(0.0, 0.5)
-        self.bench.wait_for(lambda: self.bench.journal.now >= until, poll=0.01)
+        pause(self.bench, self._hold + self._random.uniform(0.0, 0.5))
+
+    def openings(self, mark: int) -> int:
+        """How often the relay has opened since then: with a base controller that answers, each is a link lost."""
+        return self.bench.journal.count("gpio", FROM_BASE_UNIT, "drive", since=mark, value="0")
 
     # --- events ------------------------------------------------------------------------------------------------------
 
@@ -209,23 +213,27 @@ def _schedule(policy: int, priority: int) -> None:
                 os.sched_setscheduler(int(thread), policy | os.SCHED_RESET_ON_FORK, os.sched_param(priority))
 
 
-def attempt(server: Path, stall: type[Stall], event: str, library: Path, seed: int = 1) -> Outcome:
-    """What was measured stands, also when the board cannot be cleared away afterwards; the remark says so then."""
+def attempt(server: Path, stall: type[Stall], event: str, library: Path, seed: int = 1, hold: float = 0.0) -> Outcome:
+    """What was measured stands, also when the board cannot be cleared away afterwards; the remark says so then. With `hold`,
+    the stall lasts that many seconds before the event, and a link lost meanwhile is a try that failed."""
     outcome = Outcome(None, "not tried")
     try:
-        with Trial(server, stall, library, seed) as trial:
-            outcome = _in_trial(trial, event)
+        with Trial(server, stall, library, seed, hold) as trial:
+            outcome = _in_trial(trial, event, hold)
     except AssertionError as failure:
         return outcome._replace(remark=f"{outcome.remark} (clearing away: {_first_line(failure)})".strip())
     return outcome
 
 
-def _in_trial(trial: Trial, event: str) -> Outcome:
+def _in_trial(trial: Trial, event: str, hold: float) -> Outcome:
     try:
         trial.arm()
     except AssertionError as failure:
         return Outcome(None, f"did not come up, {_first_line(failure)}")
+    mark = trial.bench.journal.mark()
     trial.begin()
+    if hold and trial.openings(mark):
+        return Outcome(None, f"the relay opened {trial.openings(mark)} times in {hold:g} s")
     return EVENTS[event].happen(trial)
 
 

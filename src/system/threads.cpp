@@ -1,5 +1,7 @@
 #include "threads.h"
 
+#include "schedulingattributes.h"
+
 #include <QString>
 #include <QThread>
 
@@ -10,7 +12,8 @@
 #include <link.h>
 #include <sched.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace Threads {
 
@@ -20,6 +23,7 @@ namespace {
 constexpr unsigned int StackBytes = 512 * 1024;
 
 constexpr pid_t CallingThread = 0;
+constexpr quint64 ResetOnFork = 1; ///< the kernel's SCHED_FLAG_RESET_ON_FORK
 
 /// Whose code lies on the ways to the relay. The program itself has no name here.
 bool isOnTheWay(const char* object)
@@ -43,6 +47,24 @@ int lockCode(dl_phdr_info* object, size_t, void*)
     return 0; // go on with the next
 }
 
+/// Niceness and slice are set by one call, which takes both. A kernel without slices ignores that part.
+bool setShare(const Claim& claim)
+{
+    SchedulingAttributes attributes;
+    attributes.policy = SCHED_OTHER;
+    attributes.flags = ResetOnFork;
+    attributes.niceness = claim.niceness;
+    attributes.runtime = static_cast<quint64>(std::chrono::nanoseconds(claim.slice).count());
+    return syscall(SYS_sched_setattr, CallingThread, &attributes, 0U) == 0;
+}
+
+bool setRealTime(int priority)
+{
+    sched_param parameters = {};
+    parameters.sched_priority = priority;
+    return sched_setscheduler(CallingThread, SCHED_FIFO | SCHED_RESET_ON_FORK, &parameters) == 0;
+}
+
 } // namespace
 
 QThread* make(const char* name)
@@ -56,11 +78,7 @@ QThread* make(const char* name)
 bool claimPriority(Role role)
 {
     const Claim claim = claimOf(role);
-    const int policy = claim.realTimePriority > 0 ? SCHED_FIFO : SCHED_OTHER;
-    sched_param parameters = {};
-    parameters.sched_priority = claim.realTimePriority;
-    return sched_setscheduler(CallingThread, policy | SCHED_RESET_ON_FORK, &parameters) == 0 &&
-           (claim.niceness == 0 || setpriority(PRIO_PROCESS, CallingThread, claim.niceness) == 0);
+    return claim.realTimePriority > 0 ? setRealTime(claim.realTimePriority) : setShare(claim);
 }
 
 bool lockMemory()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 class QThread;
 
 // The threads of the server, and what they ask of the system: the threads on the way from the UART and from the remote
@@ -19,30 +21,37 @@ enum class Role {
     ServiceLayer, ///< judges the internal link
     Hub,          ///< decides on machine stops: the main thread
     UnitLink,     ///< receives from remote units
+    Background,   ///< nothing: reads, hashes and writes files
 };
 
 /// What a role asks for. Real time (first in, first out) is for work that the UART's pace bounds. Remote units can keep
 /// their threads busy for as long as they like, and would then take the processor from the kernel's own threads, which
 /// carry the UART's bytes: those threads only weigh much more than others.
+///
+/// Weight decides on shares, and not on who goes first: a kernel since 6.12 lets what runs go on to the end of its
+/// slice, some milliseconds, unless who wakes up asks for a shorter one. Older kernels know no such slices, and do not
+/// need them.
 struct Claim
 {
-    int realTimePriority; ///< 0 for none
-    int niceness;         ///< of a thread without real-time priority
+    int realTimePriority;            ///< 0 for none
+    int niceness;                    ///< of a thread without real-time priority
+    std::chrono::microseconds slice; ///< of a thread without real-time priority; 0 for the system's own
 };
 constexpr Claim claimOf(Role role)
 {
     switch (role) {
-    case Role::Relay: return {30, 0};
-    case Role::UartReader: return {29, 0};
-    case Role::ServiceLayer: return {28, 0};
+    case Role::Relay: return {30, 0, {}};
+    case Role::UartReader: return {29, 0, {}};
+    case Role::ServiceLayer: return {28, 0, {}};
     case Role::Hub:
-    case Role::UnitLink: return {0, -15};
+    case Role::UnitLink: return {0, -15, std::chrono::microseconds(100)};     // the shortest there is
+    case Role::Background: return {0, 0, std::chrono::microseconds(100'000)}; // the longest there is
     }
-    return {0, 0};
+    return {0, 0, {}};
 }
 
 /// Gives the calling thread what its role asks for. Threads and processes that it starts do not inherit it.
-/// @return false where the system does not allow it.
+/// @return false where the system does not allow its priority. A slice needs no right.
 bool claimPriority(Role role);
 
 /// Keeps in memory what the process has touched so far and what it will touch, and all code on the ways to the relay.

@@ -7,6 +7,7 @@ APPLICATIONS = "home/root/Applications"
 PROGRAM = f"{APPLICATIONS}/tessaroserver/tessaroserver"
 UNIT = "lib/systemd/system/tessaroserver.service"
 AGENT_UNIT = "lib/systemd/system/tessaro-agent.service"
+SYSCTL = "usr/lib/sysctl.d/60-tessaroserver.conf"
 DOC = "usr/share/doc/tessaroserver"
 EXAMPLE_FILES = (".config/baseInternalInputTags.csv", "tessaroserver/config/app.csv", "tessaroserver/config/keys.csv",
                  "tessaroserver/config/remotes.csv", "handset/manifest.csv")
@@ -38,7 +39,7 @@ def test_everything_lands_in_its_place(clean, newer):
         assert (clean / f"{DOC}/examples/{file}").is_file()
     for tool in ("tessaro-agent", "tessaro-check", "tessaro-top", "tessaro-report"):
         assert (clean / f"usr/bin/{tool}").is_file() and (clean / f"usr/share/man/man1/{tool}.1.gz").is_file()
-    for file in (UNIT, AGENT_UNIT, f"{DOC}/wireshark/tessaro.lua", f"{DOC}/wireshark/README.md", f"{DOC}/installation.md",
+    for file in (UNIT, AGENT_UNIT, SYSCTL, f"{DOC}/wireshark/tessaro.lua", f"{DOC}/wireshark/README.md", f"{DOC}/installation.md",
                  f"{DOC}/copyright"):
         assert (clean / file).is_file(), file
 
@@ -90,6 +91,12 @@ def test_the_tools_run(clean, newer):
 
 
 # --- the unit ----------------------------------------------------------------------------------------------------------
+
+
+def test_weights_count_beside_all_other_programs(clean, newer):
+    clean.install(newer)
+    settings = [line.strip() for line in (clean / SYSCTL).read_text().splitlines() if not line.startswith("#")]
+    assert settings == ["-kernel.sched_autogroup_enabled = 0"]
 
 
 def test_the_unit_is_valid_and_enabled(clean, newer):

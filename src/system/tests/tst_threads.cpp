@@ -1,4 +1,5 @@
 #include "fatalprobe.h"
+#include "schedulingattributes.h"
 #include "threads.h"
 
 #include <QDebug>
@@ -10,6 +11,7 @@
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -32,6 +34,38 @@ bool isAllowedHere()
         qDebug() << (sched_setscheduler(0, SCHED_RR, &parameters) == 0);
     });
     return outcome.log == QStringLiteral("true\n");
+}
+
+SchedulingAttributes attributesOfThisThread()
+{
+    SchedulingAttributes attributes;
+    syscall(SYS_sched_getattr, 0, &attributes, sizeof attributes, 0U);
+    return attributes;
+}
+
+/// In ns; what the system gives to everybody counts as 0.
+quint64 sliceOfThisThread()
+{
+    static const quint64 usual = [] {
+        quint64 slice = 0;
+        std::thread([&slice] { slice = attributesOfThisThread().runtime; }).join();
+        return slice;
+    }();
+    const quint64 slice = attributesOfThisThread().runtime;
+    return slice == usual ? 0 : slice;
+}
+
+/// Linux since 6.12.
+bool knowsSlices()
+{
+    bool isKnown = false;
+    std::thread([&isKnown] {
+        SchedulingAttributes attributes = attributesOfThisThread();
+        attributes.runtime = 7'000'000;
+        syscall(SYS_sched_setattr, 0, &attributes, 0U);
+        isKnown = attributesOfThisThread().runtime == 7'000'000;
+    }).join();
+    return isKnown;
 }
 
 QString standingOfNewThread()
@@ -91,11 +125,18 @@ void TestThreads::aClaimIsGrantedWhereTheSystemAllowsIt_data()
 {
     QTest::addColumn<int>("role");
     QTest::addColumn<QString>("granted");
-    QTest::newRow("relay") << static_cast<int>(Threads::Role::Relay) << QStringLiteral("true 1073741825 30 0");
-    QTest::newRow("hub") << static_cast<int>(Threads::Role::Hub) << QStringLiteral("true 1073741824 0 -15");
+    const auto sliced = [](const QString& standing, const QString& slice) {
+        return standing + (knowsSlices() ? slice : QStringLiteral("0"));
+    };
+    QTest::newRow("relay") << static_cast<int>(Threads::Role::Relay) << QStringLiteral("true 1073741825 30 0 0");
+    QTest::newRow("hub") << static_cast<int>(Threads::Role::Hub)
+                         << sliced(QStringLiteral("true 1073741824 0 -15 "), QStringLiteral("100000"));
+    QTest::newRow("background") << static_cast<int>(Threads::Role::Background)
+                                << sliced(QStringLiteral("true 1073741824 0 0 "), QStringLiteral("100000000"));
 }
 
-/// Scheduling policy (with "reset on fork"), real-time priority and niceness; then what a new thread has of it.
+/// Scheduling policy (with "reset on fork"), real-time priority, niceness and slice in ns; then what a new thread has
+/// of it.
 void TestThreads::aClaimIsGrantedWhereTheSystemAllowsIt()
 {
     QFETCH(int, role);
@@ -105,7 +146,8 @@ void TestThreads::aClaimIsGrantedWhereTheSystemAllowsIt()
         sched_param parameters = {};
         sched_getparam(0, &parameters);
         qDebug().noquote() << isGranted << sched_getscheduler(0) << parameters.sched_priority
-                           << getpriority(PRIO_PROCESS, 0) << "new thread:" << standingOfNewThread();
+                           << getpriority(PRIO_PROCESS, 0) << sliceOfThisThread()
+                           << "new thread:" << standingOfNewThread();
     });
     if (isAllowedHere()) {
         QCOMPARE(outcome.log, granted + QStringLiteral(" new thread: 0 0\n"));

@@ -3,6 +3,7 @@
 #include "filetimes.h"
 #include "manifestindex.h"
 #include "md5checksum.h"
+#include "threads.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
@@ -192,6 +193,7 @@ QString Workshop::firstApplication(const QString& root) const
 
 void Workshop::serve(Job& job)
 {
+    Threads::claimPriority(Threads::Role::Background); // the pool may have made a new thread since the last job
     job.begun = true;
     m_servingThread = QThread::currentThread();
     const ApplicationChecksumList list = listOf(job.root);
