@@ -1,4 +1,5 @@
 """The agent as others meet it over HTTP: who may ask, bad requests, crowds, slow readers, and what all of that costs."""
+import http.client
 import json
 import socket
 import subprocess
@@ -138,6 +139,31 @@ def test_what_is_no_http_gets_an_error_and_an_end(agent, garbage):
             answer = b""
     assert answer == b"" or b" 400 " in answer.split(b"\r\n")[0]
     assert agent.get("/api/status")[0] == 200
+
+
+def test_a_stream_is_told_in_the_way_of_the_version_that_asks(agent, server):
+    """HTTP/1.1 gets chunks, which its client takes apart; HTTP/1.0 the same text as it is."""
+    plain, connection = agent.watch(), http.client.HTTPConnection(HOST, agent.port, timeout=10)
+    connection.request("GET", "/api/events")
+    answer = connection.getresponse()
+    assert answer.getheader("Transfer-Encoding") == "chunked" and answer.readline() == b"retry: 1000\n"
+    assert b"chunked" not in plain.wait_text("event: status").encode()
+    wait_for(lambda: agent.metrics()["tessaro_agent_watchers"] == 2)
+    server.status["BU_STATE"] = "17"
+    server.push()
+    while b'"key":"BU_STATE"' not in (line := answer.readline()):
+        assert line, "the stream ended"
+    assert line.decode() in plain.wait_text('"key":"BU_STATE","')
+    connection.close()
+    plain.close()
+
+
+def test_watchers_that_have_gone_make_room(agent):
+    for _ in range(300):
+        agent.watch().close()
+    watcher = agent.watch()
+    assert "200" in watcher.wait_text("event: status").splitlines()[0]
+    watcher.close()
 
 
 # --- crowds and slow readers -------------------------------------------------------------------------------------------

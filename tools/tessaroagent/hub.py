@@ -13,27 +13,42 @@ def encoded(event, data, number=None):
     return f"{head}event: {event}\ndata: ".encode() + data + b"\n\n"
 
 
+def framed(data):
+    """As one chunk of an HTTP/1.1 body."""
+    return b"%x\r\n%b\r\n" % (len(data), data)
+
+
 class Client:
-    """One open stream. `waiting` has not been handed to its connection yet."""
+    """One open stream, whose answer's head has been sent. What comes for it goes straight to its connection: a task for each of
+    two hundred watchers would take longer to wake than the event takes to write."""
 
-    def __init__(self, transport):
+    def __init__(self, transport, chunked):
+        self.ended = asyncio.Event()
         self.transport = transport
-        self.waiting = []
-        self.size = 0
-        self.woken = asyncio.Event()
-        self.busy_since = None
-        self.dropped = False
+        self.chunked = chunked
+        self._left = 0
+        self._stuck_since = None
 
-    def put(self, chunk):
-        self.waiting.append(chunk)
-        self.size += len(chunk)
-        self.woken.set()
+    @property
+    def gone(self):
+        return self.transport.is_closing()
 
-    def drop(self):
-        self.dropped = True
-        self.woken.set()
-        if self.transport:
-            self.transport.abort()
+    @property
+    def waiting(self):
+        """Bytes that the connection has not taken yet."""
+        return self.transport.get_write_buffer_size()
+
+    def put(self, data):
+        self.transport.write(framed(data) if self.chunked else data)
+
+    def is_stuck(self, tick):
+        """Whether it has taken nothing for too long; to be asked now and then."""
+        if not self.waiting or self.waiting < self._left:
+            self._stuck_since = None
+        elif self._stuck_since is None:
+            self._stuck_since = tick
+        self._left = self.waiting
+        return self._stuck_since is not None and tick - self._stuck_since > PATIENCE_SECONDS
 
 
 class Hub:
@@ -42,51 +57,47 @@ class Hub:
         self.dropped = 0
         self._gathered = []
 
-    @property
-    def full(self):
-        return len(self.clients) >= MOST_CLIENTS
+    def has_room(self):
+        for client in [client for client in self.clients if client.gone]:
+            self._end(client)
+        return len(self.clients) < MOST_CLIENTS
 
-    def broadcast(self, chunk):
+    def broadcast(self, data):
         """To everybody, within GATHER_SECONDS: what comes close together is written together."""
         if not self.clients:
             return
         if not self._gathered:
             asyncio.get_running_loop().call_later(GATHER_SECONDS, self._flush)
-        self._gathered.append(chunk)
+        self._gathered.append(data)
 
     def _flush(self):
-        chunk, self._gathered = b"".join(self._gathered), []
+        data, self._gathered = b"".join(self._gathered), []
+        chunk = framed(data)
         for client in list(self.clients):
-            if client.size + len(chunk) > MOST_WAITING:
-                self.drop(client)
+            if client.gone:
+                self._end(client)
+            elif client.waiting + len(chunk) > MOST_WAITING:
+                self._drop(client)
             else:
-                client.put(chunk)
+                client.transport.write(chunk if client.chunked else data)
 
     def sweep(self, tick):
         """Drops those whose connection has taken nothing for too long."""
         for client in list(self.clients):
-            if client.busy_since is not None and tick - client.busy_since > PATIENCE_SECONDS:
-                self.drop(client)
+            if client.gone:
+                self._end(client)
+            elif client.is_stuck(tick):
+                self._drop(client)
 
-    def drop(self, client):
+    def _drop(self, client):
         self.dropped += 1
+        client.transport.abort()
+        self._end(client)
+
+    def _end(self, client):
         self.clients.discard(client)
-        client.drop()
+        client.ended.set()
 
     def close(self):
         for client in list(self.clients):
-            self.clients.discard(client)
-            client.dropped = True
-            client.woken.set()
-
-    async def serve(self, client, write, tick):
-        """Hands a client what comes for it, until it is dropped or its connection ends."""
-        while not client.dropped:
-            await client.woken.wait()
-            client.woken.clear()
-            chunks, client.waiting = client.waiting, []
-            if chunks and not client.dropped:
-                client.busy_since = tick()
-                await write(b"".join(chunks))
-                client.busy_since = None
-                client.size = sum(map(len, client.waiting))
+            self._end(client)

@@ -1,5 +1,6 @@
 """What is answered over HTTP."""
 import asyncio
+import contextlib
 import json
 import logging
 import secrets
@@ -7,7 +8,7 @@ import socket
 import time
 from pathlib import Path
 
-from aiohttp import web
+from aiohttp import HttpVersion11, web
 
 from . import fields
 from .hub import Client, encoded
@@ -165,26 +166,29 @@ class Web:
 
     async def events(self, request):
         """Everything that changes, as it changes; first of all what is, and what was missed since Last-Event-ID."""
-        if self._hub.full:
+        if not self._hub.has_room():
             raise web.HTTPServiceUnavailable(text="too many watch already\n", headers={"Retry-After": "10"})
         after = request.headers.get("Last-Event-ID", "")
-        self._small_buffers(request.transport)
         answer = web.StreamResponse(headers={**self._guard.headers(), "Content-Type": "text/event-stream",
                                              "X-Accel-Buffering": "no"})
-        client = Client(request.transport)
+        if request.version >= HttpVersion11:
+            answer.enable_chunked_encoding()
+        with contextlib.suppress(ConnectionError):  # gone before the answer's head was written
+            await answer.prepare(request)
+            self._small_buffers(request.transport)
+            await self._watch(Client(request.transport, answer.chunked), after)
+        return answer
+
+    async def _watch(self, client, after):
         client.put(b"retry: 1000\n\n" + encoded("status", dumped(self.snapshot())))
         if after.isascii() and after.isdigit():
             for data in self._history.select(int(after), limit=MOST_HISTORY):
                 client.put(encoded("change", data, json.loads(data)["id"]))
         self._hub.clients.add(client)
         try:
-            await answer.prepare(request)
-            await self._hub.serve(client, answer.write, time.monotonic)
-        except (ConnectionError, asyncio.CancelledError):
-            pass
+            await client.ended.wait()
         finally:
             self._hub.clients.discard(client)
-        return answer
 
     @staticmethod
     def _small_buffers(transport):
