@@ -1,4 +1,6 @@
 """tools/tessaro-check: a clean installation passes, and each kind of mistake is reported at its place."""
+import os
+import socket
 import subprocess
 import sys
 from pathlib import Path
@@ -155,7 +157,7 @@ CHANGES = [
     (APP, "FMAP;3;RGP\n", "", [":1:1: missing key 'FMAP': the server ends at the first command of a remote unit"]),
     (APP, "EGDH;0;local\n", "", [":1:1: missing key 'EGDH': the base controller is told a new address every 2 s"]),
     (APP, "EMAP;7;local", "EMAP;seven;local", [":3:6: 'seven' of 'EMAP' is not a number from 0 to 65535"]),
-    (APP, "EMAP;7;local", "EMAP;7;BC", [":3:8: 'EMAP' is read as text: it must not come from BC"]),
+    (APP, "EMAP;7;local", "EMAP;55;BC", [":3:9: 'EMAP' is read as text: what comes from BC is four bytes, which read 7"]),
     (APP, "FMAP;3;RGP", "FMAP;3;local", [":4:8: 'FMAP' is read as a number: it must come from BC or RGP"]),
     (APP, "FMAP;3;RGP", "FMAP;three;RGP", [":4:6: 'three' of 'FMAP' is not a number of 32 bits"]),
     (APP, "FMAP;3;RGP", "FMAP;4294967296;RGP", [":4:6: '4294967296' of 'FMAP' is not a number of 32 bits"]),
@@ -224,3 +226,87 @@ def test_explain_of_an_unknown_key_lists_the_known_ones():
 
 def test_a_folder_that_is_none_is_an_error(tmp_path):
     assert run(tmp_path / "nowhere").returncode == 2
+
+
+def put_pipe(path):
+    os.mkfifo(path)
+
+
+def put_socket(path):
+    with socket.socket(socket.AF_UNIX) as listener:
+        before = os.getcwd()
+        os.chdir(path.parent)  # the path of a socket is short
+        listener.bind(path.name)
+        os.chdir(before)
+
+
+def put_device(path):
+    path.symlink_to("/dev/full")
+
+
+IN_THE_PLACE_OF_A_FILE = [(put_pipe, "a pipe"), (put_socket, "a socket"), (put_device, "a device"), (Path.mkdir, "a folder")]
+
+
+@pytest.mark.parametrize("put, kind", IN_THE_PLACE_OF_A_FILE, ids=[kind for _, kind in IN_THE_PLACE_OF_A_FILE])
+@pytest.mark.parametrize("name", [INPUT, EG, APP, KEYS, REMOTES, MANIFEST])
+def test_what_is_no_regular_file_is_reported_unopened(tmp_path, name, put, kind):
+    write(tmp_path, clean_files())
+    (tmp_path / name).unlink()
+    put(tmp_path / name)
+    assert f"{name}:1:1: is {kind} and no regular file: the server refuses it" in findings(tmp_path)
+
+
+@pytest.mark.parametrize("put, kind", IN_THE_PLACE_OF_A_FILE[:3], ids=[kind for _, kind in IN_THE_PLACE_OF_A_FILE[:3]])
+def test_an_application_has_nothing_that_cannot_be_hashed(tmp_path, put, kind):
+    write(tmp_path, clean_files())
+    (tmp_path / "handheld" / "screens").mkdir()
+    put(tmp_path / "handheld" / "screens" / "x")
+    assert findings(tmp_path) == [f"handheld/screens/x:1:1: is {kind} and no regular file: the server leaves it out of the "
+                                  "application's checksum"]
+
+
+@pytest.mark.parametrize("name", ["app.csv", "keys.csv"])
+def test_pairing_needs_files_and_no_folders(tmp_path, name):
+    write(tmp_path, clean_files())
+    (tmp_path / "handheld" / "config" / name).mkdir(parents=True)
+    assert findings(tmp_path) == [f"handheld/config/{name}:1:1: is a folder and no regular file: the server refuses it"]
+
+
+def test_a_file_that_is_larger_than_the_server_reads_is_reported(tmp_path):
+    write(tmp_path, clean_files())
+    with (tmp_path / KEYS).open("ab") as file:
+        file.truncate(4 * 1024 * 1024 + 1)
+    assert findings(tmp_path) == [f"{KEYS}:1:1: has more than 4194304 bytes: the server refuses it"]
+
+
+@pytest.mark.parametrize("origin", ["BC", "RGP"])
+def test_an_emap_that_becomes_no_number_is_reported(tmp_path, origin):
+    files = clean_files()
+    files[APP] = files[APP].replace("EMAP;7;local", f"EMAP;7;{origin}")
+    write(tmp_path, files)
+    assert findings(tmp_path) == [f"{APP}:3:8: 'EMAP' is read as text: what comes from {origin} is four bytes, no number, and "
+                                  "counts as 0: the machine controller's link stays off"]
+
+
+def test_the_image_may_be_as_large_as_without_the_link_that_such_an_emap_switches_off(tmp_path):
+    files = clean_files()
+    files[APP] = files[APP].replace("EMAP;7;local", "EMAP;7;BC")
+    files[INPUT] += "x;;500;2;0;0;UINT\n"
+    write(tmp_path, files)
+    assert [line for line in findings(tmp_path) if "image" in line] == []
+
+
+def test_every_tag_that_the_server_needs_is_explained(monkeypatch):
+    monkeypatch.syspath_prepend(TOOL.parent)
+    from tessarocheck import explanations, keys, tags
+    assert set(explanations.EXPLAIN_TAGS) == set(tags.NEEDED)
+    assert set(explanations.TEXT_KEYS) == set(keys.READ_AS_TEXT)
+
+
+def test_it_packs_into_one_file_that_needs_no_other(tmp_path):
+    packed = tmp_path / "tessaro-check"
+    subprocess.run([TOOL.parents[1] / "scripts" / "pack-check", packed], check=True, timeout=60)
+    assert [path.name for path in tmp_path.iterdir()] == ["tessaro-check"]
+    done = subprocess.run([packed, EXAMPLE], capture_output=True, text=True, timeout=60, cwd="/")
+    assert (done.stdout, done.stderr, done.returncode) == ("", "", 0)
+    assert "needed" in subprocess.run([packed, "--explain", "EMAP"], capture_output=True, text=True, timeout=60).stdout
