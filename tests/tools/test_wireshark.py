@@ -1,6 +1,7 @@
 """tools/wireshark/tessaro.lua, read by tshark: every link is named field by field, both CRCs are judged, answers find
 their requests."""
 import struct
+import subprocess
 import sys
 from pathlib import Path
 
@@ -321,3 +322,17 @@ def test_a_line_that_the_base_unit_cannot_read_in_one_piece_is_marked(capture):
 def test_the_class_that_must_never_be_sent_is_marked(capture):
     capture.line(FROM_BASE_CONTROLLER, stuffed(bytes([0x01, 100, 0])))
     assert capture.rows("frame.number", display_filter="tessaro_link.malformed") == [["1"]]
+
+
+def test_the_packed_dissectors_are_one_file_that_shows_the_same(capture, tmp_path, monkeypatch):
+    capture.udp(LOCAL, 50000, LOCAL, 6250, b"GET")
+    capture.udp(LOCAL, 6250, LOCAL, 6251, b'{"BU_ID":"400"}')
+    capture.line(TO_BASE_CONTROLLER, stuffed(b"\x41\x64\0"))
+    capture.tcp(UNIT, 40000, BASE, 1147, glink(3, 0, b"command"))
+    shown = capture.rows("_ws.col.Protocol", "_ws.col.Info")
+    packed = tmp_path / "alone" / "tessaro.lua"
+    packed.parent.mkdir()
+    subprocess.run([tsharkreader.SCRIPT.parent / "pack", packed], check=True, timeout=60)
+    monkeypatch.setattr(tsharkreader, "SCRIPT", packed)
+    assert capture.rows("_ws.col.Protocol", "_ws.col.Info") == shown
+    assert all("Tessaro" in protocol or protocol in ("GLink", "Internal link") for protocol, _ in shown)
