@@ -1,39 +1,52 @@
 # The front door. Each target installs what it needs (once), builds what has changed, and does what its name says.
 
 BUILD      ?= build
-BUILD_TYPE ?= RelWithDebInfo
+BUILD_TYPE ?= Release
 PYTHON     := /usr/bin/python3
 ARCH       ?=
 CROSS_ARCH := $(or $(ARCH),armhf)
 
+# What a step takes is noted under this number, and told at the end.
+export TESSARO_RUN := $(shell echo $$PPID)
+
+CONFIGURE = scripts/step configure "Configuring" cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DTESSARO_PRECOMPILED=ON
+COMPILE   = scripts/step compile "Compiling" cmake --build $(BUILD)
+
 .DEFAULT_GOAL := help
 .PHONY: help build run test unit-test tool-test system-test web-test screenshots fleet fleet-test soak safety explore tsan sanitize fuzz coverage bench format lint clean
-.PHONY: cross cross-build package release-build package-test board systemd-test
+.PHONY: test-packages cross cross-build package release-build package-test board systemd-test
 
 help: ## list the targets
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 24
 
-build: ## build the server and its unit tests
+build: ## build the server and its unit tests; BUILD_TYPE=RelWithDebInfo for a debugger
 	@scripts/ensure-packages build
-	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
-	@cmake --build $(BUILD)
+	@$(CONFIGURE)
+	@$(COMPILE)
 
-run: build ## run the server on the simulated installation and watch it; WEB=1 in the browser; CAPTURE=file.pcapng keeps it
-	@scripts/ensure-packages run $(if $(WEB),agent)
-	@bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE)) $(if $(CAPTURE),--capture "$(CAPTURE)") $(if $(WEB),--web)
+run: ## run the server on the simulated installation and watch it; WEB=1 in the browser; CAPTURE=file.pcapng keeps it
+	@scripts/ensure-packages build run $(if $(WEB),agent)
+	@$(CONFIGURE)
+	@$(COMPILE) --target tessaroserver
+	@scripts/step --shown tour "the tour" bench/run --server $(BUILD)/tessaroserver $(addprefix --scene ,$(SCENE)) $(if $(CAPTURE),--capture "$(CAPTURE)") $(if $(WEB),--web)
+	@scripts/times
 
-test: unit-test tool-test system-test ## all tests that need no board; CI runs lint and board, too
+test: test-packages unit-test tool-test system-test ## all tests that need no board; CI runs lint and board, too
+	@scripts/times
+
+test-packages:
+	@scripts/ensure-packages build test agent
 
 unit-test: build ## the unit tests alone
-	@ctest --test-dir $(BUILD) --output-on-failure --parallel 4
+	@scripts/step --shown unit-test "unit tests" ctest --test-dir $(BUILD) --output-on-failure --parallel 4
 
 tool-test: ## the tools for installers and operators
 	@scripts/ensure-packages test agent
-	@$(PYTHON) -m pytest -p no:cacheprovider -q -n 2 tests/tools
+	@scripts/step --shown tool-test "tests of the tools" $(PYTHON) -m pytest -p no:cacheprovider -q -n 2 tests/tools
 
 system-test: build ## the real binary on the simulated installation, and two minutes of soak beside it
 	@scripts/ensure-packages test agent
-	@scripts/system-tests $(BUILD)/tessaroserver --soak
+	@scripts/step --shown system-test "system tests and soak" scripts/system-tests $(BUILD)/tessaroserver --soak
 
 web-test: build ## the unit's page and the bench's in a headless browser
 	@scripts/ensure-packages test agent web
@@ -95,7 +108,7 @@ cross-build:
 	@scripts/ensure-packages build cross cross-$(CROSS_ARCH)
 	@scripts/cross-sysroot $(CROSS_ARCH) >/dev/null
 	@cmake --preset $(CROSS_ARCH) --log-level=WARNING >/dev/null
-	@cmake --build build-$(CROSS_ARCH) --target tessaroserver tessaro-relay-open
+	@scripts/step compile-$(CROSS_ARCH) "Compiling for $(CROSS_ARCH)" cmake --build build-$(CROSS_ARCH) --target tessaroserver tessaro-relay-open
 
 ifeq ($(ARCH),)
 package: release-build ## a Debian package for this machine, or for a board (ARCH=armhf or arm64)

@@ -25,6 +25,33 @@ if(TESSARO_COVERAGE)
   target_link_options(tessaro_options INTERFACE --coverage)
 endif()
 
+# Modules generate no headers, so the code generators of one need not wait for the libraries that it links.
+set(CMAKE_AUTOGEN_ORIGIN_DEPENDS OFF)
+
+# Headers that nearly all sources include, compiled once for modules, and once for tests, which have more of them. A target may
+# have more directories and definitions than these, as long as the headers do not ask for them. QtTest asks for Qt5::Network,
+# so all tests have it.
+if(TESSARO_PRECOMPILED)
+  file(WRITE ${CMAKE_BINARY_DIR}/precompiled/none.cpp "// What the precompiled headers belong to.\n")
+  set(common <QByteArray> <QCoreApplication> <QDateTime> <QDebug> <QDir> <QFile> <QHash> <QMap> <QObject> <QPointer> <QString>
+             <QStringList> <QThread> <QTimer> <QVariant> <QVector> <algorithm> <array> <atomic> <chrono> <functional> <memory>
+             <optional> <utility>)
+  add_library(tessaro_precompiled OBJECT ${CMAKE_BINARY_DIR}/precompiled/none.cpp)
+  target_precompile_headers(tessaro_precompiled PRIVATE ${common})
+  target_link_libraries(tessaro_precompiled PRIVATE Qt5::Core tessaro_options)
+  if(TESSARO_TESTS)
+    add_library(tessaro_precompiledtest OBJECT ${CMAKE_BINARY_DIR}/precompiled/none.cpp)
+    target_precompile_headers(tessaro_precompiledtest PRIVATE ${common} <QSignalSpy> <QTemporaryDir> <QtTest>)
+    target_link_libraries(tessaro_precompiledtest PRIVATE Qt5::Test Qt5::Network tessaro_options)
+  endif()
+endif()
+
+function(tessaro_use_precompiled target kind)
+  if(TESSARO_PRECOMPILED)
+    target_precompile_headers(${target} REUSE_FROM tessaro_${kind})
+  endif()
+endfunction()
+
 # tessaro_add_module(NAME SOURCES a.cpp a.h ... [DEPENDS module|Qt target ...])
 #
 # One static library `tessaro_NAME` from the listed files, with this folder (and the folders of the listed files) on the
@@ -41,6 +68,7 @@ function(tessaro_add_module name)
   list(REMOVE_DUPLICATES folders)
   target_include_directories(${target} PUBLIC ${folders})
   target_link_libraries(${target} PUBLIC Qt5::Core ${ARG_DEPENDS} PRIVATE tessaro_options)
+  tessaro_use_precompiled(${target} precompiled)
 endfunction()
 
 # tessaro_add_test(NAME SOURCES tst_x.cpp [DEPENDS module ...] [TIMEOUT seconds])
@@ -57,6 +85,10 @@ function(tessaro_add_test name)
   add_executable(${name} ${ARG_SOURCES})
   set_target_properties(${name} PROPERTIES AUTOMOC ON RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} Qt5::Test tessaro_options)
+  if(TESSARO_PRECOMPILED)
+    target_link_libraries(${name} PRIVATE Qt5::Network)
+  endif()
+  tessaro_use_precompiled(${name} precompiledtest)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT}
                        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;LC_ALL=C.UTF-8;TZ=UTC")
