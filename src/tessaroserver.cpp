@@ -178,7 +178,7 @@ void TessaroServer::createConfiguration()
 void TessaroServer::createPairServer()
 {
     pairServer = new PairServer(myConfiguration, tagDatabase, m_fileWork);
-    /* W15 */ connect(pairServer, &PairServer::pairingComplete, rgpCom, &RGPCom::configChanged);
+    connect(pairServer, &PairServer::pairingComplete, rgpCom, &RGPCom::configChanged);
 }
 
 /// For the start: the main thread waits.
@@ -237,36 +237,29 @@ void TessaroServer::resolveServices()
     cFallbackService = service<CFallbackServiceC>(SERVICE_C_FALLBACK);
 }
 
-// clang-format off: a table is read by its columns.
 void TessaroServer::connectComponents()
 {
-    /* W1  */ connect(rgpCom, &RGPCom::machineStopActivatedOnArmedRemote, msRelayControl,
-                      &MsRelayControl::machineStopPressed);
-    /* W2  */ connect(eventService, &SystemEventService::systemStateChanged, msRelayControl,
-                      &MsRelayControl::systemStateSlot);
-    /* W3  */ connect(msRelayControl, &MsRelayControl::bcMachineStopFail, eventService,
-                      &SystemEventService::internalLinkFailed);
-    /* W4  */ connectTagUpdates(BuIdentityTag, SLOT(initializeEgLink(QVariant)));
-    /* W5  */ connect(fbPeriodicService, SIGNAL(sendToRGP(QByteArray)), rgpCom,
-                      SLOT(receivePeriodicFromECLink(QByteArray)));
-    /* W6  */ connect(fbCmdService, SIGNAL(sendCmdToRGPCom(QByteArray)), rgpCom, SLOT(sendCmd(QByteArray)));
-    /* W7  */ connect(rgpCom, SIGNAL(readyReadCmdFromRGP(QByteArray)), fbCmdService, SLOT(sendCmd(QByteArray)));
+    connect(rgpCom, &RGPCom::machineStopActivatedOnArmedRemote, msRelayControl, &MsRelayControl::machineStopPressed);
+    connect(eventService, &SystemEventService::systemStateChanged, msRelayControl, &MsRelayControl::systemStateSlot);
+    connect(msRelayControl, &MsRelayControl::bcMachineStopFail, eventService, &SystemEventService::internalLinkFailed);
+    connectTagUpdates(BuIdentityTag, SLOT(initializeEgLink(QVariant)));
+    connect(fbPeriodicService, SIGNAL(sendToRGP(QByteArray)), rgpCom, SLOT(receivePeriodicFromECLink(QByteArray)));
+    connect(fbCmdService, SIGNAL(sendCmdToRGPCom(QByteArray)), rgpCom, SLOT(sendCmd(QByteArray)));
+    connect(rgpCom, SIGNAL(readyReadCmdFromRGP(QByteArray)), fbCmdService, SLOT(sendCmd(QByteArray)));
     // What answers a request before what makes one, which may come at once. Requests are direct: however many come,
     // they wake the file thread alone, and at its own pace.
-    /* W8  */ connect(m_reload, &ConfigurationReload::reloaded, eventService, &SystemEventService::sendReconfig);
-    /* W9  */ connect(m_reload, &ConfigurationReload::reloaded, rgpCom, &RGPCom::configChanged);
-    /* W8+9*/ connect(apiServer, &APIServer::configChangeMsgReceived, m_reload, &ConfigurationReload::request,
-                      Qt::DirectConnection);
-    /* W10 */ connect(apiServer, &APIServer::ruDisarmMsgReceived, eventService, &SystemEventService::releaseArm);
-    /* W11 */ connect(apiServer, &APIServer::egResetMsgReceived, eventService, &SystemEventService::sendECLinkReset);
-    /* W12 */ connect(eventService, &SystemEventService::BCConfigChanged, configurationService,
-                      &ConfigurationService::readBCConfig);
-    /* W13 */ connect(myConfiguration, &Configuration::configurationChanged, m_reload, &ConfigurationReload::request,
-                      Qt::DirectConnection);
-    /* W14 */ connect(myConfiguration, &Configuration::eglinkIpChanged, eventService,
-                      &SystemEventService::sendEGReconfig);
+    connect(m_reload, &ConfigurationReload::reloaded, eventService, &SystemEventService::sendReconfig);
+    connect(m_reload, &ConfigurationReload::reloaded, rgpCom, &RGPCom::configChanged);
+    connect(apiServer, &APIServer::configChangeMsgReceived, m_reload, &ConfigurationReload::request,
+            Qt::DirectConnection);
+    connect(apiServer, &APIServer::ruDisarmMsgReceived, eventService, &SystemEventService::releaseArm);
+    connect(apiServer, &APIServer::egResetMsgReceived, eventService, &SystemEventService::sendECLinkReset);
+    connect(eventService, &SystemEventService::BCConfigChanged, configurationService,
+            &ConfigurationService::readBCConfig);
+    connect(myConfiguration, &Configuration::configurationChanged, m_reload, &ConfigurationReload::request,
+            Qt::DirectConnection);
+    connect(myConfiguration, &Configuration::eglinkIpChanged, eventService, &SystemEventService::sendEGReconfig);
 }
-// clang-format on
 
 void TessaroServer::connectTagUpdates(const QString& tagName, const char* slot)
 {
@@ -309,7 +302,6 @@ void TessaroServer::initializeEgLink(QVariant buIdentity)
     qDebug() << "EGLink started";
 }
 
-// clang-format off: a table is read by its columns.
 void TessaroServer::startEgLinkThread()
 {
     m_egLinkThread = Threads::make("eglink");
@@ -324,7 +316,6 @@ void TessaroServer::startEgLinkThread()
     egLink->moveToThread(m_egLinkThread);
     m_egLinkThread->start(QThread::InheritPriority);
 }
-// clang-format on
 
 void TessaroServer::buStateChanged(QVariant buState)
 {

@@ -117,7 +117,6 @@ void RGPCom::startFallbackLink(GfallbackServiceC* gFallback, CFallbackServiceC* 
     m_fallbackThread->start(QThread::InheritPriority);
 }
 
-// clang-format off: a table is read by its columns.
 void RGPCom::connectFallback(GfallbackServiceC* gFallback)
 {
     GLinkTransportFallback* const link = m_gFallbackLink;
@@ -155,7 +154,6 @@ void RGPCom::connectServiceForwards(CFallbackServiceC* cFallback)
         connect(cFallback, &CFallbackServiceC::cFallbackTx, owner.get(), &GLinkTransportFallback::serviceForward);
     });
 }
-// clang-format on
 
 void RGPCom::startBaseStatus()
 {

@@ -35,16 +35,14 @@ struct StateChange
     Service::SEStates to;
 };
 
-// clang-format off
 constexpr StateChange StateChanges[] = {
-    {Service::RESET,           Service::RUN,        Service::NO_BI_LINK},
-    {Service::RECONFIG,        Service::RUN,        Service::STARTING},
-    {Service::ACK_RECIEVED,    Service::NO_BI_LINK, Service::STARTING},
-    {Service::BI_FAIL,         Service::RUN,        Service::NO_BI_LINK},
-    {Service::BI_FAIL,         Service::STARTING,   Service::NO_BI_LINK},
-    {Service::CONFIG_FINISHED, Service::STARTING,   Service::RUN},
+    {Service::RESET, Service::RUN, Service::NO_BI_LINK},
+    {Service::RECONFIG, Service::RUN, Service::STARTING},
+    {Service::ACK_RECIEVED, Service::NO_BI_LINK, Service::STARTING},
+    {Service::BI_FAIL, Service::RUN, Service::NO_BI_LINK},
+    {Service::BI_FAIL, Service::STARTING, Service::NO_BI_LINK},
+    {Service::CONFIG_FINISHED, Service::STARTING, Service::RUN},
 };
-// clang-format on
 
 /// Whether only this side may raise it: from the controller such a code is told and changes nothing.
 bool isInternal(Service::Events event)

@@ -7,22 +7,20 @@
 
 QVector<Transition> egLinkTransitionTable(quint16 recoveryTimeMs)
 {
-    // clang-format off
     return {
-        // current state       event              new state           reported        automatic transition
-        {NOT_CONFIGURED,       CONFIGURE,         LINK_ERROR_INITIAL, LINK_ERROR,     0},
-        {OPERATIONAL,          CMD_ACK_FAILURE,   LINK_ERROR,         LINK_ERROR,     recoveryTimeMs},
-        {OPERATIONAL,          NO_PERIODIC_DATA,  LINK_ERROR,         LINK_ERROR,     recoveryTimeMs},
-        {OPERATIONAL,          DISABLE,           NOT_CONFIGURED,     NOT_CONFIGURED, 0},
-        {LINK_ERROR,           CMD_ACK_FAILURE,   LINK_ERROR,         LINK_ERROR,     recoveryTimeMs},
-        {LINK_ERROR,           NO_PERIODIC_DATA,  LINK_ERROR,         LINK_ERROR,     recoveryTimeMs},
-        {LINK_ERROR,           TIMER_EXPIRED,     OPERATIONAL,        OPERATIONAL,    0},
-        {LINK_ERROR,           DISABLE,           NOT_CONFIGURED,     NOT_CONFIGURED, 0},
-        {LINK_ERROR_INITIAL,   PERIODIC_DATA,     OPERATIONAL,        OPERATIONAL,    0},
-        {LINK_ERROR_INITIAL,   CONFIGURE_NO_VRPO, OPERATIONAL,        OPERATIONAL,    0},
-        {LINK_ERROR_INITIAL,   DISABLE,           NOT_CONFIGURED,     NOT_CONFIGURED, 0},
+        // In this state, this event leads to that state; this is reported; after that many ms the timer expires.
+        {NOT_CONFIGURED, CONFIGURE, LINK_ERROR_INITIAL, LINK_ERROR, 0},
+        {OPERATIONAL, CMD_ACK_FAILURE, LINK_ERROR, LINK_ERROR, recoveryTimeMs},
+        {OPERATIONAL, NO_PERIODIC_DATA, LINK_ERROR, LINK_ERROR, recoveryTimeMs},
+        {OPERATIONAL, DISABLE, NOT_CONFIGURED, NOT_CONFIGURED, 0},
+        {LINK_ERROR, CMD_ACK_FAILURE, LINK_ERROR, LINK_ERROR, recoveryTimeMs},
+        {LINK_ERROR, NO_PERIODIC_DATA, LINK_ERROR, LINK_ERROR, recoveryTimeMs},
+        {LINK_ERROR, TIMER_EXPIRED, OPERATIONAL, OPERATIONAL, 0},
+        {LINK_ERROR, DISABLE, NOT_CONFIGURED, NOT_CONFIGURED, 0},
+        {LINK_ERROR_INITIAL, PERIODIC_DATA, OPERATIONAL, OPERATIONAL, 0},
+        {LINK_ERROR_INITIAL, CONFIGURE_NO_VRPO, OPERATIONAL, OPERATIONAL, 0},
+        {LINK_ERROR_INITIAL, DISABLE, NOT_CONFIGURED, NOT_CONFIGURED, 0},
     };
-    // clang-format on
 }
 
 StateMachine::StateMachine(const QVector<Transition>& table, QObject* parent)

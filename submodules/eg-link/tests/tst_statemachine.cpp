@@ -125,19 +125,17 @@ void TestStateMachine::everyEventInEveryState_data()
     const Outcome failsOn{LINK_ERROR, Silent, 5000};
     const Outcome disabled{NOT_CONFIGURED, NOT_CONFIGURED, Stopped};
 
-    // clang-format off
     const Row rows[] = {
-        // name                  state               CONFIGURE   PERIODIC CMD_ACK  CRC SEQ NO_PER   DISABLE   TIMER  NO_VRPO
-        {"not configured",       NOT_CONFIGURED,     {configured, nc,     nc,      nc, nc, nc,      nc,       nc,    nc}},
-        {"operational",          OPERATIONAL,        {op,         op,     fails,   op, op, fails,   disabled, op,    op}},
-        {"no link",              NO_LINK,            {nl,         nl,     nl,      nl, nl, nl,      nl,       nl,    nl}},
-        {"link error",           LINK_ERROR,         {le,         le,     failsOn, le, le, failsOn, disabled, works, le}},
-        {"interface error",      INTERFACE_ERROR,    {ie,         ie,     ie,      ie, ie, ie,      ie,       ie,    ie}},
-        {"data error",           DATA_ERROR,         {de,         de,     de,      de, de, de,      de,       de,    de}},
-        {"passive",              PASSIVE,            {pa,         pa,     pa,      pa, pa, pa,      pa,       pa,    pa}},
-        {"initial link error",   LINK_ERROR_INITIAL, {li,         works,  li,      li, li, li,      disabled, li,    works}},
+        // What each event makes of a state, in the order of the events below.
+        {"not configured", NOT_CONFIGURED, {configured, nc, nc, nc, nc, nc, nc, nc, nc}},
+        {"operational", OPERATIONAL, {op, op, fails, op, op, fails, disabled, op, op}},
+        {"no link", NO_LINK, {nl, nl, nl, nl, nl, nl, nl, nl, nl}},
+        {"link error", LINK_ERROR, {le, le, failsOn, le, le, failsOn, disabled, works, le}},
+        {"interface error", INTERFACE_ERROR, {ie, ie, ie, ie, ie, ie, ie, ie, ie}},
+        {"data error", DATA_ERROR, {de, de, de, de, de, de, de, de, de}},
+        {"passive", PASSIVE, {pa, pa, pa, pa, pa, pa, pa, pa, pa}},
+        {"initial link error", LINK_ERROR_INITIAL, {li, works, li, li, li, li, disabled, li, works}},
     };
-    // clang-format on
     const char* const events[] = {"CONFIGURE", "PERIODIC_DATA", "CMD_ACK_FAILURE",
                                   "CRC_ERROR", "SEQ_NO_ERROR",  "NO_PERIODIC_DATA",
                                   "DISABLE",   "TIMER_EXPIRED", "CONFIGURE_NO_VRPO"};

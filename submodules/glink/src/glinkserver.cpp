@@ -114,7 +114,6 @@ void GLinkServer::incomingConnection(qintptr socketDescriptor)
     }
 }
 
-// clang-format off: a table is read by its columns.
 void GLinkServer::wire(GLinkTransportTcp* transport, QThread* thread)
 {
     // Into the connection's thread.
@@ -138,7 +137,6 @@ void GLinkServer::wire(GLinkTransportTcp* transport, QThread* thread)
     connect(transport, &GLinkTransportBase::readyReadFromGLink, this, [backlog] { --*backlog; });
     connect(thread, &QThread::finished, this, [this, thread] { connectionThreadFinished(thread); });
 }
-// clang-format on
 
 void GLinkServer::connectionThreadFinished(QThread* thread)
 {
