@@ -144,6 +144,7 @@ void TessaroServer::createRelayControl()
     const auto create = [this, &messenger] {
         Threads::claimPriority(Threads::Role::Relay);
         msRelayControl = new MsRelayControl(nullptr);
+        msRelayControl->openOnCrash();
         connect(m_relayThread, &QThread::finished, msRelayControl, &MsRelayControl::deleteLater);
         messenger.moveToThread(thread());
     };

@@ -25,6 +25,9 @@ public:
     /// Opens the descriptor for bad times. That it cannot be opened shows at the first access.
     void keep();
 
+    /// The descriptor for bad times, or -1.
+    int kept() const { return m_kept; }
+
     Outcome write(char level) const;
     /// At most `size` bytes; what the file does not have leaves `text` as it is.
     Outcome read(char* text, int size) const;

@@ -2,6 +2,7 @@
 
 #include "gpiolines.h"
 #include "myassertfunc.h"
+#include "relayoncrash.h"
 
 #include <QDebug>
 #include <QFile>
@@ -147,6 +148,11 @@ bool MsRelayControl::openFromOutside()
 {
     m_isShutDown = true;
     return m_drive.write('0') == LevelFile::Outcome::Done;
+}
+
+void MsRelayControl::openOnCrash() const
+{
+    openRelayOnCrash(m_drive.kept());
 }
 
 void MsRelayControl::systemStateSlot(const quint8 state)

@@ -58,6 +58,8 @@ public:
     /// The same from another thread, when this object's thread does not answer. An event that is just being handled may
     /// still come after it.
     bool openFromOutside();
+    /// From now on the process opens the relay by itself when it crashes. For the one object that a process has.
+    void openOnCrash() const;
 
 public slots:
     /// States of the internal link: 0 opens the relay, 1 and 2 close it, others change nothing.

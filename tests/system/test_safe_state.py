@@ -66,6 +66,17 @@ def test_an_orderly_end_opens_the_relay_at_once(closed, number):
     assert drives(closed, mark) == ["0"]
 
 
+@pytest.mark.parametrize("number", [signal.SIGSEGV, signal.SIGBUS, signal.SIGABRT, signal.SIGQUIT, signal.SIGHUP])
+def test_a_process_that_crashes_opens_the_relay_before_it_ends(closed, number):
+    """With nobody to do it afterwards, and before a core dump could be written."""
+    mark = closed.journal.mark()
+    closed.server.signal(number)
+    began = closed.journal.last(link="server", kind="signal").time
+    assert wait_open(closed, signal.Signals(number).name, began, mark) < 0.5
+    assert closed.server.wait_exit() == -number
+    assert drives(closed, mark) == ["0"]
+
+
 def test_after_a_kill_the_relay_stays_closed_and_the_restart_takes_charge(closed):
     """Kept as it is: nobody is left to open the relay. The restarted server drives it anew and supervises the link."""
     mark = closed.journal.mark()
@@ -220,17 +231,19 @@ def end_by_second_identity(bench):
 
 @pytest.mark.parametrize("end", [end_by_class_0, end_by_long_command, end_by_short_periodic_data, end_by_long_setting,
                                  end_by_second_identity])
-def test_a_fatal_assertion_leaves_the_relay_closed_until_the_restart_takes_charge(closed, end):
-    """Kept as it is: the level stays. What matters is that the restart is back in RUN quickly and supervises again."""
+def test_a_fatal_assertion_opens_the_relay_and_the_restart_takes_charge(closed, end):
+    """The restart is back in RUN quickly, closes the relay, and supervises again."""
     mark = closed.journal.mark()
     end(closed)
     assert closed.server.wait_exit() == -signal.SIGABRT
     ended = closed.journal.now
-    assert closed.relay.closed and drives(closed, mark) == []
+    assert drives(closed, mark) == ["0"]
     closed.bc.forget()
     closed.start()
     wait_run(closed, 0)
     tell(f"{end.__name__}, restart to RUN", closed.journal.now - ended)
+    closed.wait_for(lambda: closed.relay.closed)
+    mark = closed.journal.mark()
     closed.bc.mute()
     muted = closed.journal.now
     assert wait_open(closed, f"link lost after {end.__name__}", muted, mark) < 1.5
