@@ -44,7 +44,7 @@ tool-test: ## the tools for installers and operators
 	@scripts/ensure-packages test agent
 	@scripts/step --shown tool-test "tests of the tools" $(PYTHON) -m pytest -p no:cacheprovider -q -n 2 tests/tools
 
-system-test: build ## the real binary on the simulated installation, and two minutes of soak beside it
+system-test: build ## the real binary on the simulated installation, and a quarter of an hour of soak, in virtual time, beside it
 	@scripts/ensure-packages test agent
 	@scripts/step --shown system-test "system tests and soak" scripts/system-tests $(BUILD)/tessaroserver --soak
 

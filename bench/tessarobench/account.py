@@ -143,6 +143,27 @@ class Account:
             self.violations.append(f"{self.name}: {missing} never left")
 
     def __str__(self) -> str:
+        return str(Total(self.name, self.exact).add(self))
+
+
+class Total:
+    """The figures of closed accounts of one name, one after the other."""
+
+    def __init__(self, name: str, exact: bool):
+        self.name, self.exact = name, exact
+        self.entered = self.delivered = self.overtaken = 0
+        self.dropped: collections.Counter = collections.Counter()
+        self.violations: list[str] = []
+
+    def add(self, account: Account) -> "Total":
+        self.entered += account.entered
+        self.delivered += account.delivered
+        self.overtaken += account.overtaken
+        self.dropped += account.dropped
+        self.violations += account.violations
+        return self
+
+    def __str__(self) -> str:
         drops = ", ".join(f"{count} {reason}" for reason, count in sorted(self.dropped.items()))
         if self.overtaken:
             drops += f"{', ' if drops else ''}{self.overtaken} overtaken on a change of path"
@@ -180,7 +201,7 @@ def told(payload: Hashable) -> str:
     return payload[:8].hex(" ") if isinstance(payload, bytes) else str(payload)
 
 
-def statement(accounts: Iterable[Account]) -> list[str]:
+def statement(accounts: Iterable[Account | Total]) -> list[str]:
     """The accounts as a table, link by link, with the meaning of every reason in it."""
     lines, link, reasons = [], None, set()
     for account in accounts:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import functools
 import json
 import socket
 import struct
@@ -16,6 +17,12 @@ REQUEST_PORT, REPLY_PORT = 6250, 6251
 LOOPBACK = "127.0.0.1"
 
 _SO_MEMINFO, _MEMINFO, _DROPS = 55, struct.Struct("9I"), 8
+
+
+@functools.lru_cache(16)
+def status_object(datagram: bytes) -> dict[str, str]:
+    """What a status object says; one and the same for all who look at it, and not to be changed."""
+    return json.loads(datagram)
 
 
 class ApiClient:
@@ -85,7 +92,7 @@ class ApiClient:
             self.notifies += 1
             self._journal.add(LINK, FROM_BASE_UNIT, "notify", datagram)
             return
-        new = json.loads(datagram)
+        new = status_object(datagram)
         changed = {key: value for key, value in new.items() if self.status.get(key) != value}
         self.status = new
         self.statuses += 1

@@ -118,7 +118,7 @@ class Board(Closing):
         """Before there is anything to see, and to be ended after everything that could be seen."""
         self.closing(file)
         if self.virtual:
-            file.stamp = self.virtual.at
+            file.stamp, self.virtual.keeps_moments = self.virtual.at, True
         self.capture = self.closing(Capture(file, self._world, self._interface_name))
         self.journal.listeners.append(self.capture.event)
 

@@ -118,7 +118,8 @@ class Books:
     of its connection until it is accepted over TCP again, the internal link is lost until the log says RUN, and nothing can
     be said about eth0 while it is away."""
 
-    def __init__(self, start: Start):
+    def __init__(self, start: Start, before: Optional[Books] = None):
+        """`before` are the books that were closed when these were opened."""
         self.commands, self.orders = Ledger(BASE_CONTROLLER), Ledger(MACHINE_CONTROLLER)
         self.service_messages = Ledger(SERVICE)
         self.packets = PacketBook(self._packet_left, self._packet_entered, self._packet_acked)
@@ -128,10 +129,11 @@ class Books:
         self.datagrams = Account("EGLink: commands acknowledged")
         self.sets = Account("EGLink: sets that say something new", exact=False)
         self.answers = Account("EGLink: commands of the base unit acknowledged")
-        self._expected: Optional[int] = None
-        self._order: Optional[tuple[int, int]] = None  # serial and id of the newest command to the machine controller
+        self._expected: Optional[int] = before._expected if before else None
+        # serial and id of the newest command to the machine controller
+        self._order: Optional[tuple[int, int]] = before._order if before else None
         self._unanswered: Optional[int] = None
-        self._set: Optional[bytes] = None
+        self._set: Optional[bytes] = before._set if before else None
         self._lost_since: Optional[float] = None
         self._cable_out_since: Optional[float] = None
         self._handlers: dict[str, Callable[[Event], None]] = {
@@ -143,8 +145,13 @@ class Books:
             self.packets.seen(sight.direction, sight.data, sight.when)
         elif sight.what == "datagram":
             self._on_network(sight.data, sight.when)
-        elif sight.event.link in self._handlers:
-            self._handlers[sight.event.link](sight.event)
+        else:
+            self.take_event(sight.event)
+
+    def take_event(self, event: Event) -> None:
+        handler = self._handlers.get(event.link)
+        if handler:
+            handler(event)
 
     def close(self, now: float) -> list[Account]:
         if self._lost_since is not None:
@@ -385,10 +392,11 @@ _ID_OF = {name: msg_id for msg_id, name in glink.NAMES.items()}
 class Watch:
     """The eyes of the books on a running bench: whatever they see goes to `books`, and to `record` if there is one."""
 
-    def __init__(self, bench: Installation, units: Iterable[int], record: Optional[list[Sight]] = None):
+    def __init__(self, bench: Installation, units: Iterable[int], record: Optional[list[Sight]] = None,
+                 before: Optional[Books] = None):
         self._bench, self._record = bench, record
         self.start = Start(tuple(units), _fields_shown(bench), bytes(bench.bc.image), dict(bench.api.status))
-        self.books = Books(self.start)
+        self.books = Books(self.start, before)
         self._drops = bench.api.drops()
         bench.loop.call(self._open)
 
@@ -415,7 +423,10 @@ class Watch:
         self._see(Sight(self._bench.journal.now, "datagram", TO_BASE_UNIT, datagram))
 
     def _on_event(self, event: Event) -> None:
-        self._see(Sight(event.time, "event", event.direction, event.data, event))
+        if self._record is None:
+            self.books.take_event(event)
+        else:
+            self._see(Sight(event.time, "event", event.direction, event.data, event))
 
     def _see(self, sight: Sight) -> None:
         self.books.take(sight)

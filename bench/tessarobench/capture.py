@@ -24,8 +24,11 @@ SERVER, RELAY = "server", "gpio"  # links of the journal
 _TOLD = ("unit", "number", "id", "fate", "value", "closed", "to", "text", "status", "name", "what", "reason")  # details
 LONGEST_LINE = 64 * 1024  # what has no end is cut
 _END_OF_LINE = b"\n"
-# By then, with room to spare, the kernel has handed over what had arrived.
+# By then, with room to spare, the kernel has handed over what had arrived, if the computer is not busy.
 _HANDED_OVER_SECONDS = 5 * RETIRE_MILLISECONDS / 1000
+_PATIENCE_SECONDS = 2.0  # more of them, if it is
+# The kernel takes the time of a packet before it finds a place for it: two of them on two processors may come in the wrong order.
+_STAMPED_NANOSECONDS = 100_000_000
 
 
 class Capture:
@@ -38,6 +41,7 @@ class Capture:
         self._file, self._name_of = file, name_of
         self._lines = {FROM_BASE_UNIT: b"", TO_BASE_UNIT: b""}
         self._ring = PacketRing(network, blocks)
+        self._newest = 0  # the time of what the ring handed over
         self._stop_at: Optional[float] = None
         self._thread = threading.Thread(target=self._run, name="capture ring", daemon=True)
         self._thread.start()
@@ -77,18 +81,21 @@ class Capture:
     def _run(self) -> None:
         poller = select.poll()
         poller.register(self._ring, select.POLLIN)
-        while self._stop_at is None or time.monotonic() < self._stop_at:
+        while self._stop_at is None or time.monotonic() < self._stop_at + (0 if self._ring.is_empty else _PATIENCE_SECONDS):
             poller.poll(2 * RETIRE_MILLISECONDS)
             self._take()
         self._file.lost_in_kernel = self._ring.dropped
         self._ring.close()
 
     def _take(self) -> None:
+        """How late the kernel hands over, on a busy computer, nobody can say. What is handed over last, or what the ring lacks,
+        tells which packets cannot come any more."""
         began = time.time_ns()
         for packet in self._ring.take():
+            self._newest = max(self._newest, packet.nanoseconds)
             name = self._name_of(packet.interface)
             if name == LOOPBACK and not packet.outbound:  # each comes twice there: as it leaves, and as it arrives
                 self._file.put(name, packet.data, None, packet.nanoseconds)
             elif name in NETWORKS and name != LOOPBACK:
                 self._file.put(name, packet.data, packet.outbound, packet.nanoseconds)
-        self._file.settle(began - int(_HANDED_OVER_SECONDS * 1e9))
+        self._file.settle((began if self._ring.is_empty else min(began, self._newest)) - _STAMPED_NANOSECONDS)

@@ -151,12 +151,14 @@ class BaseStatus(NamedTuple):
         return cls(*_BASE_STATUS.unpack(payload))
 
 
+_RECORDS = {INIT: (Init, _INIT.size), INITACK: (InitAck, _INITACK.size), BASE_STATUS: (BaseStatus, _BASE_STATUS.size)}
+
+
 def describe(frame: Frame) -> dict:
     """The fields of a message, for the journal."""
-    sizes = {INIT: _INIT, INITACK: _INITACK, BASE_STATUS: _BASE_STATUS}
-    records = {INIT: Init, INITACK: InitAck, BASE_STATUS: BaseStatus}
-    if frame.msg_id in records and len(frame.payload) == sizes[frame.msg_id].size:
-        fields = records[frame.msg_id].unpack(frame.payload)._asdict()
+    record, size = _RECORDS.get(frame.msg_id, (None, 0))
+    if record and len(frame.payload) == size:
+        fields = record.unpack(frame.payload)._asdict()
         return {("of" if name == "unit" else name): value for name, value in fields.items()}
     return {"payload": frame.payload} if frame.payload else {}
 

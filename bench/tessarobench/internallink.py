@@ -6,6 +6,8 @@
 
 from __future__ import annotations
 
+import functools
+import re
 from typing import NamedTuple, Optional
 
 from . import crc
@@ -38,36 +40,32 @@ class Packet(NamedTuple):
         return cls(raw[0] >> 6, raw[0] & 0x3F, raw[1], raw[2:])
 
 
+_ESCAPED = {byte: bytes([ESCAPE, byte ^ ESCAPE_BIT]) for byte in (ESCAPE, START, END)}  # the escape byte comes first
+_START, _END, _ESCAPE = bytes([START]), bytes([END]), bytes([ESCAPE])
+_ESCAPE_AND_BYTE = re.compile(re.escape(_ESCAPE) + b"(.?)|[" + re.escape(_START + _END) + b"]", re.DOTALL)
+_RECENT = 1024  # frames; acknowledgements come again and again, and whoever looks at a line sees what its reader sees
+
+
 def stuff(body: bytes) -> bytes:
     """A body as a frame on the line."""
-    out = bytearray([START])
-    for byte in body:
-        if byte in (START, END, ESCAPE):
-            out += bytes([ESCAPE, byte ^ ESCAPE_BIT])
-        else:
-            out.append(byte)
-    out.append(END)
-    return bytes(out)
+    for byte, pair in _ESCAPED.items():
+        body = body.replace(bytes([byte]), pair)
+    return _START + body + _END
 
 
 def unstuff(frame: bytes) -> bytes:
     """The body of a frame; start and end bytes are dropped wherever they stand, a dangling escape is dropped too."""
-    out, escaped = bytearray(), False
-    for byte in frame:
-        if escaped:
-            out.append(byte ^ ESCAPE_BIT)
-            escaped = False
-        elif byte == ESCAPE:
-            escaped = True
-        elif byte not in (START, END):
-            out.append(byte)
-    return bytes(out)
+    if _ESCAPE not in frame:
+        return frame.translate(None, _START + _END)
+    return _ESCAPE_AND_BYTE.sub(lambda found: bytes([found[1][0] ^ ESCAPE_BIT]) if found[1] else b"", frame)
 
 
+@functools.lru_cache(_RECENT)
 def frame(packet: Packet) -> bytes:
     return stuff(crc.with_crc(packet.pack()))
 
 
+@functools.lru_cache(_RECENT)
 def parse(raw: bytes) -> Optional[Packet]:
     """The packet in a frame, or None when it is damaged."""
     body = unstuff(raw)
@@ -80,13 +78,11 @@ class Splitter:
     """Cuts the byte stream of a line into frames, each with its end byte."""
 
     def __init__(self) -> None:
-        self._rest = bytearray()
+        self._rest = b""
 
     def feed(self, data: bytes) -> list[bytes]:
-        self._rest += data
-        *frames, rest = self._rest.split(bytes([END]))
-        self._rest = bytearray(rest)
-        return [bytes(part) + bytes([END]) for part in frames]
+        *frames, self._rest = (self._rest + data).split(_END)
+        return [part + _END for part in frames]
 
 
 def describe(packet: Packet, from_base_unit: bool) -> tuple[str, dict]:

@@ -42,7 +42,7 @@ def _readable(value: Any) -> str:
 
 
 class Journal:
-    """Append-only and bounded: the newest `keep` events stay readable, and so do the newest of each link and of each kind;
+    """Append-only and bounded: the newest `keep` events (which may be changed) stay readable, and so do the newest of each link and of each kind;
     the counters count all of them.
 
     Written on the loop's thread, read on any; `select`, `count` and `last` may be used in predicates of `Loop.wait_for`.
@@ -52,7 +52,7 @@ class Journal:
     def __init__(self, keep: int = 200_000):
         self._began = clock.monotonic()
         self._wall_began = clock.time()
-        self._keep = keep
+        self.keep = keep
         self._lists: dict[Optional[tuple], list[Event]] = {None: []}  # all, those of a link, those of a kind
         self._indexes = itertools.count()
         self.counters: collections.Counter = collections.Counter()
@@ -73,10 +73,16 @@ class Journal:
         return self._wall_began
 
     def add(self, link: str, direction: str, kind: str, data: bytes = b"", **detail: Any) -> Event:
-        event = Event(next(self._indexes), self.now, link, direction, kind, detail, bytes(data))
-        for key in (None, (link,), (link, direction, kind)):
-            self._append(key, event)
-        self.counters[link, direction, kind] += 1
+        event = Event(next(self._indexes), clock.monotonic() - self._began, link, direction, kind, detail, bytes(data))
+        exact = (link, direction, kind)
+        for key in (None, (link,), exact):
+            events = self._lists.get(key)
+            if events is None:
+                events = self._lists[key] = []
+            events.append(event)
+            if len(events) > 2 * self.keep:  # another list, lest somebody who reads this one is disturbed
+                self._lists[key] = events[-self.keep:]
+        self.counters[exact] += 1
         for listener in self.listeners:
             listener(event)
         return event
@@ -104,13 +110,6 @@ class Journal:
     def tail(self, lines: int = 40) -> str:
         """The newest events as text, for the message of a failed expectation."""
         return "\n".join(str(event) for event in self._lists[None][-lines:])
-
-    def _append(self, key: Optional[tuple], event: Event) -> None:
-        """A list that is shortened becomes another one: whoever reads the old one meanwhile is not disturbed."""
-        events = self._lists.setdefault(key, [])
-        events.append(event)
-        if len(events) > 2 * self._keep:
-            self._lists[key] = events[-self._keep:]
 
     def _matches(self, link: Optional[str], direction: Optional[str], kind: Optional[str], since: int,
                  detail: dict) -> Iterator[Event]:

@@ -9,20 +9,21 @@ from __future__ import annotations
 import heapq
 import itertools
 import os
-import selectors
+import select
 import sys
 import threading
 import time
-from typing import Any, Callable, Optional
+from typing import Any, Callable, NamedTuple, Optional
 
 from . import clock
-from .virtualtime import VirtualTime
+from .virtualtime import BENCHS_TURN, SETTLED, VirtualTime
 
 SWITCH_SECONDS = 0.0005
-UNSETTLED_SECONDS = 1  # real; who has got what he waited for does not wait longer for a server that goes on and on
-STANDSTILL_SECONDS = 30  # real; longer than anything takes that happens at one moment of virtual time
+# Of work that a server does at one moment of virtual time, or of real time in which it does nothing and yet does not rest.
+UNSETTLED_SECONDS = (1, 20)    # who has got what he waited for does not wait longer for a server that goes on and on
+STANDSTILL_SECONDS = (30, 300)  # longer than anything takes
 REAL_PATIENCE = 0.01  # real; between two looks for what neither descriptors nor deadlines tell
-_CLOCK_ERROR = 1e-6  # a virtual deadline is met when the clock shows it, whatever becomes of it as a number of seconds
+_CLOCK_ERROR = 2e-6  # a virtual deadline is met when the clock shows it, whatever becomes of it as a number of seconds
 
 
 class WaitTimeout(AssertionError):
@@ -39,6 +40,15 @@ class Timer:
 
     def cancel(self) -> None:
         self.cancelled = True
+
+
+class _Watched(NamedTuple):
+    """A descriptor, and what is called when it is ready."""
+
+    file: Any
+    mask: int
+    readable: Optional[Callable[[], None]]
+    writable: Optional[Callable[[], None]]
 
 
 def _hurry() -> None:
@@ -68,16 +78,22 @@ class _Waiter:
         self.expired = True
 
     def check(self) -> bool:
+        if self.at_once:
+            return self._evaluate()
         began = time.monotonic()
-        self.put_off = began < self.not_before and not self.at_once
+        self.put_off = began < self.not_before
         if self.put_off:
             return False
+        found = self._evaluate()
+        ended = time.monotonic()
+        self.not_before = ended + 4 * (ended - began)
+        return found
+
+    def _evaluate(self) -> bool:
         try:
             self.result = self.predicate()
         except BaseException as error:  # handed to the thread that waits
             self.error = error
-        ended = time.monotonic()
-        self.not_before = ended + 4 * (ended - began)
         return bool(self.result or self.error or self.expired)
 
 
@@ -96,9 +112,11 @@ class Loop:
     def __init__(self, name: str = "bench", virtual: Optional[VirtualTime] = None):
         self.virtual = virtual
         self.describe: Callable[[], str] = lambda: ""  # appended to the text of a WaitTimeout
-        self._selector = selectors.DefaultSelector()
+        self._epoll = select.epoll()
+        self._events = self._epoll.fileno()
+        self._watched: dict[int, _Watched] = {}
         self._wake = os.eventfd(0, os.EFD_NONBLOCK | os.EFD_CLOEXEC)
-        self._selector.register(self._wake, selectors.EVENT_READ, (self._drain_wake, None))
+        self.watch(self._wake, self._drain_wake)
         self._timers: list[tuple[float, int, Timer]] = []
         self._order = itertools.count()
         self._posted: list[Callable[[], None]] = []
@@ -106,7 +124,7 @@ class Loop:
         self._fulfilled: list[_Waiter] = []  # in virtual time, until everybody else has done what there is to do
         self._lock = threading.Lock()
         self._running = True
-        self._moved_at, self._steps_then = time.monotonic(), 0
+        self._moved_at, self._steps_then = (0.0, time.monotonic()), 0
         self.failure: Optional[BaseException] = None
         self._thread = threading.Thread(target=self._run, name=name, daemon=True)
         self._thread.start()
@@ -171,7 +189,7 @@ class Loop:
         if not self.on_thread:
             self._thread.join(5)
             os.close(self._wake)
-            self._selector.close()
+            self._epoll.close()
 
     # --- on the loop's thread --------------------------------------------------------------------------------------
 
@@ -186,14 +204,26 @@ class Loop:
     def watch(self, fd: Any, readable: Optional[Callable[[], None]] = None,
               writable: Optional[Callable[[], None]] = None) -> None:
         """Sets what is called when `fd` is readable and writable; with neither, the descriptor is forgotten."""
-        mask = (selectors.EVENT_READ if readable else 0) | (selectors.EVENT_WRITE if writable else 0)
-        known = fd in self._selector.get_map()
-        if mask and known:
-            self._selector.modify(fd, mask, (readable, writable))
-        elif mask:
-            self._selector.register(fd, mask, (readable, writable))
-        elif known:
-            self._selector.unregister(fd)
+        number = fd if isinstance(fd, int) else fd.fileno()
+        if number < 0:  # it has been closed meanwhile
+            number = next((number for number, watched in self._watched.items() if watched.file is fd), -1)
+        mask = (select.EPOLLIN if readable else 0) | (select.EPOLLOUT if writable else 0)
+        known = self._watched.get(number)
+        if not mask:
+            if self._watched.pop(number, None):
+                self._unregister(number)
+            return
+        self._watched[number] = _Watched(fd, mask, readable, writable)
+        if known is None:
+            self._epoll.register(number, mask)
+        elif known.mask != mask:
+            self._epoll.modify(number, mask)
+
+    def _unregister(self, number: int) -> None:
+        try:
+            self._epoll.unregister(number)
+        except OSError:
+            pass  # closed, and forgotten with that
 
     # --- inside ----------------------------------------------------------------------------------------------------
 
@@ -219,51 +249,62 @@ class Loop:
         os.eventfd_read(self._wake)
 
     def _run(self) -> None:
-        if not self.virtual:  # where nobody can be late, nobody has to be ahead of the kernel's threads
+        if self.virtual:
+            self.virtual.stay_together()
+        else:  # where nobody can be late, nobody has to be ahead of the kernel's threads
             _hurry()
         while self._running:
             if self.virtual:
-                self._turn(0)
                 self._let_time_pass()
             else:
                 self._turn(self._time_to_next_timer())
 
-    def _turn(self, patience: Optional[float]) -> bool:
-        """One batch of events. Whether there was anything on the descriptors."""
-        ready = self._selector.select(patience)
-        for key, events in ready:
-            self._dispatch(key, events)
-        self._run_posted()
-        self._run_timers()
-        self._check_waiters()
-        return bool(ready)
+    def _turn(self, patience: Optional[float]) -> None:
+        """One batch of events."""
+        ready = self._epoll.poll(patience)
+        for number, watched, events in [(number, self._watched.get(number), events) for number, events in ready]:
+            if watched:
+                self._dispatch(number, watched, events)
+        if self._posted:
+            self._run_posted()
+        if self._timers:
+            self._run_timers()
+        if self._waiters:
+            self._check_waiters()
 
     def _let_time_pass(self) -> None:
-        """Moves the clock on when nobody has anything left to do, and somebody waits for that."""
+        """First the server does what it has to do, then the bench. Moves the clock on when nobody has anything left, and
+        somebody waits for that."""
         if not self._waiters and not self._fulfilled:
             self._turn(None)
-            self._moved_at = time.monotonic()
-        elif not self.virtual.settled():
-            self._complain_of_standstill()
-        elif self._turn(0):
+            self._has_moved()
             return
-        elif self._fulfilled:
+        verdict = self.virtual.stride(self._next_timer(), self._events, bool(self._waiters and not self._fulfilled))
+        if verdict == SETTLED and self._fulfilled:
             self._release()
-        elif self._waiters and not self.virtual.advance(self._next_timer()):
-            self._turn(REAL_PATIENCE)
+        elif verdict == SETTLED:
+            self._turn(REAL_PATIENCE if self._next_timer() is None else 0)
+        else:
+            if verdict != BENCHS_TURN:
+                self._complain_of_standstill()
+            self._turn(0)
+
+    def _has_moved(self) -> None:
+        self._moved_at = (self.virtual.worked(), time.monotonic())
+        self._steps_then = self.virtual.steps
 
     def _complain_of_standstill(self) -> None:
         if self.virtual.steps != self._steps_then:
-            self._steps_then, self._moved_at = self.virtual.steps, time.monotonic()
-        stood = time.monotonic() - self._moved_at
-        if stood > UNSETTLED_SECONDS:
+            self._has_moved()
+        stood = (self.virtual.worked() - self._moved_at[0], time.monotonic() - self._moved_at[1])
+        if any(have > most for have, most in zip(stood, UNSETTLED_SECONDS)):
             self._release()
-        if stood > STANDSTILL_SECONDS:
+        if any(have > most for have, most in zip(stood, STANDSTILL_SECONDS)):
             with self._lock:
                 stuck, self._waiters = self._waiters, []
             for waiter in stuck:
-                waiter.error = WaitTimeout(f"virtual time stands still: the server has been at work for "
-                                           f"{STANDSTILL_SECONDS} s\n{self.describe()}")
+                waiter.error = WaitTimeout(f"virtual time stands still: the server has been at work for {stood[0]:.0f} s of "
+                                           f"processor time and {stood[1]:.0f} s in all\n{self.describe()}")
                 waiter.done.set()
 
     def _next_timer(self) -> Optional[float]:
@@ -280,12 +321,12 @@ class Loop:
             due.append(self._timers[0][0])
         return max(0.0, min(due) - clock.monotonic()) if due else None
 
-    def _dispatch(self, key: selectors.SelectorKey, events: int) -> None:
+    def _dispatch(self, number: int, watched: _Watched, events: int) -> None:
         # An earlier callback of the same batch may have changed or removed the registration; what is still ready then
-        # is reported again.
-        for event, action in zip((selectors.EVENT_READ, selectors.EVENT_WRITE), key.data):
-            if events & event and action and self._selector.get_map().get(key.fd) is key and not self._guard(action):
-                self.watch(key.fileobj)  # no more: it would fail again at once, for ever
+        # is reported again. Errors are for both.
+        for other, action in ((select.EPOLLOUT, watched.readable), (select.EPOLLIN, watched.writable)):
+            if events & ~other and action and self._watched.get(number) is watched and not self._guard(action):
+                self.watch(watched.file)  # no more: it would fail again at once, for ever
 
     def _run_posted(self) -> None:
         with self._lock:

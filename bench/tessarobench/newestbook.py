@@ -6,10 +6,10 @@ seen was replaced by a newer one before its turn.
 
 from __future__ import annotations
 
-import json
 from typing import Optional
 
 from .account import Account
+from .apiclient import status_object
 from .rules import SUPERSEDED, TOOL_FULL, UNCHANGED
 
 NUMBER_TAG, NUMBER_KEY = "armed_ru", "ARMED_RU"  # where an image carries its number; shown over the API
@@ -96,7 +96,7 @@ class ImageBook:
 
     def status_left(self, datagram: bytes) -> None:
         self.statuses.leave(b"")
-        self.tags.leave(int(json.loads(datagram)[NUMBER_KEY]))
+        self.tags.leave(int(status_object(datagram)[NUMBER_KEY]))
 
     def notify_left(self) -> None:
         self.orders.leave(b"")

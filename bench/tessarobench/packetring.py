@@ -74,6 +74,12 @@ class PacketRing:
         return packets
 
     @property
+    def is_empty(self) -> bool:
+        """Whether nothing has arrived that is not handed over yet."""
+        status, = _STATUS.unpack_from(self._memory, self._start + _STATUS_OFFSET)
+        return not status & _OURS and _BLOCK.unpack_from(self._memory, self._start)[0] == 0
+
+    @property
     def _start(self) -> int:
         """Where the block that is handed over next begins."""
         return self._next * BLOCK_BYTES

@@ -9,7 +9,7 @@ from typing import Callable, Optional
 from . import glink
 from .account import Account
 from .basecontroller import RETRY_SECONDS
-from .books import UNIT_SERVICES, Sight, Watch
+from .books import UNIT_SERVICES, Books, Sight, Watch
 from .installation import CONFIG_VALUES, IDENTITY, Installation
 from .ledger import Ledger
 from .newestbook import NUMBER_TAG
@@ -40,9 +40,9 @@ class Plant:
         self.bench, self.controller_talks = bench, True
         self._requests = random.Random(seed)
         self._timers = []
+        self._record = record
         self._bring_up()
-        self.watch = Watch(bench, [unit.id for unit in self.units], record)
-        self.books = self.watch.books
+        self.open_books()
 
     def _bring_up(self) -> None:
         bench = self.bench
@@ -117,6 +117,11 @@ class Plant:
     def _pause(self, seconds: float) -> None:
         until = self.bench.journal.now + seconds
         self.bench.wait_for(lambda: self.bench.journal.now > until, seconds + 5, poll=0.1)
+
+    def open_books(self, before: Optional[Books] = None) -> None:
+        """When nothing is under way; `before` are the books that were closed last."""
+        self.watch = Watch(self.bench, [unit.id for unit in self.units], self._record, before)
+        self.books = self.watch.books
 
     def close_books(self) -> list[Account]:
         """What became of everything. The controller is silent from now on, and its last set is with every unit."""

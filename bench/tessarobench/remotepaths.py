@@ -40,6 +40,7 @@ class TcpPath:
         self._dribble: Optional[float] = None
         self._dribbler: Optional[Timer] = None
         self._reading = True
+        self._watching: Optional[tuple[bool, bool]] = None  # for what comes, for room
         self.is_open = self.is_closed = self.has_vanished = False
         tcp.setblocking(False)
         tcp.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -128,8 +129,10 @@ class TcpPath:
     def _watch(self) -> None:
         if self.is_open and not self.is_closed:
             writes = self._pending and self._dribble is None
-            self._loop.watch(self._tcp, self._read if self._reading and not self.has_vanished else None,
-                             self._flush if writes else None)
+            wanted = (self._reading and not self.has_vanished, bool(writes))
+            if wanted != self._watching:
+                self._watching = wanted
+                self._loop.watch(self._tcp, self._read if wanted[0] else None, self._flush if wanted[1] else None)
 
     def _read(self, size: int = 65536) -> None:
         if self.is_closed or self.has_vanished:

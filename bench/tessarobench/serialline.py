@@ -27,6 +27,7 @@ class SerialLine:
         self.lost = 0
         self.taps: list[Callable[[str, bytes], None]] = []
         self._traffic = loop.virtual.line if loop.virtual else None
+        self._is_full = False
         os.set_blocking(fd, False)
         loop.call(self._open)
 
@@ -92,7 +93,9 @@ class SerialLine:
             if self._traffic:
                 self._traffic.wrote(self._pending[:written])
             del self._pending[:written]
-        self._watch()
+        if self._is_full != bool(self._pending):
+            self._is_full = not self._is_full
+            self._watch()
 
     def _tap(self, direction: str, data: bytes) -> None:
         for tap in self.taps:

@@ -16,6 +16,7 @@ from typing import NamedTuple, Optional
 from .journal import BENCH, FROM_BASE_UNIT, Journal
 from .loop import Loop
 from .namespaces import World
+from .virtualtime import cpu_clock
 
 LINK = "server"
 STAMP_LENGTH = len("20220327 17:52:59.123")
@@ -49,11 +50,6 @@ class Usage(NamedTuple):
 
     def holds_more_than(self, before: Usage) -> bool:
         return self.threads > before.threads or self.descriptors > before.descriptors
-
-
-def _cpu_clock(pid: int) -> int:
-    """The clock of the CPU time of all threads of a process, to the nanosecond (see clock_getcpuclockid)."""
-    return (~pid << 3) | 2
 
 
 def _bound(table: str, port: int, state: str) -> bool:
@@ -112,7 +108,7 @@ class ServerProcess:
         if self.running:
             self._note("signal", name=signal.Signals(number).name)
             with contextlib.suppress(ProcessLookupError):  # it has just ended by itself
-                os.kill(self.pid, number)
+                self._loop.call(self._kill, number)
 
     def stop(self, timeout: float = 5.0) -> int:
         """Asks it to end (SIGTERM) and returns the exit status; one that does not obey is killed and raises."""
@@ -205,7 +201,7 @@ class ServerProcess:
         """Figures of /proc, now."""
         fields = self._stat()
         threads, resident_pages = int(fields[17]), int(fields[21])
-        return Usage(time.clock_gettime(_cpu_clock(self.pid)), resident_pages * _PAGE, threads,
+        return Usage(time.clock_gettime(cpu_clock(self.pid)), resident_pages * _PAGE, threads,
                      len(os.listdir(f"/proc/{self.pid}/fd")), self._wakeups())
 
     @property
@@ -237,6 +233,8 @@ class ServerProcess:
     # --- inside ----------------------------------------------------------------------------------------------------
 
     def _spawn(self, environment: dict[str, str], limits: dict[int, int], log_stalled: bool, before: str) -> None:
+        if self._loop.virtual:
+            self._loop.virtual.stay_together()
         self._pipe, write_end = os.pipe2(os.O_CLOEXEC | os.O_NONBLOCK)
         if log_stalled:
             self._fill_log()
@@ -318,6 +316,11 @@ class ServerProcess:
         status = self._process.wait()
         self._journal.add(LINK, BENCH, "ended", status=status)
         self.exit_status = status
+
+    def _kill(self, number: int) -> None:
+        os.kill(self.pid, number)
+        if self._loop.virtual:
+            self._loop.virtual.signalled()
 
     def _note(self, kind: str, **detail) -> None:
         self._loop.call(lambda: self._journal.add(LINK, BENCH, kind, **detail))

@@ -1,14 +1,19 @@
 """A long run of the whole installation with seeded faults, and its closing of the books: in real time at ten times the nominal
-pace, or in virtual time at the nominal one."""
+pace, or in virtual time at the nominal one.
+
+Books keep everything until they are closed, so a run has chapters: after each of them all becomes quiet, the books are closed,
+and new ones are opened on the same server.
+"""
 
 from __future__ import annotations
 
+import gc
 import random
 from pathlib import Path
 from typing import Callable, NamedTuple, Optional
 
 from . import clock
-from .account import slope, statement
+from .account import Total, slope, statement
 from .capturefile import CaptureFile
 from .installation import Installation
 from .plant import NOMINAL_PACE, PACE, Plant
@@ -16,8 +21,11 @@ from .remoteunit import RemoteUnit
 from .serverprocess import Usage
 
 PAUSE = (10.0, 30.0)  # seconds between two faults, at the nominal pace
-SAMPLES = 2000        # of the figures at most
+SAMPLES = 500         # of the figures at most
 SHORTEST_PERIOD = 0.5  # between two samples
+CHAPTER = 3600.0    # seconds, at the nominal pace
+OPENING = 1.0       # seconds of a chapter in which nothing breaks: what is kept for a unit then is in the books
+JOURNAL = 20_000    # events of each kind
 WARM_UP = 0.3       # the part of a run in which memory may still find its size
 RESIDENT_GROWTH = 2 << 20  # bytes over the whole run, by the slope
 DESCRIPTOR_GROWTH = 4      # connections come and go meanwhile
@@ -38,19 +46,47 @@ class Soak:
         self.faults: dict[str, int] = {}
         self.capture: Optional[CaptureFile] = None
 
-    def run(self, seconds: float) -> list[str]:
-        with Installation(self._server, capture=self.capture, virtual_time=self._virtual_time) as bench:
-            self.bench = bench
-            self.plant = Plant(bench, self._seed)
-            self._wanderer, self._restless = self.plant.wanderer, self.plant.restless
-            before = self._settled(5)
+    def run(self, seconds: float, chapter: float = CHAPTER) -> list[str]:
+        """For so many seconds, without those that it takes between two chapters."""
+        gc.disable()  # nearly all that is made is kept until the books are closed
+        try:
+            with Installation(self._server, capture=self.capture, virtual_time=self._virtual_time) as bench:
+                return self._run_on(bench, seconds, chapter / self._pace)
+        finally:
+            gc.enable()
+
+    def _run_on(self, bench: Installation, seconds: float, chapter: float) -> list[str]:
+        self.bench, bench.journal.keep = bench, JOURNAL
+        self.plant = Plant(bench, self._seed)
+        self._wanderer, self._restless = self.plant.wanderer, self.plant.restless
+        before, self._began, samples = self._settled(5), clock.monotonic(), []
+        totals: dict[str, Total] = {}
+        while seconds > 0:
             self._impair()
             self.plant.load(self._pace)
-            samples = self._endure(seconds)
+            samples += self._endure(min(seconds, chapter), max(SHORTEST_PERIOD, seconds / SAMPLES))
             self.plant.calm()
-            violations = self._close_books() + self._judge_figures(before, samples)
-            bench.loop.raise_failure()
-            return violations
+            for account in self.plant.close_books():
+                totals.setdefault(account.name, Total(account.name, account.exact)).add(account)
+            seconds -= chapter
+            if seconds > 0:
+                self._turn_page()
+        for line in statement(totals.values()):
+            self._say(line)
+        violations = [violation for total in totals.values() for violation in total.violations]
+        violations += self._judge_figures(before, samples)
+        bench.loop.raise_failure()
+        return violations
+
+    def _turn_page(self) -> None:
+        """New books; what nobody will ask for any more is forgotten."""
+        bench, relay = self.bench, self.bench.fallback
+        bench.api.settle()
+        bench.server.log[:] = [line for line in bench.server.log if line.text == "RUN"][-1:]
+        for kept in (relay.blocks, relay.shorts, relay.early, *(unit.received for unit in self.plant.units)):
+            kept.clear()
+        self.plant.open_books(self.plant.books)
+        gc.collect()
 
     # --- all the time -----------------------------------------------------------------------------------------------
 
@@ -66,25 +102,27 @@ class Soak:
 
     # --- faults ----------------------------------------------------------------------------------------------------
 
-    def _endure(self, seconds: float) -> list[Sample]:
+    def _endure(self, seconds: float, period: float) -> list[Sample]:
         bench, began, samples = self.bench, clock.monotonic(), []
-        sampler = bench.loop.call(bench.loop.every, max(SHORTEST_PERIOD, seconds / SAMPLES), lambda: samples.append(
-            Sample(clock.monotonic() - began, bench.server.usage())))
+        sampler = bench.loop.call(bench.loop.every, period, lambda: samples.append(
+            Sample(clock.monotonic() - self._began, bench.server.usage())))
+        self._pause(OPENING / self._pace)
         faults = (self._mute_controller, self._lose_network, self._reconnect, self._damage_stream,
                   self._silence_machine_controller, self._slow_unit)
         while clock.monotonic() - began < seconds:
             fault = self._random.choice(faults)
             name = fault.__name__.strip("_").replace("_", " ")
             self.faults[name] = self.faults.get(name, 0) + 1
-            self._say(f"{clock.monotonic() - began:8.1f} s  {name}")
+            self._say(f"{clock.monotonic() - self._began:8.1f} s  {name}")
             fault()
             self._pause(self._random.uniform(*PAUSE) / self._pace)
         sampler.cancel()
         return samples
 
     def _pause(self, seconds: float) -> None:
-        until = self.bench.journal.now + seconds
-        self.bench.wait_for(lambda: self.bench.journal.now > until, seconds + 5, "time passes", poll=min(0.05, seconds))
+        over: list[bool] = []
+        self.bench.loop.call(self.bench.loop.later, seconds, lambda: over.append(True))
+        self.bench.wait_for(lambda: over, seconds + 5, "time passes")
 
     def _mute_controller(self) -> None:
         bench, log = self.bench, len(self.bench.server.log)
@@ -142,12 +180,6 @@ class Soak:
             return False
 
     # --- judgement -------------------------------------------------------------------------------------------------
-
-    def _close_books(self) -> list[str]:
-        accounts = self.plant.close_books()
-        for line in statement(accounts):
-            self._say(line)
-        return [violation for account in accounts for violation in account.violations]
 
     def _settled(self, timeout: float) -> Usage:
         """Its figures when threads and descriptors have stood for a second."""

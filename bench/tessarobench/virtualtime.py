@@ -26,12 +26,16 @@ LIBRARY = Path("bench") / "virtualtime" / "libvirtualtime.so"  # below the folde
 _PAGE_VARIABLE = "TESSARO_VIRTUAL_TIME"
 _BEGAN = 10_000 * 1_000_000_000  # what the monotonic clock shows at first
 _NEVER = 2 ** 63 - 1
-_STEP = 1_000_000  # nanoseconds; the clock shows whole milliseconds, so that what is due in the same one is due at once
 _FLOAT_ERROR = 1000  # far more than what a deadline in seconds can miss its nanosecond by
-_SETTLED, _UNDER_WAY = 1, 2
-_WAIT_MICROSECONDS = 1000
+BUSY, SETTLED, TO_SERVER, FROM_SERVER, BENCHS_TURN = range(5)  # verdicts of the library, see its conductor
+_JUMPS = 1000  # of the clock, before the bench looks after itself
 _MOMENTS = 100_000
 _LOST_SECONDS = 2.0  # real; bytes that take longer are lost on the line, and not only late on a busy computer
+
+
+def cpu_clock(pid: int) -> int:
+    """The clock of the CPU time of all threads of a process, to the nanosecond (see clock_getcpuclockid)."""
+    return (~pid << 3) | 2
 
 
 class Unsuitable(Exception):
@@ -47,8 +51,7 @@ def _load(path: Path) -> ctypes.CDLL:
     for name, result, arguments in (
             ("page_size", number, ()), ("prepare", None, (pointer, number, number, number)),
             ("process", ctypes.c_int32, (pointer,)), ("begin", pointer, (pointer, ctypes.c_int32)), ("end", None, (pointer,)),
-            ("settles", ctypes.c_int32, (pointer, number, number, number)), ("next", number, (pointer,)),
-            ("advance", None, (pointer, number)), ("unknown_waits", number, (pointer,)),
+            ("stride", ctypes.c_int32, (pointer, pointer)), ("look_closely", None, (pointer,)), ("unknown_waits", number, (pointer,)),
             ("line_read", number, (pointer,)), ("line_written", number, (pointer,))):
         function = getattr(library, f"virtualtime_{name}")
         function.restype, function.argtypes = result, arguments
@@ -107,6 +110,13 @@ class Page:
         return {"LD_PRELOAD": str(library), _PAGE_VARIABLE: str(page)}
 
 
+class _Stride(ctypes.Structure):
+    """See the library's conductor."""
+
+    _fields_ = [("now", ctypes.c_int64), ("due", ctypes.c_int64), ("sent", ctypes.c_int64), ("received", ctypes.c_int64),
+                ("events", ctypes.c_int32), ("jumps", ctypes.c_int32), ("moment", ctypes.c_int64)]
+
+
 class _Line:
     """Counts the bytes on the UART, which a worker of the kernel carries: nobody else knows of those under way.
 
@@ -115,7 +125,7 @@ class _Line:
     def __init__(self) -> None:
         self.readers = 0
         self._sent = self.readable = self.received = 0
-        self._missed_since: Optional[float] = None
+        self.missed_since: Optional[float] = None  # real; bytes have been under way
 
     def wrote(self, data: bytes) -> None:
         newline = data.rfind(b"\n")
@@ -126,12 +136,9 @@ class _Line:
     def is_lost(self) -> bool:
         """Whether bytes have been under way for too long to be still."""
         now = time.monotonic()
-        if self._missed_since is None:
-            self._missed_since = now
-        return now - self._missed_since > _LOST_SECONDS
-
-    def arrived(self) -> None:
-        self._missed_since = None
+        if self.missed_since is None:
+            self.missed_since = now
+        return now - self.missed_since > _LOST_SECONDS
 
 
 class VirtualTime:
@@ -139,24 +146,36 @@ class VirtualTime:
 
     def __init__(self, library: Path):
         self._path, self._library = library, _load(library)
+        self._stride = _Stride()
+        self._stride_address = ctypes.addressof(self._stride)
         # Timers of the server look at the fraction of the second: it is the same in every run.
         self._now, self._began, self._began_wall = 0, _BEGAN, int(time.time()) * 1_000_000_000
+        self._seconds = self._began / 1e9
         self._page: Optional[Page] = None
+        self._pid = 0
         self._conductor: Optional[int] = None
         self._expects = False
         self._read_before = self._written_before = 0  # what the counts of the line differ by
+        self.keeps_moments = False  # for `at`
         self._moments = [(0, self._began_wall)]  # from which real time on the clock showed what
         self.line = _Line()
         self.lost_on_line = self.steps = 0
+        processors = sorted(os.sched_getaffinity(0))
+        self._processor = {processors[os.getpid() % len(processors)]}
         clock.use(self)
 
     def close(self) -> None:
         clock.use(None)
 
+    def stay_together(self) -> None:
+        """Keeps the calling thread, and what it starts, on the processor of this board. Bench and server take turns: on one
+        processor handing over costs a fraction of what it costs to wake another one."""
+        os.sched_setaffinity(0, self._processor)
+
     # --- the clock -------------------------------------------------------------------------------------------------
 
     def monotonic(self) -> float:
-        return (self._began + self._now) / 1e9
+        return self._seconds
 
     def time_ns(self) -> int:
         return self._began_wall + self._now
@@ -181,6 +200,7 @@ class VirtualTime:
 
     def begin(self, pid: int) -> None:
         self._conductor, self._expects = self._library.virtualtime_begin(self._page.address, pid), False
+        self._pid = pid
         self._read_before, self._written_before = self.line.readable, self.line.received
 
     def end(self) -> None:
@@ -190,40 +210,52 @@ class VirtualTime:
 
     # --- its way ---------------------------------------------------------------------------------------------------
 
-    def settled(self) -> bool:
-        """Whether the server has nothing left to do; waits a millisecond at most for that."""
-        if self._conductor is None:
-            return not self._expects
-        line = self.line
-        sent = line.readable - self._read_before
-        received = line.received - self._written_before if line.readers else -1
-        verdict = self._library.virtualtime_settles(self._conductor, _WAIT_MICROSECONDS, sent, received)
-        if verdict == _UNDER_WAY:
+    def signalled(self) -> None:
+        """The server has got a signal, which none of the numbers tells."""
+        if self._conductor is not None:
+            self._library.virtualtime_look_closely(self._conductor)
+
+    def worked(self) -> float:
+        """Seconds of processor time that the server has used."""
+        try:
+            return time.clock_gettime(cpu_clock(self._pid)) if self._conductor is not None else 0.0
+        except OSError:
+            return 0.0  # it has ended
+
+    def stride(self, own: Optional[float], events: int, may_move: bool) -> int:
+        """Lets the server do what it has to do, and if it `may_move` lets the clock jump from deadline to deadline, until the
+        bench has something to do: BENCHS_TURN. `own` is its next deadline, `events` the number of its epoll instance. SETTLED
+        when nobody has a deadline, or the clock should move and may not; others when it takes longer than a few real
+        milliseconds."""
+        if self._conductor is None and self._expects:
+            return BUSY
+        stride, line = self._stride, self.line
+        stride.now, stride.events = self._now, events
+        stride.due = _NEVER if own is None else round(own * 1e9) - self._began - _FLOAT_ERROR
+        stride.sent = line.readable - self._read_before
+        stride.received = line.received - self._written_before if line.readers else -1
+        stride.jumps = 0 if not may_move else 1 if self.keeps_moments else _JUMPS
+        verdict = self._library.virtualtime_stride(self._conductor, self._stride_address)
+        if stride.jumps:
+            self._moved_to(stride.now, stride.moment, stride.jumps)
+        if verdict in (TO_SERVER, FROM_SERVER):
             if line.is_lost():
                 self._forget_lost()
-        elif verdict == _SETTLED:
-            line.arrived()
-        return verdict == _SETTLED
+        elif verdict != BUSY:
+            line.missed_since = None
+        return verdict
+
+    def _moved_to(self, now: int, moment: int, jumps: int) -> None:
+        self._now, self._seconds = now, (self._began + now) / 1e9
+        self.steps += jumps
+        if self.keeps_moments:
+            self._moments.append((moment, self.time_ns()))
+            if len(self._moments) > 2 * _MOMENTS:
+                self._moments = self._moments[-_MOMENTS:]
 
     def _forget_lost(self) -> None:
         self.lost_on_line += 1
         address = self._page.address
         self._read_before = self.line.readable - self._library.virtualtime_line_read(address)
         self._written_before = self.line.received - self._library.virtualtime_line_written(address)
-        self.line.arrived()
-
-    def advance(self, own: Optional[float]) -> bool:
-        """Moves the clock to the bench's next deadline (None: it has none) or the server's. False when there is neither."""
-        due = _NEVER if own is None else round(own * 1e9) - self._began - _FLOAT_ERROR
-        if self._conductor is not None:
-            due = min(due, self._library.virtualtime_next(self._conductor))
-        if due == _NEVER:
-            return False
-        self._now = max(self._now, -(-due // _STEP) * _STEP)
-        self._moments.append((time.time_ns(), self.time_ns()))
-        if len(self._moments) > 2 * _MOMENTS:
-            self._moments = self._moments[-_MOMENTS:]
-        self.steps += 1
-        if self._conductor is not None:
-            self._library.virtualtime_advance(self._conductor, self._now)
-        return True
+        self.line.missed_since = None

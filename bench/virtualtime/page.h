@@ -7,23 +7,46 @@
 
 namespace virtualtime {
 
-constexpr std::uint32_t PageVersion = 1;
+constexpr std::uint32_t PageVersion = 2;
 constexpr int MaxThreads = 256;
 constexpr std::int64_t Never = std::numeric_limits<std::int64_t>::max();
 constexpr char PageVariable[] = "TESSARO_VIRTUAL_TIME"; ///< names the file that holds the page
 
-enum SlotState : std::uint32_t { Free, Running, Waiting };
+/// What a thread does. It waits for time or a futex, for one of the descriptors on the board, or for the serial line.
+enum Doing : std::uint32_t { Free, Running, Waiting, Polling, Reading };
 
-/// One thread of the server. A waiting one is made running by itself when something happens, or by the conductor when
-/// its deadline has come; whoever changes the state changes `Page::running` with it.
+/// A slot's state is one number, so that whoever looks at it and then changes it has seen it whole: what the thread
+/// does, whether it has been called, and its turn, which every beginning and end of a wait counts up.
+constexpr std::uint32_t DoingBits = 7;
+constexpr std::uint32_t Called = 8;
+constexpr std::uint32_t Turn = 16;
+
+constexpr Doing doing(std::uint32_t state)
+{
+    return static_cast<Doing>(state & DoingBits);
+}
+
+constexpr bool rests(std::uint32_t state)
+{
+    return doing(state) >= Waiting && !(state & Called);
+}
+
+constexpr std::uint32_t nextTurn(std::uint32_t state, Doing what)
+{
+    return (state & ~(Turn - 1)) + Turn + what;
+}
+
+/// One thread of the server. One that rests goes on by itself when something happens. Whoever knows that it will (who
+/// wakes it, who writes to its descriptor, the conductor when its deadline has come) calls it: it counts as running
+/// from then on, although the kernel may take its time.
 struct Slot
 {
     std::atomic<std::uint32_t> state;
-    std::atomic<std::uint32_t>
-        turns; ///< counts the ends of its waits: one that waits again is told from one that still waits
-    std::atomic<std::int64_t> deadline; ///< virtual nanoseconds, or Never
     std::atomic<std::int32_t> thread;   ///< the kernel's number, 0 until the thread itself has said it
+    std::atomic<std::int64_t> deadline; ///< virtual nanoseconds, or Never
+    std::atomic<std::uint64_t> word;    ///< the futex that it waits on, or 0
     std::atomic<std::int32_t> joins;    ///< the slot whose thread it waits for, plus 1
+    std::atomic<std::int32_t> hidden;   ///< it waits for what only the kernel sees
 };
 
 /// All times are nanoseconds. Zeroed and filled by the bench before the server starts.
@@ -34,9 +57,11 @@ struct Page
     std::int64_t monotonicBase; ///< what the monotonic clock shows when `now` is 0
     std::int64_t realtimeBase;
     std::atomic<std::int64_t> now;             ///< only the conductor moves it
-    std::atomic<std::uint32_t> running;        ///< how many slots are in that state; a futex
+    std::atomic<std::uint32_t> running;        ///< how many slots run or have been called; a futex
     std::atomic<std::uint32_t> conductorWaits; ///< whether it wants to be woken when that becomes 0
     std::atomic<std::int32_t> process;         ///< 0 until the server has taken part
+    std::atomic<std::int32_t> board;           ///< the server's descriptor that shows which others are ready, or -1
+    std::atomic<std::int32_t> slotsUsed;       ///< no slot behind them has ever been used
     std::atomic<std::uint32_t> children;       ///< processes that it has begun, ever
     std::atomic<std::int64_t> lineRead; ///< bytes of its serial line, for which the kernel has a worker of its own
     std::atomic<std::int64_t> lineWritten;

@@ -1,5 +1,7 @@
 #include "participant.h"
 
+#include "descriptors.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -24,15 +26,21 @@ std::atomic<int> attachState{0}; // 0 not yet, 1 under way, 2 done
 thread_local int slotOfThread = -1;
 thread_local bool called = false;
 thread_local int questions = 0;
+thread_local sigset_t ownMask;
+thread_local bool ownMaskIsKnown = false;
 
 void onWake(int)
 {
     called = true;
 }
 
-void callConductor(std::atomic<std::uint32_t>& word)
+/// One less runs or will.
+void lessRunning(Page& shared)
 {
-    syscall(SYS_futex, &word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    static const auto real = reinterpret_cast<decltype(&::syscall)>(following("syscall"));
+    if (--shared.running == 0 && shared.conductorWaits) {
+        real(SYS_futex, &shared.running, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    }
 }
 
 void changeMask(int how, int signal)
@@ -40,7 +48,8 @@ void changeMask(int how, int signal)
     sigset_t one;
     sigemptyset(&one);
     sigaddset(&one, signal);
-    pthread_sigmask(how, &one, nullptr);
+    static const auto real = reinterpret_cast<decltype(&::pthread_sigmask)>(following("pthread_sigmask"));
+    real(how, &one, nullptr);
 }
 
 Page* map(const char* path)
@@ -73,6 +82,7 @@ void attach()
     sigaction(found->wakeSignal, &action, nullptr);
     changeMask(SIG_BLOCK, found->wakeSignal);
     sharedPage = found;
+    found->board = makeBoard();
     adoptSlot(reserveSlot());
     found->process = getpid();
 }
@@ -142,11 +152,13 @@ int reserveSlot()
 {
     for (int index = 0; index < MaxThreads; ++index) {
         Slot& slot = page()->slots[index];
-        std::uint32_t state = Free;
-        if (slot.state.compare_exchange_strong(state, Running)) {
+        std::uint32_t state = slot.state;
+        if (doing(state) == Free && slot.state.compare_exchange_strong(state, nextTurn(state, Running))) {
             slot.thread = 0;
-            ++slot.turns;
             ++page()->running;
+            std::int32_t used = page()->slotsUsed;
+            while (used <= index && !page()->slotsUsed.compare_exchange_weak(used, index + 1)) {
+            }
             return index;
         }
     }
@@ -161,21 +173,25 @@ void adoptSlot(int index)
     }
 }
 
-/// Whoever waits for this thread's end is running from now on.
-void releaseSlot(int index)
+/// Whoever waits for the end of the slot's thread is running from now on.
+void freeSlot(int index)
 {
     Page* shared = page();
-    for (Slot& other : shared->slots) {
-        std::uint32_t state = Waiting;
-        if (other.joins == index + 1 && other.state.compare_exchange_strong(state, Running)) {
-            ++shared->running;
+    for (int other = 0; other < shared->slotsUsed; ++other) {
+        const std::uint32_t state = shared->slots[other].state;
+        if (rests(state) && shared->slots[other].joins == index + 1) {
+            callThread(shared->slots[other], state);
         }
     }
+    shared->slots[index].state = nextTurn(shared->slots[index].state, Free);
+    lessRunning(*shared);
+}
+
+void releaseSlot(int index)
+{
+    forgetDescriptors();
     slotOfThread = -1;
-    shared->slots[index].state = Free;
-    if (--shared->running == 0 && shared->conductorWaits) {
-        callConductor(shared->running);
-    }
+    freeSlot(index);
 }
 
 int ownSlot()
@@ -183,22 +199,71 @@ int ownSlot()
     return slotOfThread;
 }
 
-Wait::Wait(std::int64_t deadline, int joinedSlot)
+void callThread(Slot& slot, std::uint32_t state)
+{
+    ++page()->running; // first, lest the thread itself counts down what nobody has counted up
+    if (!slot.state.compare_exchange_strong(state, state | Called)) {
+        lessRunning(*page());
+    }
+}
+
+void callWaitersOn(const void* word)
+{
+    for (int index = 0; index < page()->slotsUsed; ++index) {
+        Slot& slot = page()->slots[index];
+        std::uint32_t state = slot.state;
+        if (slot.word != reinterpret_cast<std::uint64_t>(word)) {
+            continue;
+        }
+        if (rests(state)) {
+            callThread(slot, state);
+        } else if (doing(state) == Running) {
+            slot.state.compare_exchange_strong(state, state | Called); // it does not lie down then
+        }
+    }
+}
+
+Wait::Wait(Doing what, std::int64_t deadline, int joinedSlot)
     : m_slot(slotOfThread)
 {
-    called = false;
-    restsNow();
+    if (m_slot >= 0) {
+        Slot& slot = page()->slots[m_slot];
+        slot.word = 0;
+        slot.joins = joinedSlot + 1;
+        begin(deadline);
+        slot.state = nextTurn(slot.state, what);
+        lessRunning(*page());
+    }
+}
+
+Wait::Wait(std::int64_t deadline, const std::uint32_t* word, std::uint32_t expected)
+    : m_slot(slotOfThread)
+{
     if (m_slot < 0) {
         return;
     }
-    Page* shared = page();
-    Slot& slot = shared->slots[m_slot];
-    slot.deadline = deadline;
-    slot.joins = joinedSlot + 1;
-    slot.state = Waiting;
-    if (--shared->running == 0 && shared->conductorWaits) {
-        callConductor(shared->running);
+    Slot& slot = page()->slots[m_slot];
+    std::uint32_t state = slot.state & ~Called;
+    slot.state = state;
+    slot.word = reinterpret_cast<std::uint64_t>(word); // from here on a waker sees this thread, or this thread the wake
+    slot.joins = 0;
+    begin(deadline);
+    if (__atomic_load_n(word, __ATOMIC_SEQ_CST) == expected &&
+        slot.state.compare_exchange_strong(state, nextTurn(state, Waiting))) {
+        lessRunning(*page());
+    } else {
+        slot.word = 0;
+        slot.state = state & ~Called;
+        m_slot = -1;
+        m_refused = true;
     }
+}
+
+void Wait::begin(std::int64_t deadline)
+{
+    called = false;
+    restsNow();
+    page()->slots[m_slot].deadline = deadline;
 }
 
 Wait::~Wait()
@@ -207,12 +272,18 @@ Wait::~Wait()
         return;
     }
     Slot& slot = page()->slots[m_slot];
-    std::uint32_t state = Waiting;
-    if (slot.state.compare_exchange_strong(state, Running)) {
+    slot.word = 0;
+    const std::uint32_t old = slot.state.exchange(nextTurn(slot.state, Running));
+    if (!(old & Called)) {
         ++page()->running;
     }
-    slot.joins = 0;
-    ++slot.turns;
+}
+
+void Wait::hide(bool hidden)
+{
+    if (slotOfThread >= 0) {
+        page()->slots[slotOfThread].hidden = hidden;
+    }
 }
 
 bool Wait::wasCalled()
@@ -236,14 +307,18 @@ void restsNow()
 
 sigset_t waitMask(const sigset_t* wanted)
 {
-    sigset_t mask;
-    if (wanted) {
-        mask = *wanted;
-    } else {
-        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    if (!wanted && !ownMaskIsKnown) {
+        pthread_sigmask(SIG_SETMASK, nullptr, &ownMask);
+        ownMaskIsKnown = true;
     }
+    sigset_t mask = wanted ? *wanted : ownMask;
     sigdelset(&mask, page()->wakeSignal);
     return mask;
+}
+
+void forgetMask()
+{
+    ownMaskIsKnown = false;
 }
 
 bool sleepUntil(std::int64_t deadline)
@@ -251,7 +326,7 @@ bool sleepUntil(std::int64_t deadline)
     static const auto real = reinterpret_cast<decltype(&::ppoll)>(following("ppoll"));
     const sigset_t mask = waitMask(nullptr);
     while (!isOver(deadline)) {
-        const Wait wait(deadline);
+        const Wait wait(Waiting, deadline);
         real(nullptr, 0, nullptr, &mask);
         if (!Wait::wasCalled()) {
             return false;
@@ -267,7 +342,10 @@ int waitOnFutex(std::uint32_t* word, int operation, std::uint32_t expected, std:
         if (isOver(deadline)) {
             return __atomic_load_n(word, __ATOMIC_SEQ_CST) == expected ? -ETIMEDOUT : -EAGAIN;
         }
-        const Wait wait(deadline);
+        const Wait wait(deadline, word, expected);
+        if (wait.refused()) {
+            return -EAGAIN;
+        }
         changeMask(SIG_UNBLOCK, page()->wakeSignal);
         const long result = real(SYS_futex, word, operation, expected, nullptr, nullptr, bits);
         const int error = result < 0 ? errno : 0;

@@ -36,13 +36,22 @@ bool isOver(std::int64_t deadline);
 int reserveSlot();
 void adoptSlot(int index);
 void releaseSlot(int index);
+void freeSlot(int index); ///< one that no thread has taken over
 int ownSlot();
+
+/// Of a thread that rests, in a state that was just seen: it will run. Nothing happens if it has gone on meanwhile.
+void callThread(Slot& slot, std::uint32_t state);
+
+/// Calls all who wait, or are about to wait, on this futex. All of them have to be woken then.
+void callWaitersOn(const void* word);
 
 /// Says to the conductor, as long as it lives, that this thread waits: for an event, or until the deadline.
 class Wait
 {
 public:
-    explicit Wait(std::int64_t deadline, int joinedSlot = -1);
+    explicit Wait(Doing what, std::int64_t deadline = Never, int joinedSlot = -1);
+    /// On a futex.
+    Wait(std::int64_t deadline, const std::uint32_t* word, std::uint32_t expected);
     ~Wait();
     Wait(const Wait&) = delete;
     Wait& operator=(const Wait&) = delete;
@@ -50,8 +59,17 @@ public:
     /// Whether the conductor's signal, and not something else, has interrupted this thread since the beginning.
     static bool wasCalled();
 
+    /// Whether there is nothing to wait for, as the futex has another value than expected or is just being woken.
+    bool refused() const { return m_refused; }
+
+    /// From now on this thread waits for what only the kernel sees, or does so no more.
+    static void hide(bool hidden);
+
 private:
+    void begin(std::int64_t deadline);
+
     int m_slot;
+    bool m_refused = false;
 };
 
 /// A thread that asks for the time, or looks whether something has come, without end waits for time to pass. True once
@@ -62,6 +80,8 @@ void restsNow();
 
 /// The signal mask that a waiting thread uses: the given one (null: its own) without the conductor's signal.
 sigset_t waitMask(const sigset_t* wanted);
+/// This thread has changed its own.
+void forgetMask();
 
 /// A wait for nothing but time. False when another signal has ended it early.
 bool sleepUntil(std::int64_t deadline);

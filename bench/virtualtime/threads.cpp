@@ -1,6 +1,7 @@
 // Threads and processes that begin and end.
 #include "participant.h"
 
+#include <csignal>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -54,7 +55,7 @@ void* begin(void* memory)
 int slotOf(pthread_t thread)
 {
     for (int index = 0; index < MaxThreads; ++index) {
-        if (page()->slots[index].state != Free && threadOfSlot[index] == thread) {
+        if (doing(page()->slots[index].state) != Free && threadOfSlot[index] == thread) {
             return index;
         }
     }
@@ -78,8 +79,7 @@ EXPORTED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
     if (result) {
         delete beginning;
         if (slot >= 0) {
-            page()->slots[slot].state = Free;
-            --page()->running;
+            freeSlot(slot);
         }
     }
     return result;
@@ -92,8 +92,22 @@ EXPORTED int pthread_join(pthread_t thread, void** result)
     if (joined < 0) {
         return real(thread, result);
     }
-    const Wait wait(Never, joined);
+    const Wait wait(Waiting, Never, joined);
     return real(thread, result);
+}
+
+EXPORTED int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) noexcept
+{
+    static const auto real = reinterpret_cast<decltype(&::pthread_sigmask)>(following("pthread_sigmask"));
+    forgetMask();
+    return real(how, set, old);
+}
+
+EXPORTED int sigprocmask(int how, const sigset_t* set, sigset_t* old) noexcept
+{
+    static const auto real = reinterpret_cast<decltype(&::sigprocmask)>(following("sigprocmask"));
+    forgetMask();
+    return real(how, set, old);
 }
 
 EXPORTED pid_t fork() noexcept

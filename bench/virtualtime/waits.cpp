@@ -1,16 +1,16 @@
 // Waits for descriptors, for time, and on futexes: none of them reaches the kernel with a time limit.
+#include "descriptors.h"
 #include "participant.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <linux/futex.h>
 #include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/syscall.h>
-#include <termios.h>
 #include <unistd.h>
 
 #define EXPORTED __attribute__((visibility("default")))
@@ -26,33 +26,28 @@ std::int64_t deadlineOf(const timespec* timeout)
     return timeout ? deadlineAfter(*timeout) : Never;
 }
 
-/// `look(timeout, mask)` is a call like ppoll's; it is asked at once and then for as long as it takes.
-template<typename Look>
-int waitForDescriptors(std::int64_t deadline, const sigset_t* wanted, Look look)
+/// `look(timeout, mask)` is a call like ppoll's; it is asked at once and then, after `prepare`, for as long as it
+/// takes.
+template<typename Look, typename Prepare>
+int waitForDescriptors(std::int64_t deadline, const sigset_t* wanted, Look look, Prepare prepare)
 {
     int found = look(&NoTime, wanted);
     if (found == 0 && isOver(deadline) && spins()) {
         deadline = page()->now + Millisecond;
     }
+    if (found != 0 || isOver(deadline)) {
+        return found;
+    }
     const sigset_t mask = waitMask(wanted);
+    prepare();
     while (found == 0 && !isOver(deadline)) {
-        const Wait wait(deadline);
+        const Wait wait(Polling, deadline);
         found = look(nullptr, &mask);
         if (found < 0 && errno == EINTR && Wait::wasCalled()) {
             found = 0;
         }
     }
     return found;
-}
-
-bool isSerialLine(int fd)
-{
-    static const auto real = reinterpret_cast<decltype(&::ioctl)>(following("ioctl"));
-    const int error = errno;
-    struct termios settings; // NOLINT: the kernel fills in less than the library's structure
-    const bool is = real(fd, TCGETS, &settings) == 0;
-    errno = error;
-    return is;
 }
 
 /// A limited wait for something that can only be tried: once a virtual millisecond, until `attempt` gives another
@@ -86,6 +81,33 @@ long virtualFutex(std::uint32_t* word, int operation, std::uint32_t expected, co
     return 0;
 }
 
+bool isWake(int command)
+{
+    return command != FUTEX_WAIT && command != FUTEX_WAIT_BITSET && command != FUTEX_LOCK_PI &&
+           command != FUTEX_UNLOCK_PI && command != FUTEX_TRYLOCK_PI;
+}
+
+/// Only who has been called may be woken, and whom the kernel would choose nobody knows: so all are. It is allowed at
+/// any time to wake a thread for nothing.
+long wakeFutex(long* a)
+{
+    static const auto real = reinterpret_cast<decltype(&::syscall)>(following("syscall"));
+    const int command = static_cast<int>(a[1]) & FUTEX_CMD_MASK;
+    const bool isPlain = command == FUTEX_WAKE || command == FUTEX_WAKE_BITSET;
+    const long sharing = a[1] & FUTEX_PRIVATE_FLAG;
+    callWaitersOn(reinterpret_cast<void*>(a[0]));
+    if (isPlain) {
+        return real(SYS_futex, a[0], FUTEX_WAKE | sharing, INT_MAX, nullptr, nullptr, 0);
+    }
+    const long result = real(SYS_futex, a[0], a[1], a[2], a[3], a[4], a[5]);
+    const int error = errno;
+    callWaitersOn(reinterpret_cast<void*>(a[4])); // on which the others were put, or which it woke, too
+    real(SYS_futex, a[0], FUTEX_WAKE | sharing, INT_MAX, nullptr, nullptr, 0);
+    real(SYS_futex, a[4], FUTEX_WAKE | sharing, INT_MAX, nullptr, nullptr, 0);
+    errno = error;
+    return result;
+}
+
 } // namespace
 
 extern "C" {
@@ -96,9 +118,10 @@ EXPORTED int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sig
     if (!page()) {
         return real(fds, count, timeout, mask);
     }
-    return waitForDescriptors(deadlineOf(timeout), mask, [=](const timespec* limit, const sigset_t* signals) {
+    const auto look = [=](const timespec* limit, const sigset_t* signals) {
         return real(fds, count, limit, signals);
-    });
+    };
+    return waitForDescriptors(deadlineOf(timeout), mask, look, [=] { hangOut(fds, count); });
 }
 
 EXPORTED int poll(pollfd* fds, nfds_t count, int milliseconds)
@@ -135,14 +158,17 @@ EXPORTED int pselect(int count, fd_set* readable, fd_set* writable, fd_set* fail
             wanted[each] = *sets[each];
         }
     }
-    return waitForDescriptors(deadlineOf(timeout), mask, [&](const timespec* limit, const sigset_t* signals) {
+    const auto look = [&](const timespec* limit, const sigset_t* signals) {
         for (int each = 0; each < 3; ++each) {
             if (sets[each]) {
                 *sets[each] = wanted[each];
             }
         }
         return real(count, readable, writable, failed, limit, signals);
-    });
+    };
+    const int found = waitForDescriptors(deadlineOf(timeout), mask, look, [] { Wait::hide(true); });
+    Wait::hide(false);
+    return found;
 }
 
 EXPORTED int select(int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout)
@@ -215,6 +241,9 @@ EXPORTED long syscall(long number, ...) noexcept
                             static_cast<std::uint32_t>(a[2]), reinterpret_cast<const timespec*>(a[3]),
                             command == FUTEX_WAIT ? FUTEX_BITSET_MATCH_ANY : static_cast<std::uint32_t>(a[5]));
     }
+    if (shared && number == SYS_futex && isWake(command)) {
+        return wakeFutex(a);
+    }
     if (shared && (number == SYS_clone || number == SYS_clone3)) {
         ++shared->children;
     }
@@ -264,7 +293,7 @@ EXPORTED ssize_t read(int fd, void* buffer, size_t size)
     if (!page() || !isSerialLine(fd)) {
         return real(fd, buffer, size);
     }
-    const Wait wait(Never);
+    const Wait wait(Reading);
     const ssize_t count = real(fd, buffer, size);
     page()->lineRead += count > 0 ? count : 0;
     return count;

@@ -11,6 +11,8 @@ import pytest
 from tessarobench.installation import Installation
 from tessarobench.loop import Loop, WaitTimeout
 
+pytestmark = pytest.mark.real_time("what stands in the place of the server takes no part in virtual time")
+
 
 @pytest.fixture
 def scripted(tmp_path):

@@ -37,11 +37,11 @@ def frames(record):
 
 
 @pytest.fixture(scope="module")
-def record(server_path):
+def record(server_path, library_of_server):
     """How things stood, what was seen, and when it ended. No link was lost in it: a loss explains what is missing around
-    it, and a computer busy with other things may cost the UART its 150 ms."""
+    it, and without virtual time a computer busy with other things may cost the UART its 150 ms."""
     for _ in range(5):
-        start, seen, end = recorded(server_path)
+        start, seen, end = recorded(server_path, library_of_server)
         if not any(is_loss(sight.event) for sight in seen if sight.what == "event"):
             return start, list(frames(seen)), end
     pytest.fail("the computer holds up base unit and bench so long that the UART's link is lost in each record")
@@ -51,9 +51,9 @@ def is_loss(event):
     return event.kind == "log" and event.text in ("Internal link fail!!!!!!!!", "NO_BI_LINK")
 
 
-def recorded(server_path):
+def recorded(server_path, library):
     seen = []
-    with Installation(server_path) as bench:
+    with Installation(server_path, virtual_time=library) as bench:
         plant = Plant(bench, record=seen)
         bench.bc.to_base_unit.chances(seed=1, loss=0.01, corrupt=0.01, duplicate=0.01)
         bench.mc.to_base_unit.chances(seed=2, corrupt=0.02, duplicate=0.02)

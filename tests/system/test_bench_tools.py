@@ -8,6 +8,8 @@ from pathlib import Path
 
 import pytest
 
+pytestmark = pytest.mark.real_time("the tour is for people")
+
 BENCH = Path(__file__).resolve().parents[2] / "bench"
 
 

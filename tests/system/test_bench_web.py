@@ -13,6 +13,7 @@ import pytest
 RUN = Path(__file__).resolve().parents[2] / "bench" / "run"
 PCAPNG = bytes.fromhex("0a0d0d0a")
 direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+pytestmark = pytest.mark.real_time("the bench in the browser is for people")
 
 
 class Web:

@@ -12,15 +12,19 @@ from pathlib import Path
 
 import pytest
 
-from tessarobench import capturefile, glink, internallink as il
+from tessarobench import capture, capturefile, glink, internallink as il
 from tessarobench.capturefile import CaptureFile
 from tessarobench.installation import UNIT_APPLICATION, Installation
+from tessarobench.board import LOOPBACK_NUMBER
 from tessarobench.journal import FROM_BASE_UNIT, TO_BASE_UNIT
+from tessarobench.packetring import Packet
 
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "support"))
 
 import tsharkreader  # noqa: E402
+
+pytestmark = pytest.mark.real_time("what is captured has the kernel's stamps")
 
 OUTBOUND = "0x00000002"  # of the packet flags: the base unit sent it
 LINK_FIELDS = ("frame.interface_name", "frame.packet_flags_direction", "frame.time_epoch", "tessaro_link.class",
@@ -227,6 +231,42 @@ def test_exactly_what_was_damaged_is_marked(captured, path):
     repeats = captured.journal.count(link="uart", direction=FROM_BASE_UNIT, again=True)
     assert again[TO_BASE_UNIT, "tessaro_eglink.again"] == 1
     assert again[FROM_BASE_UNIT, "tessaro_link.again"] == repeats
+
+
+class LateRing:
+    """In the place of the kernel's: hands over two packets one by one, the second long after the first, although its time is
+    an earlier one."""
+
+    def __init__(self, network, blocks):
+        now = time.time_ns()
+        self.waiting = [Packet(now + number, LOOPBACK_NUMBER, False, bytes(5) + bytes([number]) + bytes(54))
+                        for number in (1, 0)]
+        self.give_at = [time.monotonic(), time.monotonic() + 0.5]
+        self.never = os.eventfd(0)
+        self.dropped = 0
+
+    @property
+    def is_empty(self):
+        return not self.waiting
+
+    def fileno(self):
+        return self.never
+
+    def take(self):
+        due = [self.waiting.pop(0) for at in self.give_at if self.waiting and time.monotonic() >= at]
+        del self.give_at[:len(due)]
+        return due
+
+    def close(self):
+        os.close(self.never)
+
+
+def test_a_packet_that_the_kernel_hands_over_late_stands_in_its_place(path, monkeypatch):
+    monkeypatch.setattr(capture, "PacketRing", LateRing)
+    file = CaptureFile(path)
+    capture.Capture(file, None, lambda number: "lo").close()
+    file.close()
+    assert [row["eth.dst"] for row in tsharkreader.read(path, "eth.dst")] == [["00:00:00:00:00:00"], ["00:00:00:00:00:01"]]
 
 
 # --- complete, and once ------------------------------------------------------------------------------------------------

@@ -10,6 +10,8 @@ from pathlib import Path
 
 import pytest
 
+pytestmark = pytest.mark.real_time("the tour is for people")
+
 RUN = Path(__file__).resolve().parents[2] / "bench" / "run"
 _CONTROL = re.compile(r"\x1b\[[?0-9;]*[a-zA-Z]")
 
