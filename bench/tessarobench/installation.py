@@ -100,6 +100,8 @@ class Peers:
         """A connection from the private network to a port of the base unit."""
         connection = self.peer_socket()
         connection.settimeout(ANSWER_SECONDS)
+        # A second request would wait for the acknowledgement of the first, which the kernel delays in its own time.
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         connection.connect((self.wlan0.host, port))
         return connection
 
