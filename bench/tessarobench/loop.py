@@ -16,11 +16,12 @@ import time
 from typing import Any, Callable, NamedTuple, Optional
 
 from . import clock
-from .virtualtime import BENCHS_TURN, SETTLED, VirtualTime
+from .virtualtime import BENCHS_TURN, CHILD_WORKS, SETTLED, VirtualTime
 
 SWITCH_SECONDS = 0.0005
 # Of work that a server does at one moment of virtual time, or of real time in which it does nothing and yet does not rest.
 UNSETTLED_SECONDS = (1, 20)    # who has got what he waited for does not wait longer for a server that goes on and on
+CHILD_SECONDS = (1, 0.5)       # nor for a child process alone
 STANDSTILL_SECONDS = (30, 300)  # longer than anything takes
 REAL_PATIENCE = 0.01  # real; between two looks for what neither descriptors nor deadlines tell
 _CLOCK_ERROR = 2e-6  # a virtual deadline is met when the clock shows it, whatever becomes of it as a number of seconds
@@ -286,18 +287,18 @@ class Loop:
             self._turn(REAL_PATIENCE if self._next_timer() is None else 0)
         else:
             if verdict != BENCHS_TURN:
-                self._complain_of_standstill()
+                self._complain_of_standstill(CHILD_SECONDS if verdict == CHILD_WORKS else UNSETTLED_SECONDS)
             self._turn(0)
 
     def _has_moved(self) -> None:
         self._moved_at = (self.virtual.worked(), time.monotonic())
         self._steps_then = self.virtual.steps
 
-    def _complain_of_standstill(self) -> None:
+    def _complain_of_standstill(self, unsettled: tuple[float, float]) -> None:
         if self.virtual.steps != self._steps_then:
             self._has_moved()
         stood = (self.virtual.worked() - self._moved_at[0], time.monotonic() - self._moved_at[1])
-        if any(have > most for have, most in zip(stood, UNSETTLED_SECONDS)):
+        if any(have > most for have, most in zip(stood, unsettled)):
             self._release()
         if any(have > most for have, most in zip(stood, STANDSTILL_SECONDS)):
             with self._lock:

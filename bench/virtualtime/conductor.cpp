@@ -23,6 +23,8 @@ namespace {
 constexpr std::int64_t Microsecond = 1000;
 /// A thread that waits in a way that this library does not know must have rested for so long, as all others must.
 constexpr std::int64_t UnknownWait = 200000 * Microsecond;
+/// A process of which one thread has gone without leave is given so long to end as a whole.
+constexpr std::int64_t Ending = 2000000 * Microsecond;
 /// For so long it is worth while to stay awake for something that the kernel is just doing.
 constexpr std::int64_t SoonDone = 50 * Microsecond;
 
@@ -58,8 +60,14 @@ int borrowBoard(int process, int number)
 } // namespace
 
 /// What was found: the server works; it has nothing to do; bytes that it is to read are under way on its line; it has
-/// nothing to do, and bytes that it wrote are under way; it has nothing to do, and the bench has.
-enum class Verdict : std::int32_t { Busy, Settled, ToServer, FromServer, BenchsTurn };
+/// nothing to do, and bytes that it wrote are under way; it has nothing to do, and the bench has; only a child process
+/// works.
+enum class Verdict : std::int32_t { Busy, Settled, ToServer, FromServer, BenchsTurn, ChildWorks };
+
+constexpr bool hasSettled(Verdict verdict)
+{
+    return verdict == Verdict::Settled || verdict == Verdict::FromServer;
+}
 
 /// What the bench knows when it hands over, and what it is told.
 struct Stride
@@ -93,13 +101,14 @@ public:
     /// Waits at most so long until the server has nothing to do (see Stride). The bench does nothing meanwhile.
     Verdict settles(std::int64_t microseconds, std::int64_t sent, std::int64_t received)
     {
-        if (m_page.process == 0) {
-            return m_tasks.of(0, m_tasks.process()) == TaskState::Gone ? Verdict::Settled : Verdict::Busy;
-        }
         const std::int64_t began = realNow();
+        if (m_page.process == 0 || began < m_endsUntil) {
+            pause(0);
+            return Verdict::Busy; // the bench will hear of its end
+        }
         const std::int64_t until = began + microseconds * Microsecond;
         Verdict verdict = look(sent, received);
-        while ((verdict == Verdict::Busy || verdict == Verdict::ToServer) && realNow() < until) {
+        while (!hasSettled(verdict) && realNow() < until) {
             if (m_page.running == 0 || !waitForRest(until)) {
                 pause(began);
             }
@@ -153,9 +162,12 @@ private:
         if (m_page.running != 0 || !allRest() || callReady() || !othersSleep() || toServer || turns() != before) {
             return m_page.lineRead < sent ? Verdict::ToServer : Verdict::Busy;
         }
+        if (m_endsUntil > realNow()) {
+            return Verdict::Busy;
+        }
         m_closely = m_closely && m_stopped;
         if (!noChildWorks()) {
-            return Verdict::Busy;
+            return Verdict::ChildWorks;
         }
         return received >= 0 && received < m_page.lineWritten ? Verdict::FromServer : Verdict::Settled;
     }
@@ -272,6 +284,7 @@ private:
     /// A thread that has not taken its leave: its process has ended.
     void removeEnded(Slot& slot)
     {
+        m_endsUntil = realNow() + Ending;
         const std::uint32_t state = slot.state.exchange(Free);
         if (doing(state) != Free && !rests(state)) {
             --m_page.running;
@@ -333,6 +346,7 @@ private:
     std::uint32_t m_childrenEnded = 0;
     std::uint64_t m_turnsThen = 0;
     std::int64_t m_busySince = 0;
+    std::int64_t m_endsUntil = 0;
     std::int64_t m_unknownWaits = 0;
 };
 
@@ -362,7 +376,7 @@ Verdict stride(Conductor* conductor, Stride& with)
     for (with.jumps = 0;; ++with.jumps) {
         const Verdict verdict =
             conductor ? conductor->settles(PatienceMicroseconds, with.sent, with.received) : Verdict::Settled;
-        if (verdict == Verdict::Busy || verdict == Verdict::ToServer) {
+        if (!hasSettled(verdict)) {
             return verdict;
         }
         if (with.due <= with.now || hasEvents(with.events, verdict == Verdict::FromServer ? LineMilliseconds : 0)) {
