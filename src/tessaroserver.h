@@ -64,6 +64,7 @@ public slots:
     void initializeEgLink(QVariant buIdentity);
     /// Starts the hub, whatever the identity is.
     void initializeRgpCom(QVariant buIdentity);
+    /// Tells the state in the log, by its name.
     void buStateChanged(QVariant buState);
 
 private:
@@ -90,11 +91,13 @@ private:
     template<typename Service>
     Service* service(unsigned char id);
 
+    // What lives in another thread is reached by queued calls only; docs/architecture.md has the table of who frees
+    // what.
     TagDatabase* tagDatabase = nullptr;
     RGPCom* rgpCom = nullptr;
     TransportLayer* transportLayer = nullptr; ///< owned and used by the service layer alone
     Configuration* myConfiguration = nullptr;
-    EGLink* egLink = nullptr;
+    EGLink* egLink = nullptr; ///< null before the first identity; without a thread when the key EMAP is 0
     MsRelayControl* msRelayControl = nullptr;
     ServiceLayer* serviceLayer = nullptr;
     SystemEventService* eventService = nullptr;
@@ -104,8 +107,8 @@ private:
     GfallbackServiceC* gFallbackService = nullptr;
     CFallbackServiceC* cFallbackService = nullptr;
     PairServer* pairServer = nullptr;
-    QMap<unsigned char, ServiceBase*> services;
-    GLinkServer* gLinkServer = nullptr; ///< owned and used by the hub alone
+    QMap<unsigned char, ServiceBase*> services; ///< by id; filled once, in the service-layer thread, which owns them
+    GLinkServer* gLinkServer = nullptr;         ///< owned and used by the hub alone
     APIServer* apiServer = nullptr;
 
     ConfigurationReload* m_reload = nullptr;

@@ -28,6 +28,7 @@ public:
     /// The descriptor for bad times, or -1.
     int kept() const { return m_kept; }
 
+    /// One byte, '0' or '1'. When this returns `Done`, the line has the level.
     Outcome write(char level) const;
     /// At most `size` bytes; what the file does not have leaves `text` as it is.
     Outcome read(char* text, int size) const;
@@ -38,5 +39,5 @@ private:
 
     const QByteArray m_path;
     const int m_flags;
-    int m_kept = -1;
+    int m_kept = -1; ///< -1: none
 };

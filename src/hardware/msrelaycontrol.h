@@ -33,9 +33,10 @@ public:
         OPEN = 0,
         CLOSED = 1,
     };
+    /// What changes the wish.
     enum MSEvents : quint8 {
-        BI_FAIL_EVENT = 0,
-        STARTING_EVENT = 1,
+        BI_FAIL_EVENT = 0,  ///< open: the internal link has failed, or a machine stop had no effect
+        STARTING_EVENT = 1, ///< close: the internal link is back
     };
 
     /// Sets both lines up under /sys/class/gpio and closes the relay.
@@ -45,11 +46,15 @@ public:
     ~MsRelayControl() override;
 
     /// @return 1 when the monitor line shows the relay closed, 0 when it shows it open.
+    /// Reads the file of the line, each time anew. What it holds besides '0' and '1' is fatal.
     int getRelayState();
+    /// Writes the drive line and returns when the kernel has it. The contact follows as fast as the relay does, which
+    /// is not waited for.
     void setMSRelayState(MSRelayState state);
 
+    /// Changes the wish, and drives the relay if it is another one; after `openForShutdown` nothing.
     void newEvent(const MSEvents event);
-    /// Drives the relay to the wanted state.
+    /// Drives the relay to the wanted state, whatever it was driven to before.
     void updateState();
 
     /// Opens the relay as the last act of an orderly end; whatever arrives afterwards leaves it open. Never fatal.
@@ -66,10 +71,12 @@ public slots:
     void systemStateSlot(const quint8 state);
     /// Starts the check one second from now, unless one is pending already.
     void machineStopPressed();
+    /// Looks at the contact. What it finds closed is opened and stays so until the link's next start.
     void machineStopPressedTimerTimeout();
 
 signals:
-    /// The relay was still closed one second after a machine stop.
+    /// The relay was still closed one second after a machine stop; by now it has been driven open. Wakes the
+    /// service-layer thread, which lets the internal link fail.
     void bcMachineStopFail();
 
 private:

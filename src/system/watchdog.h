@@ -31,7 +31,9 @@ public:
     /// Watches the thread in which `resident` lives; `name` is for the log. `resident` outlives this object.
     void watch(QObject* resident, const QString& name);
 
-    /// Says that the process is ready, and begins to watch if the service manager wants that.
+    /// Says that the process is ready, and begins to watch if the service manager wants that: a sign of life at once,
+    /// and then four in the time within which it expects one, or every 250 ms if that is less. All threads count as
+    /// having answered just now.
     void start();
     /// Says that the process is about to end; from then on nobody is watched.
     void stop();
@@ -42,15 +44,16 @@ private:
     /// Outlives the watchdog where an answer is still under way.
     struct Answers
     {
-        std::atomic<Clock::rep> last{0};
-        std::atomic<bool> isAwaited{false};
+        std::atomic<Clock::rep> last{
+            0}; ///< when the last answer came, in ticks of `Clock`; written by the thread asked
+        std::atomic<bool> isAwaited{false}; ///< set by the main thread, cleared by the answer
     };
     struct Watched
     {
         QObject* resident;
         QString name;
         std::shared_ptr<Answers> answers;
-        bool isSilent = false;
+        bool isSilent = false; ///< so that the log tells a change and not a state
     };
 
     void check();

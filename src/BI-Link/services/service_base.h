@@ -13,6 +13,7 @@ class ServiceBase : public QObject
     Q_OBJECT
 
 public:
+    /// @param serviceId  one of those that `link.h` names.
     ServiceBase(QObject* parent, signed char serviceId);
     ~ServiceBase() override;
 

@@ -15,17 +15,17 @@ class TagDatabase;
 /// How the bytes of a tag are read. The BE types read the most significant byte first, the others the least
 /// significant.
 enum tagDataType {
-    TDBT_NOT_SET = 0,
-    TDBT_UINT = 1,
-    TDBT_BE_UINT = 2,
-    TDBT_INT = 3,
-    TDBT_BE_INT = 4,
-    TDBT_REAL = 5,
-    TDBT_BE_REAL = 6,
-    TDBT_STRING = 7,
-    TDBT_RAW = 8,
-    TDBT_BOOLEAN = 9,
-    TDBT_BE_BOOLEAN = 10,
+    TDBT_NOT_SET = 0,     ///< cannot be decoded: the value stands
+    TDBT_UINT = 1,        ///< 1, 2 or 4 bytes, or bits of these; the value is an unsigned int
+    TDBT_BE_UINT = 2,     ///< the same
+    TDBT_INT = 3,         ///< 1, 2 or 4 bytes, or bits of 1 to 4; two's complement; the value is an int
+    TDBT_BE_INT = 4,      ///< the same
+    TDBT_REAL = 5,        ///< 4 bytes (a float) or 8 (a double), IEEE 754
+    TDBT_BE_REAL = 6,     ///< the same
+    TDBT_STRING = 7,      ///< Latin-1 up to the first zero byte; a QString
+    TDBT_RAW = 8,         ///< the bytes as they are; a QByteArray
+    TDBT_BOOLEAN = 9,     ///< the start bit of 1, 2 or 4 bytes
+    TDBT_BE_BOOLEAN = 10, ///< the same
     TDBT_ENDOFENUMMARKER = 11,
 };
 Q_DECLARE_METATYPE(tagDataType)
@@ -55,6 +55,7 @@ public:
     };
     Q_ENUM(HostLinkType)
 
+    /// The value is the int 0, and there are no bytes yet.
     explicit Tag(QString tagName, QObject* parent = nullptr);
 
     /// Replaces the value and announces it, unless `newValue` equals the current value as `QVariant` compares: a
@@ -71,27 +72,34 @@ public:
     /// outside the bytes (the assertions of `getIntFromBits` and `getBitValue`).
     void setValue(QByteArray data);
 
+    /// The bytes last given to `setValue(QByteArray)`, however many these were; `setValue(QVariant)` leaves them. They
+    /// and the value of a separate call may be of different moments.
     Q_INVOKABLE QByteArray getRawData() const;
+    /// The newest value; its type is that of the decoding, or of what was set.
     Q_INVOKABLE QVariant getValue() const;
 
     /// @return the text stored for the current value, empty when there is none.
     Q_INVOKABLE QString getState() const;
-    /// Stores or replaces the text for one value.
+    /// Stores or replaces the text for one value. Part of the definition: before other threads know the tag.
     void insertState(const QVariant& value, const QString& text);
 
     /// Counts the replacements of the raw bytes: who remembers this count and, read after it, the raw bytes knows the
     /// bytes while the count stands, and may leave out a `setValue` of the same ones.
     quint32 rawRevision() const { return m_rawRevision.load(std::memory_order_acquire); }
 
+    /// What people call the tag; the name is what programs call it.
     Q_INVOKABLE QString getLabel() const { return label; }
     void setLabel(const QString& newLabel) { label = newLabel; }
 
+    /// Where the tag begins in its image, which begins at 0.
     Q_INVOKABLE quint16 getStartByte() const { return startByte; }
     void setStartByte(const quint16& newStartByte) { startByte = newStartByte; }
 
+    /// How many bytes it takes, those of a bit field included.
     Q_INVOKABLE quint16 getByteSize() const { return byteSize; }
     void setByteSize(const quint16& newByteSize) { byteSize = newByteSize; }
 
+    /// The first bit of a bit field or the bit of a boolean; bit 0 is the least significant one of the number.
     Q_INVOKABLE quint16 getStartBit() const { return startBit; }
     void setStartBit(const quint16& newStartBit) { startBit = newStartBit; }
 
@@ -105,7 +113,8 @@ public:
     Q_INVOKABLE qint16 getPriority() const { return priority; }
     void setPriority(const qint16& newPriority) { priority = newPriority; }
 
-    // Limits are kept for the tag's users; the tag itself does not judge its value by them.
+    // Limits are kept for the tag's users; the tag itself does not judge its value by them. They are in the unit of
+    // `getUnitLabel`, and 0 where the tag file gives none.
     Q_INVOKABLE float getMinimumValue() const { return minimumValue; }
     void setMinimumValue(const float& limit) { minimumValue = limit; }
 
@@ -138,6 +147,8 @@ public:
     void setRelatedTags(TagDatabase* database) { relatedTags = database; }
 
 signals:
+    /// The value has changed: emitted behind its publication, once for each change, by the thread that made it. By the
+    /// time that a queued receiver has it, `getValue` may be newer.
     void valueUpdated(QVariant value);
 
 private:

@@ -36,8 +36,9 @@ public:
     /// name, the first loaded stands.
     void loadTagFiles(const QVector<TagFile>& files);
 
-    /// As in `Database`, for tags: null for a record that is not a tag.
+    /// As in `Database`, for tags: null for a record that is not a tag. The tag stays the database's.
     Q_INVOKABLE Tag* at(int index) const;
+    /// By its name, upper and lower case told apart; null when there is none.
     Tag* get(QString tagName) const;
 
 public slots:

@@ -8,13 +8,13 @@ class QTimer;
 
 /// Status of the link to the machine controller, as reported outward (one byte of the status record).
 enum EGLinkState : int {
-    NOT_CONFIGURED = 0,
+    NOT_CONFIGURED = 0, ///< before CONFIGURE, and after DISABLE
     OPERATIONAL = 1,
-    NO_LINK = 2,
+    NO_LINK = 2, ///< known to those who read the state; no row of the table leads here
     LINK_ERROR = 3,
-    INTERFACE_ERROR = 4,
-    DATA_ERROR = 5,
-    PASSIVE = 6,
+    INTERFACE_ERROR = 4, ///< see NO_LINK
+    DATA_ERROR = 5,      ///< see NO_LINK
+    PASSIVE = 6,         ///< see NO_LINK
     /// Configured, and nothing heard yet. Never reported: the outside sees LINK_ERROR. The number is far away from the
     /// reportable ones so that the two cannot be confused.
     LINK_ERROR_INITIAL = 10002,
@@ -22,15 +22,15 @@ enum EGLinkState : int {
 
 /// What the link tells its state machine.
 enum EGLinkEvent : int {
-    CONFIGURE = 0,
-    PERIODIC_DATA = 1,
-    CMD_ACK_FAILURE = 2,
-    CRC_ERROR = 3,
-    SEQ_NO_ERROR = 4,
-    NO_PERIODIC_DATA = 5,
-    DISABLE = 6,
-    TIMER_EXPIRED = 7,
-    CONFIGURE_NO_VRPO = 8,
+    CONFIGURE = 0,         ///< the link begins, and waits for data
+    PERIODIC_DATA = 1,     ///< a whole set has arrived
+    CMD_ACK_FAILURE = 2,   ///< a command was repeated in vain, or another one than expected was acknowledged
+    CRC_ERROR = 3,         ///< nobody raises it: damaged packets are dropped
+    SEQ_NO_ERROR = 4,      ///< nobody raises it
+    NO_PERIODIC_DATA = 5,  ///< no whole set for too long; comes again as long as there is none
+    DISABLE = 6,           ///< the link ends
+    TIMER_EXPIRED = 7,     ///< raised here, after the time of a row
+    CONFIGURE_NO_VRPO = 8, ///< the link begins, and no data is to be waited for
 };
 
 Q_DECLARE_METATYPE(EGLinkState)
@@ -69,6 +69,8 @@ public:
     EGLinkState currentState() const { return m_currentState; }
 
 public slots:
+    /// The change, its report and the timer are done when this returns; receivers of the report in the same thread run
+    /// in it.
     void receiveEvent(const EGLinkEvent event);
     /// Raises TIMER_EXPIRED behind whatever the event loop already holds.
     void timerExpired();
