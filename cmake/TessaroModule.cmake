@@ -30,7 +30,7 @@ set(CMAKE_AUTOGEN_ORIGIN_DEPENDS OFF)
 
 # Headers that nearly all sources include, compiled once for modules, and once for tests, which have more of them. A target may
 # have more directories and definitions than these, as long as the headers do not ask for them. QtTest asks for Qt5::Network,
-# so all tests have it.
+# so all tests have it. Tests themselves are not optimized then, which takes half the time; what they test is.
 if(TESSARO_PRECOMPILED)
   file(WRITE ${CMAKE_BINARY_DIR}/precompiled/none.cpp "// What the precompiled headers belong to.\n")
   set(common <QByteArray> <QCoreApplication> <QDateTime> <QDebug> <QDir> <QFile> <QHash> <QMap> <QObject> <QPointer> <QString>
@@ -43,6 +43,7 @@ if(TESSARO_PRECOMPILED)
     add_library(tessaro_precompiledtest OBJECT ${CMAKE_BINARY_DIR}/precompiled/none.cpp)
     target_precompile_headers(tessaro_precompiledtest PRIVATE ${common} <QSignalSpy> <QTemporaryDir> <QtTest>)
     target_link_libraries(tessaro_precompiledtest PRIVATE Qt5::Test Qt5::Network tessaro_options)
+    target_compile_options(tessaro_precompiledtest PRIVATE -O0)
   endif()
 endif()
 
@@ -71,6 +72,28 @@ function(tessaro_add_module name)
   tessaro_use_precompiled(${target} precompiled)
 endfunction()
 
+# For the classes with signals or slots in the sources of a test; x.cpp includes its x.moc. CMake's own way would look at every
+# test for headers with such classes, and compile a file for them, which is empty in nearly all of them.
+function(tessaro_generate_moc target)
+  set(folder ${CMAKE_CURRENT_BINARY_DIR}/${target}_moc)
+  target_include_directories(${target} PRIVATE ${folder})
+  foreach(source IN LISTS ARGN)
+    get_filename_component(stem ${source} NAME_WE)
+    get_filename_component(kind ${source} EXT)
+    if(kind STREQUAL ".cpp")
+      qt5_generate_moc(${source} ${folder}/${stem}.moc TARGET ${target})
+      target_sources(${target} PRIVATE ${folder}/${stem}.moc)
+    else()
+      file(STRINGS ${source} objects REGEX "Q_OBJECT|Q_GADGET")
+      set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+      if(objects)
+        qt5_generate_moc(${source} ${folder}/moc_${stem}.cpp TARGET ${target})
+        target_sources(${target} PRIVATE ${folder}/moc_${stem}.cpp)
+      endif()
+    endif()
+  endforeach()
+endfunction()
+
 # tessaro_add_test(NAME SOURCES tst_x.cpp [DEPENDS module ...] [TIMEOUT seconds])
 #
 # One QtTest program, registered with CTest under its name. Tests link modules; they never compile module sources again.
@@ -83,10 +106,12 @@ function(tessaro_add_test name)
     set(ARG_TIMEOUT 60)
   endif()
   add_executable(${name} ${ARG_SOURCES})
-  set_target_properties(${name} PROPERTIES AUTOMOC ON RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  tessaro_generate_moc(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} Qt5::Test tessaro_options)
   if(TESSARO_PRECOMPILED)
     target_link_libraries(${name} PRIVATE Qt5::Network)
+    target_compile_options(${name} PRIVATE -O0)
   endif()
   tessaro_use_precompiled(${name} precompiledtest)
   add_test(NAME ${name} COMMAND ${name})
