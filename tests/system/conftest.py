@@ -116,3 +116,20 @@ def serving(bench):
     bench.bc.retry_seconds = 1.0
     yield bench.start_to_serve()
     assert [unit.damaged for unit in bench.units if unit.damaged] == []
+
+
+@pytest.fixture
+def scripted(tmp_path):
+    """A function that lays a board whose server is the given Python script."""
+    boards = []
+
+    def lay(script):
+        program = tmp_path / "program"
+        program.write_text("#!/usr/bin/python3 -u\n" + script)
+        program.chmod(0o755)
+        boards.append(Installation(program))
+        return boards[-1]
+
+    yield lay
+    for board in boards:
+        board.close()

@@ -8,27 +8,9 @@ import time
 
 import pytest
 
-from tessarobench.installation import Installation
 from tessarobench.loop import Loop, WaitTimeout
 
 pytestmark = pytest.mark.real_time("what stands in the place of the server takes no part in virtual time")
-
-
-@pytest.fixture
-def scripted(tmp_path):
-    """A function that lays a board whose server is the given Python script."""
-    boards = []
-
-    def lay(script):
-        program = tmp_path / "program"
-        program.write_text("#!/usr/bin/python3 -u\n" + script)
-        program.chmod(0o755)
-        boards.append(Installation(program))
-        return boards[-1]
-
-    yield lay
-    for board in boards:
-        board.close()
 
 
 def test_relay_follows_the_drive_line_and_moves_the_monitor(scripted):

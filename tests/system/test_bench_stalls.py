@@ -7,7 +7,6 @@ import subprocess
 
 import pytest
 
-from tessarobench.installation import Installation
 from tessarobench.memorygroup import MemoryGroup
 from tessarobench.stallingdisk import HANG, StallingDisk, available
 from tessarobench.stalls import STALLS, Stall
@@ -15,23 +14,6 @@ from tessarobench.stalltable import BEGIN, END, Row, rewrite, table
 from tessarobench.stalltrial import Outcome, attempt, build_library
 
 pytestmark = pytest.mark.real_time("the kernel stalls in its own time")
-
-
-@pytest.fixture
-def scripted(tmp_path):
-    """A function that lays a board whose server is the given Python script."""
-    boards = []
-
-    def lay(script):
-        program = tmp_path / "program"
-        program.write_text("#!/usr/bin/python3 -u\n" + script)
-        program.chmod(0o755)
-        boards.append(Installation(program))
-        return boards[-1]
-
-    yield lay
-    for board in boards:
-        board.close()
 
 
 @pytest.fixture

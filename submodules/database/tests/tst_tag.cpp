@@ -78,6 +78,22 @@ void define(Tag& tag, const Definition& definition)
 
 Q_DECLARE_METATYPE(Definition)
 
+namespace {
+
+void addDecodingColumns()
+{
+    QTest::addColumn<Definition>("definition");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QVariant>("value");
+}
+
+void addDecoding(const char* name, const Definition& definition, const QByteArray& bytes, const QVariant& value)
+{
+    QTest::newRow(name) << definition << bytes << value;
+}
+
+} // namespace
+
 void TestTag::aNewTagIsEmpty()
 {
     const Tag tag("speed", nullptr);
@@ -184,14 +200,8 @@ void TestTag::gettersAreInvokable()
 
 void TestTag::bytesBecomeValues_data()
 {
-    QTest::addColumn<Definition>("definition");
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QVariant>("value");
-
-    const auto row = [](const char* name, const Definition& definition, const QByteArray& bytes,
-                        const QVariant& value) {
-        QTest::newRow(name) << definition << bytes << value;
-    };
+    addDecodingColumns();
+    const auto row = addDecoding;
     row("one unsigned byte", {TDBT_UINT, 1}, hex("FF"), 255U);
     row("one unsigned byte, big endian", {TDBT_BE_UINT, 1}, hex("80"), 128U);
     row("two unsigned bytes, least significant first", {TDBT_UINT, 2}, hex("1234"), 0x3412U);
@@ -334,14 +344,8 @@ void TestTag::anUnsetTypeKeepsTheValue()
 
 void TestTag::bytesOfAnotherSizeAreCutOrCompleted_data()
 {
-    QTest::addColumn<Definition>("definition");
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QVariant>("value");
-
-    const auto row = [](const char* name, const Definition& definition, const QByteArray& bytes,
-                        const QVariant& value) {
-        QTest::newRow(name) << definition << bytes << value;
-    };
+    addDecodingColumns();
+    const auto row = addDecoding;
     row("four bytes for an unsigned byte", {TDBT_UINT, 1}, hex("07010203"), 7U);
     row("four bytes for a signed byte", {TDBT_INT, 1}, hex("FE000000"), -2);
     row("four bytes for two", {TDBT_UINT, 2}, hex("34120000"), 0x1234U);
