@@ -9,6 +9,7 @@ import pytest
 
 from tessarobench import clock, pairwire, virtualtime
 from tessarobench.installation import Installation
+from tessarobench.soak import Soak
 
 WAITS = {"poll": 100, "ppoll": 200, "select": 300, "nanosleep": 200, "usleep": 40, "sleep": 2000, "clock_nanosleep": 60,
          "poll until written": 70, "pthread_join": 0, "condition clockwait": 110, "condition timedwait": 120,
@@ -100,6 +101,13 @@ def test_time_stands_while_a_child_process_is_at_work(virtual_bench):
     virtual_bench.tool.send(pairwire.get_app(1001, path))
     virtual_bench.wait_for(lambda: select.select([requests], [], [], 0)[0])
     assert virtual_bench.journal.now == before
+
+
+def test_the_books_of_a_soak_balance_chapter_by_chapter(server_path, library):
+    said = []
+    assert Soak(server_path, 3, said.append, library).run(60, chapter=20) == []
+    images = next(line for line in said if line.startswith("  process images to the API"))
+    assert int(images.split()[5]) > 60 * 45  # of all chapters together, fifty a second
 
 
 def test_where_there_is_no_library_it_says_so_and_goes_on(tmp_path, capfd):
