@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import fcntl
+import mmap
 import os
 import resource
 import signal
@@ -60,6 +61,12 @@ def _bound(table: str, port: int, state: str) -> bool:
     except FileNotFoundError:
         return False
     return any(row[1].endswith(f":{port:04X}") and row[3] == state for row in rows)
+
+
+def _is_thread_sanitized(program: str) -> bool:
+    """Whether it has the thread sanitizer in it, which is linked statically."""
+    with open(program, "rb") as file, mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ) as content:
+        return content.find(b"__tsan_init") >= 0
 
 
 def split_line(raw: str) -> LogLine:
@@ -206,10 +213,10 @@ class ServerProcess:
 
     @property
     def sanitized(self) -> bool:
-        """Whether it runs with the address sanitizer: such a server keeps what it has freed on purpose, so that its resident
-        memory tells nothing, and looks for leaks itself when it ends in an orderly way."""
+        """Whether it runs with the address or the thread sanitizer: such a server keeps what it has freed on purpose, or a
+        shadow of all that it touches, so that its resident memory tells nothing."""
         with open(f"/proc/{self.pid}/maps", encoding="ascii") as file:
-            return "libasan" in file.read()
+            return "libasan" in file.read() or _is_thread_sanitized(f"/proc/{self.pid}/exe")
 
     def memory(self) -> int:
         """Resident bytes, for comparing with later ones; always 0 when `sanitized`."""
