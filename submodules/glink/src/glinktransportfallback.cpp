@@ -27,6 +27,7 @@ bool GLinkTransportFallback::handleInitMsg()
 {
     const quint64 introduction = nextIntroduction();
     const bool isAcceptable = GLinkTransportBase::handleInitMsg();
+    m_introductions.insert(m_rxPeerId, introduction);
     emit newConnection(m_rxPeerId);
     emit introduced(m_rxPeerId, introduction);
     return isAcceptable;
@@ -91,6 +92,18 @@ void GLinkTransportFallback::close(quint16 remoteId)
     }
     m_rxPeerId = remoteId;
     releaseUnit();
+}
+
+void GLinkTransportFallback::closeForTcp(quint16 remoteId, quint64 introduction)
+{
+    if (introduction == 0 || introduction > m_introductions.value(remoteId)) {
+        close(remoteId);
+    }
+}
+
+void GLinkTransportFallback::withdraw(quint16 remoteId)
+{
+    emit withdrawn(remoteId);
 }
 
 void GLinkTransportFallback::releaseUnit()

@@ -2,6 +2,8 @@
 
 #include "glinktransportbase.h"
 
+#include <QHash>
+
 /// GLink through the base controller, for remote units whose TCP link is gone. One instance serves all of them: its
 /// pipe is the fallback service of the internal link, which carries frames tagged with the id of the remote unit.
 ///
@@ -43,6 +45,11 @@ public slots:
     void linkDown();
     /// The unit has a better link. Its message in flight, if it was the last one sent, counts as sent.
     void close(quint16 remoteId);
+    /// The same because the unit has introduced itself over TCP, by that one of all INITs (0: nobody knows by which).
+    /// Ignored when it has introduced itself here since: it would lose the link that it uses.
+    void closeForTcp(quint16 remoteId, quint64 introduction);
+    /// The unit is back on TCP: what is behind this transport drops what waits for it.
+    void withdraw(quint16 remoteId);
 
 signals:
     /// That unit introduced itself over the fallback.
@@ -56,6 +63,8 @@ signals:
     void serviceForward(QByteArray data, unsigned short remoteId);
     /// A frame for that unit.
     void dataToServiceLayer(quint16 remoteId, const QByteArray& data);
+    /// Of the frames for that unit that were handed over before, none is to go out any more.
+    void withdrawn(quint16 remoteId);
 
 protected:
     /// What another unit has in flight counts as sent, so that its queue goes on.
@@ -65,5 +74,6 @@ private:
     void releaseUnit();
     void closeUnitOfLastSend();
 
+    QHash<quint16, quint64> m_introductions; ///< the last of each unit
     quint16 m_incomingPeerId = 0; ///< unit of the partial frame that is kept; m_rxPeerId changes with close() and INIT
 };

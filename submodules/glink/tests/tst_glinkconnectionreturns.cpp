@@ -1,3 +1,4 @@
+#include "glinkframes.h"
 #include "joinedlinks.h"
 
 #include <QSignalSpy>
@@ -28,6 +29,7 @@ private slots:
     void initOverTcpLeavesTheFallbacksMessageInFlight();
     void acknowledgementOverTheClosingFallbackSendsNothingThere();
     void initOverTheClosingFallbackIsAnsweredThere();
+    void initOverTheFallbackBehindOneOverTcpKeepsTheFallback();
     void initOverTheFallbackIsAnsweredThere();
 
 private:
@@ -272,6 +274,26 @@ void TestGLinkConnectionReturns::initOverTheClosingFallbackIsAnsweredThere()
     joinFallback(unit, fallback);
     unit.enqueueMessage(InitAck, "over the fallback", true);
     QCOMPARE(fallback.sent.texts(), QStringList{"2:over the fallback"});
+}
+
+// The unit has gone on to the fallback before the order to close that arrives there.
+void TestGLinkConnectionReturns::initOverTheFallbackBehindOneOverTcpKeepsTheFallback()
+{
+    FakeTcpLink tcp;
+    FakeFallbackLink fallback;
+    constexpr quint16 id = 0x0203; // of Frames::init()
+    GLinkConnection unit(id, &fallback, nullptr, nullptr);
+    joinFallback(unit, fallback);
+    const QSignalSpy closed(&fallback, &GLinkTransportBase::closedConnection);
+    const QSignalSpy joined(&fallback, &GLinkTransportFallback::newConnection);
+    unit.setGLink(&tcp);
+    tcp.handleInitMsg();
+    unit.initChannel(&tcp);
+    fallback.dataFromServiceLayer(id, Frames::init());
+    QCOMPARE(joined.count(), 1);
+
+    QCoreApplication::processEvents();
+    QCOMPARE(closed.count(), 0);
 }
 
 void TestGLinkConnectionReturns::initOverTheFallbackIsAnsweredThere()

@@ -23,6 +23,7 @@ private slots:
     void closeOfAnotherUnitDoesNotHandOverThePartialFrame();
     void closeDropsThePartialFrameOfThatUnit();
     void bytesOneByOneMakeAFrame();
+    void introductionOverTcpBeforeTheLastOneHereClosesNothing();
     void deInitEndsTheUnitsLink();
     void closeReleasesTheMessageInFlightOfThatUnit();
     void closeOfAnotherUnitLeavesTheMessageInFlightAlone();
@@ -204,6 +205,24 @@ void TestGLinkTransportFallback::bytesOneByOneMakeAFrame()
     }
     r.link.dataFromServiceLayer(7, QByteArray());
     QCOMPARE(r.events(), (QStringList{"to 7 ACK 3", "read 7 id 3 616263"}));
+}
+
+void TestGLinkTransportFallback::introductionOverTcpBeforeTheLastOneHereClosesNothing()
+{
+    Recorder r;
+    const QSignalSpy introduced(&r.link, &GLinkTransportFallback::introduced);
+    r.link.dataFromServiceLayer(InitUnit, Frames::init());
+    const quint64 number = introduced.last().last().toULongLong();
+    r.events();
+
+    r.link.closeForTcp(InitUnit, number - 1);
+    QCOMPARE(r.events(), QStringList());
+    r.link.closeForTcp(InitUnit, number + 1);
+    QCOMPARE(r.events().value(0), QStringLiteral("closed 515"));
+    r.link.closeForTcp(InitUnit, 0);
+    QCOMPARE(r.events().value(0), QStringLiteral("closed 515"));
+    r.link.closeForTcp(8, number - 1);
+    QCOMPARE(r.events().value(0), QStringLiteral("closed 8"));
 }
 
 void TestGLinkTransportFallback::deInitEndsTheUnitsLink()
