@@ -81,4 +81,7 @@ void ServiceLayer::connectSystemEvents()
     connect(transportLayer, &TransportLayer::resetAckRecieved, events, &SystemEventService::resetAckRecieved);
     connect(events, &SystemEventService::systemStateChanged, transportLayer, &TransportLayer::clearSendBuffer);
     connect(transportLayer, &TransportLayer::internLinkFail, events, &SystemEventService::internalLinkFailed);
+    auto* const fallback = qobject_cast<GfallbackServiceC*>(services.value(SERVICE_G_FALLBACK));
+    fallback->followLinkState(SystemEventService::NO_BI_LINK);
+    connect(events, &SystemEventService::systemStateChanged, fallback, &GfallbackServiceC::followLinkState);
 }

@@ -133,6 +133,7 @@ void RGPCom::connectFallback(GfallbackServiceC* gFallback)
     }
     connect(link, &GLinkTransportFallback::newConnection, gFallback, &GfallbackServiceC::reset, queued);
     connect(link, &GLinkTransportFallback::dataToServiceLayer, gFallback, &GfallbackServiceC::fallbackTxInTurn, queued);
+    connect(link, &GLinkTransportFallback::withdrawn, gFallback, &GfallbackServiceC::withdraw, queued);
     inThreadOf(gFallback, [gFallback, owner = m_fallbackOwner] {
         const auto toLink = Qt::QueuedConnection;
         connect(gFallback, &GfallbackServiceC::fallbackRx, owner.get(), &GLinkTransportFallback::dataFromServiceLayer,
@@ -260,6 +261,18 @@ void RGPCom::removeFallbackLink(quint16 remoteId)
     if (connection->setFallbackLink(nullptr) == GLinkConnection::FALLBACK) {
         qDebug() << "GLink state error: " << addressOf(connection);
     }
+    withdrawFromFallback(connection);
+}
+
+/// A unit on TCP does not get late what the base controller has not asked for yet. Behind all that was sent to it over
+/// the fallback.
+void RGPCom::withdrawFromFallback(const GLinkConnection* connection)
+{
+    if (m_gFallbackLink != nullptr && connection->activeLinkType() == GLinkConnection::TCP) {
+        GLinkTransportFallback* const link = m_gFallbackLink;
+        QMetaObject::invokeMethod(
+            link, [link, remoteId = connection->peerId()] { link->withdraw(remoteId); }, Qt::QueuedConnection);
+    }
 }
 
 void RGPCom::deleteConnection(quint16 ruId)
@@ -374,6 +387,7 @@ void RGPCom::decide(const GLinkInitMsg& init, GLinkTransportBase* channel)
     if (!connection->initChannel(channel)) {
         return;
     }
+    withdrawFromFallback(connection);
     connection->enqueueMessage(GLINK_MSG_ID_INITACK, answer.serialize(), true);
     if (answer.errorCode == INIT_ACCEPTED) {
         sendKeptPeriodicData(connection);
@@ -394,11 +408,19 @@ bool RGPCom::mustAwaitChecksums(const GLinkInitMsg& init)
     return !hasList || (m_renewals > 0 && verdictOn(init).errorCode == INIT_CHECKSUM_MISMATCH);
 }
 
+/// One decision for all INITs of a unit that come over a channel meanwhile: it may send any number of them.
 void RGPCom::decideLater(const GLinkInitMsg& init, GLinkTransportBase* channel)
 {
-    const auto decideNow = [this, init, guard = QPointer<GLinkTransportBase>(channel)](const ApplicationChecksumList&) {
-        if (guard) {
-            decide(init, guard);
+    const UndecidedKey key(init.remoteId, channel);
+    const bool isAwaited = m_undecided.contains(key);
+    m_undecided.insert(key, {init, channel});
+    if (isAwaited) {
+        return;
+    }
+    const auto decideNow = [this, key](const ApplicationChecksumList&) {
+        const Undecided last = m_undecided.take(key);
+        if (last.channel) {
+            handleInitMsg(last.init, last.channel);
         }
     };
     // Behind the taking over of the same list.

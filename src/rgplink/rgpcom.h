@@ -1,10 +1,12 @@
 #pragma once
 
 #include "applicationchecksums.h"
+#include "glinkheader.h"
 
 #include <QByteArray>
 #include <QMap>
 #include <QObject>
+#include <QPair>
 #include <QPointer>
 #include <QString>
 
@@ -17,7 +19,6 @@ class Configuration;
 class GfallbackServiceC;
 class GLinkConnection;
 class GLinkInitAck;
-class GLinkInitMsg;
 class GLinkServer;
 class GLinkTransportBase;
 class GLinkTransportFallback;
@@ -142,6 +143,14 @@ signals:
     void machineStopActivatedOnArmedRemote();
 
 private:
+    /// An INIT that waits for a list of checksums, by unit and channel: the last one.
+    struct Undecided
+    {
+        GLinkInitMsg init;
+        QPointer<GLinkTransportBase> channel;
+    };
+    using UndecidedKey = QPair<quint16, GLinkTransportBase*>;
+
     struct TagNumber
     {
         unsigned int value;
@@ -159,6 +168,7 @@ private:
     void stopFallbackLink();
 
     void insertConnection(quint16 remoteId, GLinkConnection* connection);
+    void withdrawFromFallback(const GLinkConnection* connection);
     void handleMachineStop(quint16 remoteId);
     bool belongsHere(const GLinkInitMsg& init) const;
     bool mustAwaitChecksums(const GLinkInitMsg& init);
@@ -184,7 +194,8 @@ private:
     ApplicationChecksumList m_checksumList;
     std::shared_future<ApplicationChecksumList> m_orderedList; ///< valid until the first list has been taken
     std::shared_future<ApplicationChecksumList> m_renewedList; ///< the last one that configChanged() ordered
-    int m_renewals = 0;                                        ///< ordered by configChanged() and not taken over yet
+    QMap<UndecidedKey, Undecided> m_undecided;
+    int m_renewals = 0;                ///< ordered by configChanged() and not taken over yet
     quint16 m_lastReportedErrorRU = 0; ///< a unit that retries every few seconds is reported once
     QPointer<QThread> m_fallbackThread;
 };

@@ -7,8 +7,20 @@
 #include <QByteArray>
 #include <QList>
 #include <QPointer>
+#include <QQueue>
 
 #include <functional>
+
+inline QByteArray number16(int value)
+{
+    const char bytes[] = {static_cast<char>(value), static_cast<char>(value >> 8)};
+    return {bytes, sizeof(bytes)};
+}
+
+inline int valueOf16(const QByteArray& data, int offset)
+{
+    return static_cast<quint8>(data.at(offset)) + 256 * static_cast<quint8>(data.at(offset + 1));
+}
 
 /// A connection of a unit: the base unit's transport on a pipe to that unit.
 class PipedTransport : public GLinkTransportTcp
@@ -54,13 +66,25 @@ struct LinkUnit
     // What came to it.
     QByteArray partial; ///< of a message over the fallback
     bool isPartialWhole = true;
-    QByteArray stream;   ///< over TCP
-    int lastCommand = 0; ///< number of the last command
+    bool isAwaitingAnswer = false; ///< to its INIT, with which the base unit forgets what it was sending
+    bool isRelayNew = false;       ///< the relay has started over, and the base unit has not yet
+    QQueue<bool> blocksOnTheirWay; ///< over the fallback; whether something overtook them over TCP
+    bool isBlockThere = false;     ///< the one that sets out just now
+    bool mayBeLate = false;        ///< what has just come was overtaken
+    QByteArray stream;             ///< over TCP
+    int lastCommand = 0;           ///< number of the last command
     int lastForward = 0;
     int lastMark = -1; ///< newest base status
     GLinkClock::TimePoint lastStatus;
     GLinkClock::TimePoint undisturbedSince;
 
+    void forgetPartial()
+    {
+        partial.clear();
+        isPartialWhole = true;
+    }
+    /// Whether half a message may come: somebody has just forgotten the other half.
+    bool mayTear() const { return isAwaitingAnswer || isRelayNew; }
     bool isDisturbed() const
     {
         return isDeaf || isHoldingAcks || isFlowHeld || losesNextAck || losesNextBlock || isLinkTaken;

@@ -4,7 +4,9 @@
 #include "gfallback_service_c.h"
 #include "glinkconnection.h"
 #include "glinkheader.h"
+#include "link.h"
 #include "remoteunit.h"
+#include "transport_layer.h"
 
 #include <QThread>
 
@@ -16,20 +18,7 @@ namespace {
 
 constexpr quint16 Identity = 0x0405;
 constexpr quint16 ArmedUnit = 21;
-constexpr auto Promise = 2000ms; ///< within which the newest status and commands are there
-constexpr auto Step = 100ms;
-constexpr int FrameOverhead = 21;
-
-QByteArray number16(int value)
-{
-    const char bytes[] = {static_cast<char>(value), static_cast<char>(value >> 8)};
-    return {bytes, sizeof(bytes)};
-}
-
-int valueOf16(const QByteArray& data, int offset)
-{
-    return static_cast<quint8>(data.at(offset)) + 256 * static_cast<quint8>(data.at(offset + 1));
-}
+constexpr int LongMessage = 300; ///< more than one block over the fallback
 
 QByteArray initFrameOf(quint16 id)
 {
@@ -51,6 +40,7 @@ LinkWorld::LinkWorld(VirtualTime& time, const QList<quint16>& units)
     setTag("bu_state", 17);
     setTag("armed_ru", ArmedUnit);
     makeHub();
+    advance(200ms); // the internal link starts
     for (const quint16 id : units) {
         m_units[id].id = id;
         performFor(m_units[id], "fb");
@@ -77,12 +67,23 @@ void LinkWorld::setTag(const char* name, const QVariant& value)
 
 void LinkWorld::makeHub()
 {
-    m_gFallback.reset(new GfallbackServiceC(nullptr, SERVICE_G_FALLBACK));
-    m_cFallback.reset(new CFallbackServiceC(nullptr, SERVICE_C_FALLBACK));
     m_hub.reset(new RGPCom(&m_tags, nullptr, nullptr));
-    m_hub->initializeInOneThread(m_gFallback.data(), m_cFallback.data());
-    QObject::connect(m_gFallback.data(), &ServiceBase::readyReadFromService, &m_context,
-                     [this](const QByteArray& block) { blockFromBase(block); });
+    m_line.reset(
+        new UartLine(m_hub.data(), &m_tags,
+                     {[this](quint8 id, const QByteArray& payload) { fromBase(id, payload); },
+                      [this](quint8 id, const QByteArray& payload, int times) { miscount(id, payload, times); },
+                      [this](bool isByItself) {
+                          relayStartsOver(isByItself);
+                      }}));
+    m_gFallback = qobject_cast<GfallbackServiceC*>(m_line->service(SERVICE_G_FALLBACK));
+    m_hub->initializeInOneThread(m_gFallback, qobject_cast<CFallbackServiceC*>(m_line->service(SERVICE_C_FALLBACK)));
+    QObject::connect(m_gFallback, &ServiceBase::readyReadFromService, &m_context,
+                     [this](const QByteArray& block) { blockSetsOut(block); });
+    QObject::connect(m_line->transport(), &TransportLayer::internLinkFail, &m_context, [this] {
+        for (LinkUnit& unit : m_units) {
+            unit.blocksOnTheirWay.clear();
+        }
+    });
     QObject::connect(m_hub.data(), &RGPCom::machineStopActivatedOnArmedRemote, &m_context, [this] { ++m_stopsHeard; });
     QObject::connect(m_hub.data(), &RGPCom::readyReadCmdFromRGP, &m_context, [this] { ++m_upCommandsHeard; });
 }
@@ -109,7 +110,7 @@ void LinkWorld::awaitChecksums()
 
 QStringList LinkWorld::choices() const
 {
-    QStringList list{"tick", "long", "cmd", "data"};
+    QStringList list = QStringList{"tick", "long", "cmd", "data"} + m_line->choices();
     bool isAnyOnFallback = false;
     for (const LinkUnit& unit : m_units) {
         for (const QString& word : choicesFor(unit)) {
@@ -117,7 +118,7 @@ QStringList LinkWorld::choices() const
         }
         isAnyOnFallback = isAnyOnFallback || unit.isOnFallback;
     }
-    if (isAnyOnFallback) {
+    if (isAnyOnFallback && !m_line->isMute()) {
         list << "reject";
     }
     return list;
@@ -125,12 +126,18 @@ QStringList LinkWorld::choices() const
 
 QStringList LinkWorld::choicesFor(const LinkUnit& unit) const
 {
-    QStringList words{"fb", "fwd", unit.isHoldingAcks ? "free" : "hold", unit.isDeaf ? "hear" : "deaf"};
+    QStringList words{unit.isHoldingAcks ? "free" : "hold", unit.isDeaf ? "hear" : "deaf"};
+    if (!m_line->isMute()) {
+        words += QStringList{"fb", "fwd", "big"};
+    }
     if (unit.isOnFallback) {
-        words += QStringList{"lose", "block", "deinit", unit.isFlowHeld ? "flow" : "stall"};
+        words += QStringList{"lose", "block", unit.isFlowHeld ? "flow" : "stall"};
+    }
+    if (unit.isOnFallback && !m_line->isMute()) {
+        words += "deinit";
     }
     words += unit.tcp ? "cut" : "tcp";
-    if (!unit.isDisturbed() && isServed(unit)) {
+    if ((unit.tcp || unit.isOnFallback) && !isDisturbed(unit) && isServed(unit)) {
         words += QStringList{"up", "stop"};
     }
     return words;
@@ -163,14 +170,17 @@ void LinkWorld::performGlobal(const QString& what)
     } else if (what == "data") {
         m_hub->receivePeriodicFromECLink(QByteArray("data"));
     } else if (what == "reject") {
-        m_gFallback->readData(QByteArray(1, '\0'), Internal, MSG_CLASS_TRANSP_ACK);
-        VirtualTime::settle();
-        for (LinkUnit& unit : m_units) {
-            const GLinkConnection* const connection = m_hub->connectionOf(unit.id);
-            const bool isTaken = unit.isOnFallback && connection->activeLinkType() != GLinkConnection::FALLBACK;
-            unit.isLinkTaken = unit.isLinkTaken || isTaken;
-            unit.heldFlow = isTaken ? 0 : unit.heldFlow;
-        }
+        ++m_rejects;
+        m_line->send(SERVICE_G_FALLBACK, QByteArray(1, '\0'));
+    } else if (m_line->perform(what) && what == "talk") {
+        endSilence();
+    }
+}
+
+void LinkWorld::endSilence()
+{
+    for (LinkUnit& unit : m_units) {
+        unit.undisturbedSince = VirtualTime::now();
     }
 }
 
@@ -186,17 +196,15 @@ void LinkWorld::performFor(LinkUnit& unit, const QString& what)
         sendUp(unit, GLINK_MSG_ID_M_STOP, QByteArray());
         return;
     }
-    if (what == "fwd") {
-        sendForward(unit.id);
+    if (what == "fwd" || what == "big") {
+        sendForward(unit.id, what == "big" ? LongMessage : 0);
         return;
-    }
-    if (!unit.isDeaf && (what == "fb" || what == "deinit" || what == "tcp")) {
-        // The base controller forgets the unit's blocks. Else, what it has not asked for by now would come late.
-        unit.heldFlow = 0;
     }
     if (what == "fb" && !unit.isDeaf) {
         unit.isOnFallback = true;
         unit.isLinkTaken = false;
+        unit.forgetPartial(); // it starts with a whole answer
+        unit.isAwaitingAnswer = true;
         frameOverFallback(unit, initFrameOf(unit.id));
     } else if (what == "deinit" && !unit.isDeaf) {
         frameOverFallback(unit, gLinkFrame(GLINK_MSG_ID_FALLBACK_DEINIT, QByteArray()));
@@ -261,9 +269,10 @@ void LinkWorld::sendCommand()
     m_hub->sendCmd("c" + number16(++m_commands));
 }
 
-void LinkWorld::sendForward(quint16 id)
+void LinkWorld::sendForward(quint16 id, int padding)
 {
-    m_hub->recvServiceForward(number16(++m_forwards) + number16(id), id);
+    const QByteArray payload = number16(++m_forwards) + number16(id) + QByteArray(padding, 'p');
+    m_line->send(SERVICE_C_FALLBACK, number16(id) + payload);
 }
 
 void LinkWorld::connectTcp(LinkUnit& unit)
@@ -298,243 +307,4 @@ void LinkWorld::sendUp(LinkUnit& unit, quint8 msgId, const QByteArray& payload)
     } else {
         frameOverFallback(unit, frame);
     }
-}
-
-// --- The base controller's relay ------------------------------------------------------------------------------------
-
-void LinkWorld::blockFromBase(const QByteArray& block)
-{
-    const auto id = static_cast<quint16>(valueOf16(block, 0));
-    const auto found = m_units.find(id);
-    if (found == m_units.end()) {
-        violate(QStringLiteral("a block for unit %1, which does not exist").arg(id));
-        return;
-    }
-    LinkUnit& unit = *found;
-    if (std::exchange(unit.losesNextBlock, false)) {
-        unit.isPartialWhole = false;
-        unit.undisturbedSince = VirtualTime::now();
-    }
-    unit.partial += block.mid(4);
-    const bool isLast = valueOf16(block, 2) == block.size() - 4;
-    if (isLast && std::exchange(unit.isPartialWhole, true) && !unit.isDeaf) {
-        frameToUnit(unit, unit.partial, false);
-    }
-    if (isLast) {
-        unit.partial.clear();
-    }
-    if (unit.isFlowHeld) {
-        ++unit.heldFlow;
-    } else {
-        askForNext(unit);
-    }
-}
-
-void LinkWorld::askForNext(LinkUnit& unit)
-{
-    m_gFallback->readData(number16(unit.id), Internal, MSG_CLASS_TRANSP_ACK);
-}
-
-void LinkWorld::frameOverFallback(LinkUnit& unit, const QByteArray& frame)
-{
-    m_gFallback->readData(number16(unit.id) + number16(frame.size()) + frame, Internal, MSG_CLASS_TRANSP_ACK);
-}
-
-// --- The units ------------------------------------------------------------------------------------------------------
-
-void LinkWorld::bytesOverTcp(LinkUnit& unit, const QByteArray& bytes)
-{
-    if (unit.isDeaf) {
-        unit.unheardBytes << bytes;
-        return;
-    }
-    unit.stream += bytes;
-    while (unit.stream.size() >= FrameOverhead && unit.stream.size() >= valueOf16(unit.stream, 0) + FrameOverhead) {
-        const QByteArray frame = unit.stream.left(valueOf16(unit.stream, 0) + FrameOverhead);
-        unit.stream.remove(0, frame.size());
-        frameToUnit(unit, frame, true);
-    }
-}
-
-void LinkWorld::frameToUnit(LinkUnit& unit, const QByteArray& frame, bool isTcp)
-{
-    if (gLinkFrame(0, QByteArray()).size() > frame.size()) {
-        violate(QStringLiteral("unit %1 got a torn frame").arg(unit.id));
-    } else if (frame.at(GLinkFrame::MsgTypeOffset) == GLINK_MSG_TYPE_MSG) {
-        const auto msgId = static_cast<quint8>(frame.at(3));
-        messageToUnit(unit, msgId, frame.mid(17).chopped(4));
-        acknowledge(unit, msgId, isTcp);
-    }
-}
-
-void LinkWorld::messageToUnit(LinkUnit& unit, quint8 msgId, const QByteArray& payload)
-{
-    switch (msgId) {
-    case GLINK_MSG_BASE_STATUS:
-        unit.lastStatus = VirtualTime::now();
-        unit.lastMark = qMax(unit.lastMark, static_cast<int>(static_cast<quint8>(payload.at(3))));
-        break;
-    case GLINK_MSG_ID_CMD: commandArrived(unit, payload); break;
-    case GLINK_MSG_ID_SERVICE_FORWARD: forwardArrived(unit, payload); break;
-    default: break;
-    }
-}
-
-void LinkWorld::commandArrived(LinkUnit& unit, const QByteArray& payload)
-{
-    const int number = valueOf16(payload, 1);
-    if (number <= unit.lastCommand) {
-        violate(QStringLiteral("unit %1 got command %2 after %3").arg(unit.id).arg(number).arg(unit.lastCommand));
-    }
-    unit.lastCommand = number;
-}
-
-void LinkWorld::forwardArrived(LinkUnit& unit, const QByteArray& payload)
-{
-    const int number = valueOf16(payload, 0);
-    if (valueOf16(payload, 2) != unit.id) {
-        violate(QStringLiteral("unit %1 got a message for unit %2").arg(unit.id).arg(valueOf16(payload, 2)));
-    } else if (number <= unit.lastForward) {
-        violate(QStringLiteral("unit %1 got message %2 after %3").arg(unit.id).arg(number).arg(unit.lastForward));
-    }
-    unit.lastForward = number;
-}
-
-void LinkWorld::acknowledge(LinkUnit& unit, quint8 msgId, bool isTcp)
-{
-    const QByteArray frame = gLinkAck(msgId);
-    if (!isTcp && std::exchange(unit.losesNextAck, false)) {
-        unit.undisturbedSince = VirtualTime::now();
-    } else if (unit.isHoldingAcks) {
-        (isTcp ? unit.heldBytes : unit.heldFrames) << frame;
-    } else if (!isTcp) {
-        frameOverFallback(unit, frame);
-    } else {
-        // Not within the writing of the message: the other end takes a moment.
-        QMetaObject::invokeMethod(
-            unit.tcp, [transport = unit.tcp, frame] { transport->arrive(frame); }, Qt::QueuedConnection);
-    }
-}
-
-// --- What must hold -------------------------------------------------------------------------------------------------
-
-bool LinkWorld::isServed(const LinkUnit& unit) const
-{
-    const GLinkConnection* const connection = m_hub->connectionOf(unit.id);
-    return connection != nullptr && connection->activeLinkType() != GLinkConnection::NONE;
-}
-
-void LinkWorld::violate(const QString& text)
-{
-    if (m_violation.isEmpty()) {
-        m_violation = text;
-    }
-}
-
-void LinkWorld::check()
-{
-    for (const LinkUnit& unit : qAsConst(m_units)) {
-        checkUnit(unit);
-    }
-    if (m_stopsHeard != m_stops) {
-        violate(QStringLiteral("%1 machine stops of %2").arg(m_stopsHeard).arg(m_stops));
-    }
-    if (m_upCommandsHeard != m_upCommands) {
-        violate(QStringLiteral("%1 commands of %2 from the units").arg(m_upCommandsHeard).arg(m_upCommands));
-    }
-}
-
-void LinkWorld::checkUnit(const LinkUnit& unit)
-{
-    const GLinkConnection* const connection = m_hub->connectionOf(unit.id);
-    if (connection == nullptr) {
-        return;
-    }
-    if (connection->gLink() != nullptr && connection->gLink() != unit.tcp) {
-        violate(QStringLiteral("unit %1 keeps a link that has ended").arg(unit.id));
-    }
-    if (connection->waiting().commandCount() > GLinkMessageQueue::Capacity ||
-        connection->waiting().otherCount() > GLinkMessageQueue::Capacity ||
-        m_gFallback->waitingMessages(unit.id) > GfallbackServiceC::MaxWaitingMessages) {
-        violate(QStringLiteral("more waits for unit %1 than may").arg(unit.id));
-    }
-    const bool hasWay = unit.tcp || unit.isOnFallback;
-    if (!hasWay || unit.isDisturbed() || VirtualTime::now() - unit.undisturbedSince <= Promise) {
-        return;
-    }
-    if (!isServed(unit)) {
-        violate(QStringLiteral("unit %1 has no link, and nobody took it").arg(unit.id));
-    } else if (VirtualTime::now() - unit.lastStatus > Promise) {
-        violate(QStringLiteral("unit %1 is there, acknowledges, and gets no base status").arg(unit.id));
-    }
-}
-
-/// The world turns benign. A unit that is still there goes on where it was; one without a link joins again.
-void LinkWorld::finish()
-{
-    for (LinkUnit& unit : m_units) {
-        unit.losesNextAck = unit.losesNextBlock = false;
-        for (const char* what : {"hear", "flow", "free"}) {
-            performFor(unit, what);
-        }
-    }
-    VirtualTime::settle();
-    advance(100ms);
-    for (LinkUnit& unit : m_units) {
-        if ((!unit.tcp && !unit.isOnFallback) || unit.isLinkTaken) {
-            performFor(unit, "fb");
-        }
-    }
-    advance(100ms);
-    setTag("tsaps", m_mark = 77);
-    sendCommand();
-    for (const LinkUnit& unit : qAsConst(m_units)) {
-        sendForward(unit.id);
-    }
-    advance(Promise + 500ms); // what is promised counts from a base status that says so
-    checkEnd();
-}
-
-void LinkWorld::checkEnd()
-{
-    int forward = m_forwards - m_units.size();
-    for (const LinkUnit& unit : qAsConst(m_units)) {
-        ++forward;
-        if (unit.lastMark != m_mark) {
-            violate(QStringLiteral("unit %1 never got the newest base status").arg(unit.id));
-        } else if (unit.lastCommand != m_commands) {
-            violate(QStringLiteral("unit %1 never got the last command").arg(unit.id));
-        } else if (unit.lastForward != forward) {
-            violate(QStringLiteral("unit %1 never got its last message").arg(unit.id));
-        }
-    }
-}
-
-QByteArray LinkWorld::state() const
-{
-    const auto age = [](GLinkClock::TimePoint since) {
-        const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(VirtualTime::now() - since);
-        return QByteArray::number(static_cast<qint64>(qMin(passed, Promise + Step) / Step)) + ',';
-    };
-    QByteArray text;
-    for (const LinkUnit& unit : m_units) {
-        for (const bool flag : {unit.isOnFallback, !unit.tcp.isNull(), unit.isDeaf, unit.isHoldingAcks, unit.isFlowHeld,
-                                unit.losesNextAck, unit.losesNextBlock, unit.isLinkTaken, unit.isPartialWhole}) {
-            text += flag ? '1' : '0';
-        }
-        for (const QByteArray& frame : unit.heldFrames + unit.heldBytes + unit.unheardBytes) {
-            text += 'h' + QByteArray::number(frame.at(3) + 0);
-        }
-        text += QByteArray::number(unit.heldFlow) + age(unit.lastStatus) + age(unit.undisturbedSince);
-        text += QByteArray::number(m_gFallback->linkStatus(unit.id)) +
-                QByteArray::number(m_gFallback->waitingMessages(unit.id));
-        if (const GLinkConnection* const connection = m_hub->connectionOf(unit.id)) {
-            text += 't' + QByteArray::number(connection->activeLinkType());
-            text += connection->isInFlight() ? age(connection->unacknowledgedSince()) : QByteArray("-");
-            text += QByteArray::number(connection->waiting().commandCount()) + ';' +
-                    QByteArray::number(connection->waiting().otherCount());
-        }
-        text += '/';
-    }
-    return text;
 }

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "linkunit.h"
+#include "uartline.h"
 #include "virtualtime.h"
 #include "world.h"
 
-#include "configuration.h"
 #include "rgpcom.h"
 #include "tag.h"
 #include "tagdatabase.h"
@@ -12,18 +12,19 @@
 #include <QMap>
 #include <QObject>
 #include <QScopedPointer>
+#include <QSet>
 
-class CFallbackServiceC;
 class GfallbackServiceC;
 
-/// The hub with its connections, both transports and both fallback services, and around them the base controller's
-/// relay and a few units. Everything goes well, and at once, but for what is chosen:
+/// The hub with its connections, both transports, both fallback services and the internal link, and around them the
+/// base controller's relay and a few units. Everything goes well, and at once, but for what is chosen, here or on the
+/// internal link (UartLine):
 ///
 /// | choice          | what happens                                                                              |
 /// |-----------------|-------------------------------------------------------------------------------------------|
 /// | tick, long      | 500 ms pass, 2100 ms pass                                                                 |
 /// | cmd, data       | the base controller sends a command, periodic data                                        |
-/// | fwd U           | the base controller sends unit U a service message                                        |
+/// | fwd U, big U    | the base controller sends unit U a service message; one of two blocks                     |
 /// | fb U, deinit U  | U joins over the fallback; leaves it                                                      |
 /// | tcp U, cut U    | U connects and joins over TCP; its connection breaks                                      |
 /// | lose U, block U | U's next acknowledgement over the fallback is lost; the next block to it                  |
@@ -45,6 +46,10 @@ public:
     void finish() override;
 
 private:
+    static constexpr quint16 ArmedUnit = 21;
+    static constexpr std::chrono::milliseconds Promise{2000}; ///< within which the newest status and commands are there
+    static constexpr std::chrono::milliseconds Step{100};
+
     void setTag(const char* name, const QVariant& value);
     void awaitChecksums();
     void makeHub();
@@ -56,11 +61,16 @@ private:
     void endDisturbance(LinkUnit& unit, const QString& what);
     void advance(std::chrono::milliseconds time);
     void sendCommand();
-    void sendForward(quint16 id);
+    void sendForward(quint16 id, int padding);
+    void endSilence();
     void connectTcp(LinkUnit& unit);
     void sendUp(LinkUnit& unit, quint8 msgId, const QByteArray& payload);
 
     // The base controller's relay.
+    void fromBase(quint8 serviceId, const QByteArray& payload);
+    void miscount(quint8 serviceId, const QByteArray& payload, int times);
+    void relayStartsOver(bool isByItself);
+    void blockSetsOut(const QByteArray& block);
     void blockFromBase(const QByteArray& block);
     void askForNext(LinkUnit& unit);
     void frameOverFallback(LinkUnit& unit, const QByteArray& frame);
@@ -73,7 +83,10 @@ private:
     void commandArrived(LinkUnit& unit, const QByteArray& payload);
     void forwardArrived(LinkUnit& unit, const QByteArray& payload);
 
+    // What must hold.
     void check();
+    void noteTakenLink(LinkUnit& unit);
+    bool isDisturbed(const LinkUnit& unit) const;
     void checkUnit(const LinkUnit& unit);
     void checkEnd();
     bool isServed(const LinkUnit& unit) const;
@@ -81,14 +94,15 @@ private:
 
     VirtualTime& m_time;
     TagDatabase m_tags;
-    QScopedPointer<Configuration> m_configuration;
-    QScopedPointer<GfallbackServiceC> m_gFallback;
-    QScopedPointer<CFallbackServiceC> m_cFallback;
+    QScopedPointer<UartLine> m_line;
+    GfallbackServiceC* m_gFallback = nullptr; ///< of that line
     QScopedPointer<RGPCom> m_hub;
     QObject m_context; ///< what is connected to it ends with this world
     QMap<quint16, LinkUnit> m_units;
     int m_commands = 0;
     int m_forwards = 0;
+    QSet<int> m_forwardsSentTwice;
+    int m_rejects = 0; ///< of the fallback channel, on their way
     int m_upCommands = 0;
     int m_upCommandsHeard = 0;
     int m_stops = 0;

@@ -1,8 +1,11 @@
 #include "gfallback_service_c.h"
 
+#include "system_event_service.h"
 #include "utillityfunctions.h"
 
 #include <QDebug>
+
+#include <utility>
 
 namespace {
 
@@ -136,6 +139,10 @@ void GfallbackServiceC::fallbackTx(unsigned short remoteId, const QByteArray& da
 
 void GfallbackServiceC::fallbackTxInTurn(unsigned short remoteId, const QByteArray& data)
 {
+    if (!m_isLinkUp) {
+        tellOfNoLink();
+        return;
+    }
     QQueue<QByteArray>& waiting = m_waiting[remoteId];
     const bool isPlaceFree = waiting.isEmpty() && m_linkState.value(remoteId).txData.isEmpty();
     if (isPlaceFree || isAcknowledgement(data) || waiting.size() >= MaxWaitingMessages) {
@@ -192,5 +199,44 @@ void GfallbackServiceC::reset(unsigned short remoteId)
     const auto state = m_linkState.find(remoteId);
     if (state != m_linkState.end()) {
         *state = LinkState();
+    }
+}
+
+// ---------------------------------------------------------------- what is not to be sent any more
+
+void GfallbackServiceC::withdraw(unsigned short remoteId)
+{
+    int count = m_waiting.take(remoteId).size();
+    const auto state = m_linkState.find(remoteId);
+    if (state != m_linkState.end()) {
+        count += state->txData.isEmpty() ? 0 : 1;
+        state->txData.clear();
+        state->ack.clear();
+        state->linkStatus = state->linkStatus == BUSY_MSG ? BUSY_MSG_LAST_BLOCK : state->linkStatus;
+    }
+    if (count != 0) {
+        qDebug() << "GfallbackServiceC:" << count << "messages to remote unit" << remoteId
+                 << "dropped, it is back on TCP.";
+    }
+}
+
+void GfallbackServiceC::followLinkState(quint8 state)
+{
+    const bool isUp = state == SystemEventService::RUN;
+    if (!isUp || !m_isLinkUp) {
+        m_waiting.clear();
+        m_rxData.clear();
+        for (LinkState& channel : m_linkState) {
+            channel = LinkState();
+        }
+    }
+    m_isLinkUp = isUp;
+    m_toldOfNoLink = false;
+}
+
+void GfallbackServiceC::tellOfNoLink()
+{
+    if (!std::exchange(m_toldOfNoLink, true)) {
+        qDebug() << "GfallbackServiceC: no internal link, messages to remote units are dropped.";
     }
 }

@@ -12,7 +12,8 @@
 /// controller says when it wants the next block.
 ///
 /// Lives in the service-layer thread; the fallback transport reaches it through queued connections. Nothing is
-/// repeated here: what is dropped is made good by the remote unit's next INIT.
+/// repeated here. A channel for which the base controller's word never comes is freed by the remote unit's next INIT,
+/// and all are by the loss of the internal link.
 ///
 /// Packets (message class 1 in both directions, integers least significant byte first):
 ///
@@ -93,6 +94,16 @@ public slots:
     /// not called back.
     void reset(unsigned short remoteId);
 
+    /// The unit is back on TCP: what waits for it, the rest of a message under way included, would reach it late and is
+    /// dropped, with a debug line. The base controller's word for the last block is still awaited.
+    void withdraw(unsigned short remoteId);
+
+    /// The state of the internal link (SystemEventService::SEStates). With the link the base controller has lost the
+    /// blocks that it had taken, and never asks for the next ones: all channels are free again, and what waited is
+    /// dropped. Until the link runs, fallbackTxInTurn() drops what it is given, so that nothing stands between the
+    /// RESETs.
+    void followLinkState(quint8 state);
+
 signals:
     /// A complete message has arrived from a remote unit.
     void fallbackRx(unsigned short remoteId, const QByteArray& data);
@@ -112,6 +123,9 @@ private:
     void keepForLater(LinkState& state, const QByteArray& data, bool isAck);
     void sendMessageBlock(unsigned short remoteId, LinkState& state);
     void letNextTakeItsPlace(unsigned short remoteId);
+    void tellOfNoLink();
 
     QHash<quint16, QQueue<QByteArray>> m_waiting;
+    bool m_isLinkUp = true; ///< as long as nobody says otherwise
+    bool m_toldOfNoLink = false;
 };

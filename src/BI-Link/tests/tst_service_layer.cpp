@@ -50,6 +50,7 @@ private slots:
     void replyGoesOutAtOnce();
     void acknowledgedResetStartsTheLink();
     void failedLinkStartsAnew();
+    void failedLinkFreesTheFallback();
     void processImageReachesTagsAndHub();
     void endOfTheThreadTakesEverythingDown();
 
@@ -275,6 +276,27 @@ void TestServiceLayer::failedLinkStartsAnew()
     QCOMPARE(states.first(), 0);
     QTRY_VERIFY(!m_sent.isEmpty());
     QCOMPARE(m_sent.first().mid(2, 2), bytes("6400"));
+}
+
+void TestServiceLayer::failedLinkFreesTheFallback()
+{
+    auto* const events = service<SystemEventService>(100);
+    auto* const fallback = service<GfallbackServiceC>(105);
+    const auto status = [&] {
+        GfallbackServiceC::LinkStatus found = GfallbackServiceC::FREE;
+        inLayer([&] { found = fallback->linkStatus(7); });
+        return found;
+    };
+    const auto send = [&] {
+        inLayer([fallback] { fallback->fallbackTxInTurn(7, QByteArray(30, 'm')); });
+    };
+    send();
+    QCOMPARE(status(), GfallbackServiceC::FREE); // there is no link yet
+    inLayer([events] { events->resetAckRecieved(); });
+    send();
+    QCOMPARE(status(), GfallbackServiceC::BUSY_MSG_LAST_BLOCK);
+
+    QTRY_COMPARE(status(), GfallbackServiceC::FREE); // nobody acknowledges the block
 }
 
 void TestServiceLayer::processImageReachesTagsAndHub()

@@ -92,7 +92,11 @@ public:
 
     ReceivedFrames& unit(quint16 remoteId) { return m_units[remoteId]; }
 
+    /// The relay is ready for the unit's next block.
+    void ask(quint16 remoteId) { toService(number(remoteId)); }
+
     bool isAcknowledging = true;
+    bool isAsking = true; ///< for the next block, as soon as it has one
 
 private:
     static QByteArray number(quint16 value)
@@ -117,7 +121,9 @@ private:
         const int remaining = quint8(block.at(2)) + 256 * quint8(block.at(3));
         QByteArray& partial = m_partial[remoteId];
         partial += block.mid(4);
-        toService(number(remoteId));
+        if (isAsking) {
+            ask(remoteId);
+        }
         if (remaining > block.size() - 4) {
             return;
         }

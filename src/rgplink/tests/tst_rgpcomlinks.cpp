@@ -45,6 +45,7 @@ private slots:
     void unitLeavesTheFallback();
     void rejectedFallbackDetachesTheUnit();
     void unitGoesToTheFallbackAndReturns();
+    void whatWaitsOnTheFallbackDoesNotComeLateAfterTheReturn();
     void initOverTcpWhileTheFallbackIsInUseIsAnsweredOnce();
     void initOverTcpThatWasGivenUpLeavesTheFallbackInUse();
     void commandsAreNeitherLostNorDoubledAcrossLinks();
@@ -398,6 +399,30 @@ void TestRGPComLinks::unitGoesToTheFallbackAndReturns()
     QCOMPARE(relay.unit(Unit).frames.size(), framesOverFallback);
 }
 
+void TestRGPComLinks::whatWaitsOnTheFallbackDoesNotComeLateAfterTheReturn()
+{
+    const LogSpy log;
+    FallbackRelay& relay = m_plant->relay;
+    relay.deliver(Unit, initFrame(Unit));
+    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
+    relay.isAsking = false;
+    m_plant->hub->send(Unit, Forward, "taken");
+    VERIFY_EVENTUALLY(relay.unit(Unit).count(Forward) == 1);
+    const int queued = log.count("Link BUSY, Tx message queued.");
+    m_plant->hub->send(Unit, Forward, "not asked for");
+    VERIFY_EVENTUALLY(log.count("Link BUSY, Tx message queued.") > queued);
+
+    TcpUnit tcp;
+    tcp.write(initFrame(Unit));
+    VERIFY_EVENTUALLY(tcp.received.count(InitAck) == 1);
+    VERIFY_EVENTUALLY(!log.lines().filter(QStringLiteral("to remote unit 5 dropped, it is back on TCP.")).isEmpty());
+    relay.isAsking = true;
+    relay.ask(Unit);
+    relay.deliver(OtherUnit, initFrame(OtherUnit));
+    VERIFY_EVENTUALLY(relay.unit(OtherUnit).count(InitAck) == 1);
+    QCOMPARE(relay.unit(Unit).lastPayload(Forward), QByteArray("taken"));
+}
+
 // An INIT over TCP while the fallback is in use yields exactly one INITACK, on either path, under load too.
 void TestRGPComLinks::initOverTcpWhileTheFallbackIsInUseIsAnsweredOnce()
 {
@@ -418,8 +443,6 @@ void TestRGPComLinks::initOverTcpWhileTheFallbackIsInUseIsAnsweredOnce()
     }
 }
 
-// Fallback and return under load, without a lost or doubled command. A command is accepted for a unit that has a link,
-// so the test sends while it knows of one.
 // An INIT over TCP waits for a large application to be hashed. The unit does not, and goes to the fallback meanwhile.
 void TestRGPComLinks::initOverTcpThatWasGivenUpLeavesTheFallbackInUse()
 {
@@ -439,6 +462,8 @@ void TestRGPComLinks::initOverTcpThatWasGivenUpLeavesTheFallbackInUse()
     QCOMPARE(received.count(InitAck), 1);
 }
 
+// Fallback and return under load, without a lost or doubled command. A command is accepted for a unit that has a link,
+// so the test sends while it knows of one.
 void TestRGPComLinks::commandsAreNeitherLostNorDoubledAcrossLinks()
 {
     FallbackRelay& relay = m_plant->relay;

@@ -22,6 +22,10 @@ private slots:
     void messagesInTurnAreBounded();
     void messageThatCannotBeSentDoesNotHoldUpTheOthersInTurn();
     void resetForgetsTheMessagesInTurn();
+    void withdrawnMessagesNeverGoOut();
+    void withdrawnRestOfAMessageLetsTheNextAcknowledgementThrough();
+    void lostLinkFreesAllChannels();
+    void withoutALinkMessagesInTurnAreDropped();
     void unitsHaveChannelsOfTheirOwn();
     void resetFreesTheChannel();
     void resetOfAnUnknownUnitDoesNothing();
@@ -283,6 +287,84 @@ void TestGfallbackServiceC::resetForgetsTheMessagesInTurn()
     QCOMPARE(f.count(), 1);
     f.service.fallbackTxInTurn(7, message(30, '5'));
     QCOMPARE(f.lastData(), message(30, '5'));
+}
+
+void TestGfallbackServiceC::withdrawnMessagesNeverGoOut()
+{
+    LogSpy log;
+    Fixture f;
+    for (const char fill : {'1', '2', '3'}) {
+        f.service.fallbackTxInTurn(7, message(100, fill));
+    }
+    f.service.fallbackTxInTurn(7, acknowledgement());
+    f.service.fallbackTxInTurn(8, message(100));
+    f.service.fallbackTxInTurn(8, message(100, 'o'));
+
+    f.service.withdraw(7);
+    f.service.withdraw(7);
+    f.service.withdraw(9);
+    QCOMPARE(log.count("GfallbackServiceC: 2 messages to remote unit 7 dropped, it is back on TCP."), 1);
+    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::BUSY_MSG_LAST_BLOCK);
+    QCOMPARE(f.count(), 2);
+
+    f.next();
+    QCOMPARE(f.count(), 2);
+    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
+    f.next("0800");
+    QCOMPARE(f.lastData(), message(100, 'o'));
+}
+
+void TestGfallbackServiceC::withdrawnRestOfAMessageLetsTheNextAcknowledgementThrough()
+{
+    Fixture f;
+    f.service.fallbackTxInTurn(7, message(600));
+    f.service.withdraw(7);
+
+    f.service.fallbackTxInTurn(7, acknowledgement('f')); // of the unit's farewell
+    QCOMPARE(f.count(), 1);
+    f.next();
+    QCOMPARE(f.lastData(), acknowledgement('f'));
+    f.next();
+    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
+}
+
+void TestGfallbackServiceC::lostLinkFreesAllChannels()
+{
+    Fixture f;
+    f.service.followLinkState(1);
+    f.service.fallbackTxInTurn(7, message(600));
+    f.service.fallbackTxInTurn(7, message(100, 'w'));
+    f.service.fallbackTxInTurn(8, message(100));
+    f.service.followLinkState(1);
+    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::BUSY_MSG);
+
+    f.service.followLinkState(0);
+    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
+    QCOMPARE(f.service.linkStatus(8), GfallbackServiceC::FREE);
+    QCOMPARE(f.service.waitingMessages(7), 0);
+
+    f.service.followLinkState(1);
+    f.service.fallbackTxInTurn(7, message(100, 'n'));
+    QCOMPARE(f.count(), 3);
+    QCOMPARE(f.lastData(), message(100, 'n'));
+}
+
+/// Else they would stand between the RESETs with which the link starts, and the base controller forget them.
+void TestGfallbackServiceC::withoutALinkMessagesInTurnAreDropped()
+{
+    LogSpy log;
+    Fixture f;
+    f.service.followLinkState(0);
+    f.service.fallbackTxInTurn(7, message(100));
+    f.service.fallbackTxInTurn(8, acknowledgement());
+    QCOMPARE(f.count(), 0);
+    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
+    QCOMPARE(log.count("GfallbackServiceC: no internal link, messages to remote units are dropped."), 1);
+
+    f.service.followLinkState(1);
+    QCOMPARE(f.count(), 0);
+    f.service.fallbackTxInTurn(7, message(100, 'n'));
+    QCOMPARE(f.count(), 1);
 }
 
 void TestGfallbackServiceC::unitsHaveChannelsOfTheirOwn()
