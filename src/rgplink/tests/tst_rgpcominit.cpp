@@ -21,6 +21,7 @@ private slots:
     void checksumIsComparedWhenAnApplicationIsInstalled();
     void unchangedApplicationIsNotHashedForEachInit();
     void firstInitDoesNotWaitForALargeApplication();
+    void initsOfAUnitThatWaitAreDecidedOnce();
     void configChangedRenewsTheChecksumsInTheBackground();
     void refusalByAnOldListWaitsForTheNewOne();
     void keptPeriodicDataFollowsTheAnswer_data();
@@ -175,6 +176,25 @@ void TestRGPComInit::firstInitDoesNotWaitForALargeApplication()
     for (const SentMessage& message : qAsConst(h.link.sent.all)) {
         QCOMPARE(message.data.toHex(), initAckPayload(0, "").toHex());
     }
+}
+
+// A unit may send INITs as fast as the network carries them while an application is hashed. They must not pile up.
+void TestRGPComInit::initsOfAUnitThatWaitAreDecidedOnce()
+{
+    const QByteArray checksum = m_unit->installApplication(QByteArray(64 * 1024 * 1024, 'x'));
+    Hub h(*m_unit, Hub::Ordered);
+    for (int i = 0; i < 1000; ++i) {
+        h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, QByteArray(16, 'o')), &h.link);
+    }
+    h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, checksum), &h.link);
+    QCOMPARE(h.link.sent.count(InitAck), 0);
+
+    bool isOver = false;
+    const auto list = ApplicationChecksums::request(ApplicationManifest::root());
+    ApplicationChecksums::whenReady(list, this, [&](const ApplicationChecksumList&) { isOver = true; });
+    QTRY_VERIFY_WITH_TIMEOUT(isOver, 30000);
+    QCOMPARE(h.link.sent.count(InitAck), 1);
+    QCOMPARE(h.link.sent.all.last().data.toHex(), initAckPayload(0, "").toHex());
 }
 
 void TestRGPComInit::configChangedRenewsTheChecksumsInTheBackground()
