@@ -53,7 +53,7 @@ def test_it_sees_server_log_relay_and_process_without_being_root(closed):  # noq
         values = {key: value["value"] for key, value in status["values"].items()}
         assert (values["relay"], values["link"], values["BU_ID"]) == ("closed", "RUN", "400")
         assert closed.manager.run("stat", "--format=%u", f"/proc/{agent.setting('MainPID')}").strip() != "0"
-        os.kill(closed.manager.main_process, signal.SIGKILL)
+        os.kill(closed.manager.wait_main_process(), signal.SIGKILL)
         agent.wait("/api/status", lambda answer: answer["restarts"] == 1)
         agent.wait("/api/history", lambda past: [change["new"] for change in past["changes"] if change["key"] == "link"][-3:]
                    == ["NO_BI_LINK", "STARTING", "RUN"] and any(
