@@ -2,9 +2,12 @@
 
 #include "configfile.h"
 #include "myassertfunc.h"
+#include "textfile.h"
 #include "utillityfunctions.h"
 
 #include <QDebug>
+#include <QFile>
+#include <QFileInfo>
 #include <QHostAddress>
 #include <QNetworkInterface>
 #include <QReadLocker>
@@ -14,8 +17,10 @@
 #include <QWriteLocker>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <limits>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -75,6 +80,18 @@ const QByteArray* findCell(const Rows& rows, const RowKey& rowKey, const QString
     return cell == row->constEnd() ? nullptr : &cell.value();
 }
 
+/// Whether there is no such file, which is not the same as that it cannot be read.
+bool isMissing(const QString& path)
+{
+    return ::access(QFile::encodeName(path).constData(), F_OK) != 0 && errno == ENOENT;
+}
+
+/// Whether the table is what the file says; one that is missing or empty says nothing.
+bool wasRead(const ConfigFile& table, const QString& path)
+{
+    return !table.getAllColumnKeys().isEmpty() || isMissing(path) || QFileInfo(path).size() == 0;
+}
+
 /// Row key of the remote unit with this identity, or an empty string (no row has an empty key).
 QString findRemote(const ConfigFile& remotes, unsigned short ruId)
 {
@@ -98,6 +115,27 @@ QString newRemoteKey(const ConfigFile& remotes)
         ++index;
     }
     return QString::number(index);
+}
+
+using KeyWords = std::array<unsigned int, PairingKeyColumns.size()>;
+
+/// Sets the words in the remote unit's row, which is appended when there is none.
+/// @return false when a column for a word is missing; the others are set.
+bool setPairingKey(ConfigFile& remotes, unsigned short ruId, const KeyWords& words)
+{
+    if (!remotes.columnExists(RemoteIdColumn)) {
+        myAssertFunc(SourceUnit, RemotesWithoutRemoteId);
+    }
+    QString rowKey = findRemote(remotes, ruId);
+    if (rowKey.isEmpty()) {
+        rowKey = newRemoteKey(remotes);
+        remotes.setValue(rowKey, RemoteIdColumn, QString::number(ruId));
+    }
+    bool complete = true;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        complete = remotes.setValue(rowKey, PairingKeyColumns.at(i), QString::number(words.at(i))) && complete;
+    }
+    return complete;
 }
 
 } // namespace
@@ -129,6 +167,7 @@ void Configuration::reConfig()
     const ConfigFile remotes = check.repaired ? ConfigFile(check.content, m_sources.remotesFile, nullptr)
                                               : ConfigFile(m_sources.remotesFile, nullptr);
     const ConfigFile keys(m_sources.keysFile, nullptr);
+    m_settingsRead = wasRead(app, m_sources.appFile) && wasRead(keys, m_sources.keysFile);
 
     RemoteRows remoteRows;
     populateRemoteDb(remotes, remoteRows);
@@ -295,8 +334,7 @@ bool Configuration::updateRemotePairing(unsigned short ruId, unsigned int k1, un
                                         unsigned int k4)
 {
     const bool stored = writeToConfigFile(ruId, k1, k2, k3, k4);
-    reConfig();
-    emit configurationChanged();
+    remotePairingStored();
     return stored;
 }
 
@@ -304,21 +342,36 @@ bool Configuration::writeToConfigFile(unsigned short ruId, unsigned int k1, unsi
                                       unsigned int k4)
 {
     ConfigFile remotes(m_sources.remotesFile, nullptr);
-    if (!remotes.columnExists(RemoteIdColumn)) {
-        myAssertFunc(SourceUnit, RemotesWithoutRemoteId);
-    }
-    QString rowKey = findRemote(remotes, ruId);
-    if (rowKey.isEmpty()) {
-        rowKey = newRemoteKey(remotes);
-        remotes.setValue(rowKey, RemoteIdColumn, QString::number(ruId));
-    }
     // All four words reach the file in one step: no power cut leaves a unit with words of two pairings.
-    const std::array<unsigned int, PairingKeyColumns.size()> words = {k1, k2, k3, k4};
-    bool complete = true;
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        complete = remotes.setValue(rowKey, PairingKeyColumns.at(i), QString::number(words.at(i))) && complete;
-    }
+    const bool complete = setPairingKey(remotes, ruId, {k1, k2, k3, k4});
     return remotes.writeData() && complete;
+}
+
+bool Configuration::prepareRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3,
+                                         unsigned int k4, TextFileChange* change)
+{
+    QByteArray content;
+    QString error;
+    const bool readable = readTextFile(m_sources.remotesFile, content, error);
+    if (!readable) {
+        qCritical() << "Load Configurations File Error: " << m_sources.remotesFile << error;
+        if (!isMissing(m_sources.remotesFile)) {
+            return false; // a disk that fails is no broken installation
+        }
+    }
+    ConfigFile remotes(content, m_sources.remotesFile, nullptr);
+    QByteArray rewritten;
+    if (!setPairingKey(remotes, ruId, {k1, k2, k3, k4}) || !remotes.rewrite(content, rewritten)) {
+        return false;
+    }
+    *change = {QFileInfo(m_sources.remotesFile).canonicalFilePath(), content, rewritten};
+    return true;
+}
+
+void Configuration::remotePairingStored()
+{
+    reConfig();
+    emit configurationChanged();
 }
 
 QByteArray Configuration::getEGLinkIp() const

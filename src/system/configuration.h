@@ -14,6 +14,7 @@
 #include <memory>
 
 class ConfigFile;
+struct TextFileChange;
 
 /// Where the configuration comes from. The defaults are the unit's; tests name others.
 struct ConfigurationSources
@@ -58,6 +59,9 @@ public:
 
     /// Reads all files anew, and waits for the disk. Any thread. Emits nothing.
     void reConfig();
+    /// Whether the last reload could read the app and keys files as far as they exist. Otherwise the store lacks
+    /// settings that the unit has. Any thread.
+    bool hasReadSettings() const { return m_settingsRead; }
 
     /// The "value" cell of an app or keys row; empty with `ok` false when there is no such row.
     QByteArray getAppTag(QString key, bool* ok) const;
@@ -94,6 +98,17 @@ public:
     /// A remotes file without "RUID" column (a missing one included) is a fatal assertion.
     /// @return false when a column for a word is missing (the others are written) or the file could not be replaced.
     bool writeToConfigFile(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4);
+
+    /// What writeToConfigFile would write, for a pairing that replaces the remotes file together with other files: its
+    /// content now and the one with the key. Touches no file. The same assertion.
+    /// @return false when a column for a word is missing, or the file is there and cannot be read, or lacks its header
+    ///         lines.
+    bool prepareRemotePairing(unsigned short ruId, unsigned int k1, unsigned int k2, unsigned int k3, unsigned int k4,
+                              TextFileChange* change);
+    /// That has been done: reloads and emits configurationChanged(). Writing thread only.
+    void remotePairingStored();
+    /// Where the remotes file lies.
+    QString remotesFile() const { return m_sources.remotesFile; }
 
     /// First IPv4 address of the machine-controller interface, 4 bytes, least significant first; 4 zero bytes when the
     /// interface has none or does not exist. Any thread.
@@ -132,6 +147,7 @@ private:
     const ConfigurationSources m_sources;
     QObject* m_writer = this; ///< its thread rewrites the files
     std::atomic<quint64> m_lastTicket{0};
+    std::atomic<bool> m_settingsRead{false};
 
     mutable QReadWriteLock m_lock; ///< guards the four members below
     RemoteRows remotesConfigParameters;

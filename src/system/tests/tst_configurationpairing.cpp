@@ -3,7 +3,9 @@
 #include "fatalprobe.h"
 #include "filesizelimit.h"
 #include "logspy.h"
+#include "textfile.h"
 
+#include <QDir>
 #include <QSignalSpy>
 #include <QtTest>
 
@@ -27,6 +29,11 @@ private slots:
     void pairingReachesTheFileInOneStep();
     void pairingThatCannotBeWrittenLeavesTheFile();
     void writingAloneChangesNothingInMemory();
+    void preparingTouchesNoFile();
+    void preparingIsRefusedWhereNotAllWordsFit();
+    void preparingIsRefusedWhereTheFileCannotBeRead();
+    void preparingWithoutIdentityColumnIsFatal();
+    void settingsThatCannotBeReadAreNoticed();
 
 private:
     QScopedPointer<ConfigurationFiles> m_files;
@@ -174,6 +181,62 @@ void TestConfigurationPairing::writingAloneChangesNothingInMemory()
     unsigned int value = 0;
     QVERIFY(!configuration.getRemoteTag(0, "RUID", "", &value));
     QCOMPARE(changed.count(), 0);
+}
+
+void TestConfigurationPairing::preparingTouchesNoFile()
+{
+    m_files->putRemotes("0;9;10;20;30;40\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    TextFileChange change;
+    QVERIFY(configuration.prepareRemotePairing(9, 1, 2, 3, 4, &change));
+    QCOMPARE(change.path, QFileInfo(m_files->sources().remotesFile).canonicalFilePath());
+    QCOMPARE(change.before, ConfigurationFiles::remotesHeader() + "0;9;10;20;30;40\n");
+    QCOMPARE(change.after, ConfigurationFiles::remotesHeader() + "0;9;1;2;3;4\n");
+    QCOMPARE(m_files->remoteRows(), QByteArray("0;9;10;20;30;40\n"));
+}
+
+void TestConfigurationPairing::preparingIsRefusedWhereNotAllWordsFit()
+{
+    ConfigurationFiles::put(m_files->sources().remotesFile, "ruindex;RUID;PKY1;PKY3;PKY4\n;;;;\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    TextFileChange change;
+    QVERIFY(!configuration.prepareRemotePairing(9, 1, 2, 3, 4, &change));
+    QCOMPARE(change.after, QByteArray());
+}
+
+/// Its end would be that of a broken installation, which this is not.
+void TestConfigurationPairing::preparingIsRefusedWhereTheFileCannotBeRead()
+{
+    const QString path = m_files->sources().remotesFile;
+    Configuration configuration(m_files->sources(), nullptr);
+    QVERIFY(QFile::remove(path) && QDir().mkdir(path)); // there, and not to be read as a file
+    TextFileChange change;
+    QVERIFY(!configuration.prepareRemotePairing(9, 1, 2, 3, 4, &change));
+}
+
+void TestConfigurationPairing::preparingWithoutIdentityColumnIsFatal()
+{
+    const QString path = m_files->sources().remotesFile;
+    ConfigurationFiles::put(path, "ruindex;PKY1\n;\n0;1\n");
+    Configuration configuration(m_files->sources(), nullptr);
+    TextFileChange change;
+    m_spy.reset();
+    VERIFY_FATAL("src/system/configuration", 358, configuration.prepareRemotePairing(9, 1, 2, 3, 4, &change));
+    QVERIFY(QFile::remove(path));
+    VERIFY_FATAL("src/system/configuration", 358, configuration.prepareRemotePairing(9, 1, 2, 3, 4, &change));
+}
+
+void TestConfigurationPairing::settingsThatCannotBeReadAreNoticed()
+{
+    const QString path = m_files->sources().appFile;
+    Configuration configuration(m_files->sources(), nullptr);
+    QVERIFY(configuration.hasReadSettings());
+    QFile::remove(path); // what is not there need not be read
+    configuration.reConfig();
+    QVERIFY(configuration.hasReadSettings());
+    QVERIFY(QDir().mkdir(path));
+    configuration.reConfig();
+    QVERIFY(!configuration.hasReadSettings());
 }
 
 QTEST_GUILESS_MAIN(TestConfigurationPairing)

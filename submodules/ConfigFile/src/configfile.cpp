@@ -180,19 +180,22 @@ bool ConfigFile::writeData()
 {
     QByteArray content;
     QString error;
-    if (!readTextFile(filePath, content, error)) {
-        return false;
-    }
-    const QByteArrayList lines = splitLines(content);
+    return readTextFile(filePath, content, error) && rewrite(content, content) && replaceTextFile(filePath, content);
+}
+
+bool ConfigFile::rewrite(const QByteArray& current, QByteArray& rewritten) const
+{
+    const QByteArrayList lines = splitLines(current);
     if (lines.size() < HeaderLineCount) {
         qDebug() << "Something is wrong with configuration file" << filePath;
         return false;
     }
     QByteArray text = headerText(lines.at(KeyLine)) + headerText(lines.at(DescriptionLine));
-    for (const QString& rowKey : qAsConst(rowKeys)) {
+    for (const QString& rowKey : rowKeys) {
         text += rowText(rowKey);
     }
-    return replaceTextFile(filePath, text);
+    rewritten = text;
+    return true;
 }
 
 QByteArray ConfigFile::rowText(const QString& rowKey) const

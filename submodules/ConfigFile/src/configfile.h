@@ -63,6 +63,11 @@ public:
     /// @return false, with the file untouched, when it cannot be read, lacks its header lines, or cannot be replaced.
     bool writeData();
 
+    /// What writeData would put in the place of `current`, the content of the file: for callers that replace it
+    /// themselves, together with others. Touches no file.
+    /// @return false, with a debug line and `rewritten` untouched, when `current` lacks its header lines.
+    bool rewrite(const QByteArray& current, QByteArray& rewritten) const;
+
     /// Forgets everything but the path. The file is not touched.
     void removeAllData();
 

@@ -11,6 +11,14 @@
 /// keeps a damaged file system or a misplaced file from eating the board's memory.
 constexpr int MaxTextFileBytes = 4 * 1024 * 1024;
 
+/// A file that is to be replaced, with all links resolved: its content now and the one that is to come.
+struct TextFileChange
+{
+    QString path;
+    QByteArray before;
+    QByteArray after;
+};
+
 /// Reads the whole file, bytes as they are.
 /// @return false, with `content` empty and the reason in `error`, when it is no regular file, cannot be opened or read,
 ///         or has more than MaxTextFileBytes.

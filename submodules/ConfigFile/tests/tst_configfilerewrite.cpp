@@ -41,6 +41,7 @@ private slots:
     void fullDiskLeavesTheOldFile();
     void killedWriterLeavesAWholeFile();
     void rewritesTheConstructorsPathAfterLoadingAnother();
+    void rewriteTellsWhatItWouldWrite();
 
 private:
     QString path() const { return m_folder->filePath("table.csv"); }
@@ -331,6 +332,21 @@ void TestConfigFileRewrite::rewritesTheConstructorsPathAfterLoadingAnother()
     QVERIFY(table.loadFile(other));
     QVERIFY(table.writeData());
     QCOMPARE(content(), QByteArray("ID;A\na;b\n1;x\n"));
+}
+
+void TestConfigFileRewrite::rewriteTellsWhatItWouldWrite()
+{
+    const QByteArray before("ID;CCH1\nRemote id;Channel\n1;11\n");
+    ConfigFile file(put(before), nullptr);
+    QVERIFY(file.setValue("1", "CCH1", "12"));
+    QByteArray rewritten("as it was");
+
+    QVERIFY(!file.rewrite("only one line\n", rewritten));
+    QCOMPARE(rewritten, QByteArray("as it was"));
+    QVERIFY(file.rewrite(before, rewritten));
+
+    QCOMPARE(rewritten, QByteArray("ID;CCH1\nRemote id;Channel\n1;12\n"));
+    QCOMPARE(content(), before);
 }
 
 QTEST_GUILESS_MAIN(TestConfigFileRewrite)
