@@ -13,6 +13,7 @@
 #include "logwriter.h"
 #include "msrelaycontrol.h"
 #include "myassertfunc.h"
+#include "pairingrecovery.h"
 #include "pairserver.h"
 #include "rgpcom.h"
 #include "service_layer.h"
@@ -165,10 +166,12 @@ void TessaroServer::createFileThread()
     myConfiguration->setParent(this);
 }
 
-/// Runs in the file thread. The rows that are loaded here are freed here, after a reload: a large configuration that
-/// the main thread had allocated would keep the main thread's heap locked meanwhile.
+/// Runs in the file thread. What an interrupted pairing has left is cleared away before it is read. The rows that are
+/// loaded here are freed here, after a reload: a large configuration that the main thread had allocated would keep the
+/// main thread's heap locked meanwhile.
 void TessaroServer::createConfiguration()
 {
+    recoverPairings(ConfigurationSources().remotesFile);
     myConfiguration = new Configuration(nullptr);
     myConfiguration->writeFilesIn(m_fileWork);
     m_reload = new ConfigurationReload(myConfiguration, ConfigurationReload::Rest, m_fileWork);

@@ -39,6 +39,18 @@ def serve(bench, **files):
     return bench
 
 
+def serve_with_gate(bench, folder, **files):
+    """The same with a tar that waits until `folder` holds a file "go", so that others can ask meanwhile."""
+    slow = folder / "tar"
+    slow.write_text(f"#!/bin/sh\nwhile [ ! -e {folder}/go ]; do sleep 0.01; done\nexec /usr/bin/tar \"$@\"\n")
+    slow.chmod(0o755)
+    install(bench, "panel", "user", **files)
+    install(bench, "display", "system", **files)
+    bench.start(env={"PATH": f"{folder}:/usr/bin:/bin"})
+    bench.server.wait_log(READY)
+    return bench
+
+
 def words_of(table: Table) -> list[str]:
     """The key words in an application's keys file."""
     return [table.row(word)["value"] for word in WORDS]

@@ -1,16 +1,18 @@
 """Pairing and application transfer with the real binary: what a service tool gets, and what it leaves in the files."""
 
 import json
+import os
 import subprocess
 import sys
 
 import pytest
 
-from pairing_support import (NO_HANDLE, READY, SYSTEM, USER, file_in, install, md5, serve, table_in, words_of,
+from pairing_support import (NO_HANDLE, READY, SYSTEM, USER, file_in, install, md5, serve, serve_with_gate, table_in, words_of,
                              words_of_unit)
 from tessarobench import pairwire
 from tessarobench.board import APPLICATIONS
 from tessarobench.installation import APP, KEYS, REMOTES
+from tessarobench.namespaces import MS_BIND, mount, unmount
 from tessarobench.servicetool import ANSWER_SECONDS, NoAnswer
 
 from conftest import REPOSITORY
@@ -21,6 +23,11 @@ BUSY = "pairarchive: Unable to create tar. Another process is running."
 @pytest.fixture
 def pairing(bench):
     return serve(bench)
+
+
+def contents(bench):
+    """Every file of the installation, hidden ones included, with its content."""
+    return {path: path.read_bytes() for path in bench.applications.glob("**/*") if path.is_file()}
 
 
 def archives(bench):
@@ -145,32 +152,106 @@ def test_paths_that_are_not_handed_out(pairing, path):
     assert tool.list()  # and the conversation goes on
 
 
-def test_without_tar_nothing_is_ever_packed_and_nobody_paired(bench):
+def test_without_tar_nobody_is_paired_until_there_is_one(bench, tmp_path):
     install(bench, "panel", "user")
     install(bench, "display", "system")
-    bench.start(env={"PATH": "/nowhere"})
+    bench.start(env={"PATH": str(tmp_path)})
     bench.server.wait_log(READY)
+    before = contents(bench)
     tool = bench.service_tool(timeout=0.3)
-    with pytest.raises(NoAnswer):
-        tool.ask(SYSTEM, 1003)
-    bench.server.wait_log("pairarchive: Could not start tar: ")
-    with pytest.raises(NoAnswer):
-        tool.ask(USER, 1003)
-    bench.server.wait_log(BUSY)
-    assert words_of_unit(bench, 1003) is None
-    assert words_of(bench.table("panel/config/keys.csv")) == ["0"] * 4
+    for attempts, path in enumerate((SYSTEM, USER), 1):
+        with pytest.raises(NoAnswer):
+            tool.ask(path, 1003)
+        bench.wait_for(lambda: bench.server.logged("pairarchive: Could not start tar: ") == attempts)
     tool.wait_no_longer_than(ANSWER_SECONDS)
     assert tool.list()
+    assert contents(bench) == before
+    (tmp_path / "tar").symlink_to("/usr/bin/tar")
+    assert tool.get(USER, 1003)[0].name == "panel.tar"
+
+
+def refused(bench, line, unit=1003):
+    """Asks for the application and waits for the line that says why there is none; then for the end of that request."""
+    before = contents(bench)
+    with bench.service_tool() as tool:
+        tool.send(pairwire.get_app(unit, USER))
+        bench.server.wait_log(line)
+        assert tool.list()
+    assert contents(bench) == before, "and nothing has changed"
+
+
+def test_remotes_that_cannot_be_replaced_leave_the_old_pairing_whole(pairing):
+    pairing.tool.get(USER, 1003)
+    file = str(APPLICATIONS / REMOTES)
+    pairing.on_board(lambda: mount(file, file, None, MS_BIND))  # nothing is ever renamed to where something is mounted
+    refused(pairing, f'pairserver: Nothing has changed with "{USER}" - ')
+    pairing.on_board(lambda: unmount(file))
+    assert words_of_unit(pairing, 1003) == words_of(pairing.table("panel/config/keys.csv"))
+    old = words_of_unit(pairing, 1003)
+    pairing.tool.get(USER, 1003)
+    assert words_of_unit(pairing, 1003) == words_of(pairing.table("panel/config/keys.csv")) != old
+
+
+def test_a_disk_that_is_nearly_full_leaves_the_old_pairing_whole(bench):
+    """Room for some of it, and not for all: the archive would be torn."""
+    apart = str(APPLICATIONS / "sites")
+    bench.on_board(lambda: os.mkdir(apart))
+    bench.on_board(lambda: mount("sites", apart, "tmpfs", options="size=1m,mode=755"))
+    install(bench, "sites/panel", "user", content=bytes(600 * 1024))
+    bench.start()
+    bench.server.wait_log(READY)
+    before = contents(bench)
+    with bench.service_tool() as tool:
+        tool.send(pairwire.get_app(1003, f"{apart}/panel"))
+        bench.server.wait_log(f'pairserver: No archive "{apart}/panel.tar" "tar was not content"')
+        assert tool.list()
+        assert contents(bench) == before
+        (bench.applications / "sites" / "panel" / "content").unlink()
+        assert tool.get(f"{apart}/panel", 1003)[0].name == "panel.tar"
+
+
+def test_tar_does_not_outlive_the_server(bench, tmp_path):
+    slow = tmp_path / "tar"
+    slow.write_text(f"#!/bin/sh\necho $$ >{tmp_path}/pid\nexec sleep 1000\n")
+    slow.chmod(0o755)
+    install(bench, "panel", "user")
+    bench.start(env={"PATH": f"{tmp_path}:/usr/bin:/bin"})
+    bench.server.wait_log(READY)
+    before = contents(bench)
+    bench.tool.send(pairwire.get_app(1003, USER))
+    bench.wait_for(lambda: (tmp_path / "pid").exists() and (tmp_path / "pid").read_text(), poll=0.01)
+    bench.server.kill()
+    bench.wait_for(lambda: not alive(int((tmp_path / "pid").read_text())), what="the end of tar", poll=0.01)
+    bench.tool.close()
+    slow.unlink()
+    bench.server.start()
+    bench.server.wait_log(f'pairserver: Undid what had been begun with "{USER}"')
+    bench.server.wait_log(READY)
+    assert contents(bench) == before
+    assert bench.tool.get(USER, 1003)[0].name == "panel.tar"
+
+
+def alive(pid):
+    try:
+        os.kill(pid, 0)
+        return True
+    except ProcessLookupError:
+        return False
+
+
+def test_an_archive_that_nobody_fetched_is_gone_after_the_next_start(pairing):
+    pairing.tool.ask(USER, 1003)
+    assert archives(pairing) == ["panel.tar"]
+    pairing.server.kill()
+    pairing.server.start()
+    pairing.server.wait_log(f'pairserver: Removed the archive that was left of "{USER}"')
+    pairing.server.wait_log(READY)
+    assert archives(pairing) == [] and not (pairing.applications / "tessaroserver/config/.pairing").exists()
+    assert words_of_unit(pairing, 1003) == words_of(pairing.table("panel/config/keys.csv"))
 
 
 def test_a_request_while_an_archive_is_made_is_refused_before_keys_are_drawn(bench, tmp_path):
-    slow = tmp_path / "tar"
-    slow.write_text(f"#!/bin/sh\nwhile [ ! -e {tmp_path}/go ]; do sleep 0.01; done\nexec /usr/bin/tar \"$@\"\n")
-    slow.chmod(0o755)
-    install(bench, "panel", "user")
-    install(bench, "display", "system")
-    bench.start(env={"PATH": f"{tmp_path}:/usr/bin:/bin"})
-    bench.server.wait_log(READY)
+    serve_with_gate(bench, tmp_path)
     first = bench.tool
     first.send(pairwire.get_app(1003, SYSTEM))
     bench.server.wait_log("pairarchive: tarStarted()")

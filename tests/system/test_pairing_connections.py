@@ -6,7 +6,8 @@ import time
 
 import pytest
 
-from pairing_support import NO_HANDLE, SYSTEM, USER, md5, serve, sockets, words_of_unit
+from pairing_support import (NO_HANDLE, SYSTEM, USER, md5, serve, serve_with_gate, sockets, table_in, words_of,
+                             words_of_unit)
 from tessarobench import pairwire
 from tessarobench.servicetool import ServiceToolError
 
@@ -74,19 +75,69 @@ def test_requests_that_are_too_long_or_unreadable_close_the_connection(pairing, 
     assert pairing.server.memory() - before < 4 * 1024 * 1024
 
 
-def test_the_newest_tool_is_served_and_the_older_one_left_in_peace(pairing):
-    older, newer = pairing.service_tool(), pairing.service_tool()
+def test_an_idle_connection_makes_nobody_deaf(pairing):
+    older, idle = pairing.service_tool(), pairing.service_tool()
     assert older.list()
-    newer.open()
+    idle.open()
     pairing.server.wait_log("newClientConnection", since=pairing.server.wait_log("newClientConnection"))
-    older.send(pairwire.get_app_list())
-    older.send(pairwire.get_app(1004, USER)[:7])  # and half of another request
-    assert newer.get(USER, 1003)[0].name == "panel.tar"
-    older.wait_no_longer_than(0.2)
-    with pytest.raises(ServiceToolError, match="no answer within"):
-        older.reply(pairwire.parse_app_list)  # unanswered, yet connected: a closed connection reads differently
-    assert pairing.server.logged("sending applist") == 1
+    idle.send(pairwire.get_app(1004, USER)[:7])  # and half of a request
+    assert older.list()
+    assert older.get(USER, 1003)[0].name == "panel.tar"
     assert words_of_unit(pairing, 1004) is None
+
+
+def test_tools_that_ask_at_once_each_get_their_own(pairing, tmp_path):
+    tools = {unit: pairing.service_tool() for unit in range(1011, 1019)}
+    for unit, tool in tools.items():
+        tool.send(pairwire.get_app(unit, USER))
+    offers = {unit: tool.reply(pairwire.parse_offer) for unit, tool in tools.items()}
+    for unit, tool in reversed(tools.items()):
+        archive = tool.fetch(offers[unit])
+        assert words_of(table_in(archive, "panel/config/keys.csv", tmp_path)) == words_of_unit(pairing, unit)
+    assert words_of(pairing.table("panel/config/keys.csv")) == words_of_unit(pairing, 1018), "paired last"
+    pairing.wait_for(lambda: not list(pairing.applications.glob("**/*.tar")), poll=0.02)
+
+
+def test_a_tool_that_goes_away_gives_up_its_turn(bench, tmp_path):
+    serve_with_gate(bench, tmp_path)
+    first, gone, last = (bench.service_tool() for _ in range(3))
+    first.send(pairwire.get_app(1011, USER))
+    bench.server.wait_log("pairarchive: tarStarted()")
+    gone.send(pairwire.get_app(1012, USER))
+    waits = bench.server.wait_log("has to wait for its turn")
+    last.send(pairwire.get_app(1013, SYSTEM))
+    bench.server.wait_log("has to wait for its turn", since=waits)
+    idle = sockets(bench)
+    gone.close()
+    connections_gone(bench, idle - 1)
+    (tmp_path / "go").touch()
+    assert first.reply(pairwire.parse_offer).name == "panel.tar"
+    assert last.reply(pairwire.parse_offer).name == "display.tar"
+    assert words_of_unit(bench, 1012) is None and words_of_unit(bench, 1011)
+
+
+def test_a_tool_that_goes_away_while_its_archive_is_made_pairs_nobody(bench, tmp_path):
+    serve_with_gate(bench, tmp_path)
+    gone, next_one = bench.service_tool(), bench.service_tool()
+    gone.send(pairwire.get_app(1011, USER))
+    bench.server.wait_log("pairarchive: tarStarted()")
+    next_one.send(pairwire.get_app(1012, USER))
+    bench.server.wait_log("has to wait for its turn")
+    gone.close()
+    bench.server.wait_log("pairserver: Nobody is left to take")  # and tar is not waited for
+    (tmp_path / "go").touch()
+    assert next_one.reply(pairwire.parse_offer).name == "panel.tar"
+    assert words_of_unit(bench, 1011) is None and words_of_unit(bench, 1012)
+
+
+def test_two_tools_fetch_side_by_side(large):
+    tools = [large.service_tool(), large.service_tool()]
+    offers = [tool.ask(path, 1011) for tool, path in zip(tools, (USER, SYSTEM))]
+    with tools[0].open_transfer() as first, tools[1].open_transfer() as second:
+        for tool in tools:
+            tool.start_transfer()
+        assert md5(tools[1].receive(second)) == offers[1].md5
+        assert md5(tools[0].receive(first)) == offers[0].md5
 
 
 def test_an_older_tool_still_gets_the_archive_it_asked_for(large):

@@ -41,16 +41,24 @@ bool setRows(ConfigFile& file, const QVector<ApplicationSetting>& rows)
             return false;
         }
     }
-    return file.writeData();
+    return true;
 }
 
-bool writeRows(const QString& appPath, const QString& fileName, const QVector<ApplicationSetting>& rows)
+/// Adds the change of one file.
+bool addChange(const QString& appPath, const QString& fileName, const QVector<ApplicationSetting>& rows,
+               QVector<TextFileChange>& changes)
 {
     const QString path = appPath + fileName;
+    // The file behind a link is the one to replace, not the link.
+    TextFileChange change{QFileInfo(path).canonicalFilePath(), {}, {}};
     if (liesInside(appPath, path)) {
-        // The file behind a link is the one to replace, not the link.
-        ConfigFile file(QFileInfo(path).canonicalFilePath(), nullptr);
-        if (setRows(file, rows)) {
+        QString error;
+        if (!readTextFile(change.path, change.before, error)) {
+            qCritical() << "Load Configurations File Error: " << change.path << error;
+        }
+        ConfigFile file(change.before, change.path, nullptr);
+        if (setRows(file, rows) && file.rewrite(change.before, change.after)) {
+            changes.append(change);
             return true;
         }
     }
@@ -60,8 +68,11 @@ bool writeRows(const QString& appPath, const QString& fileName, const QVector<Ap
 
 } // namespace
 
-bool writeApplicationConfig(const QString& appPath, const PairingKeys& keys,
-                            const QVector<ApplicationSetting>& settings)
+QVector<TextFileChange> prepareApplicationConfig(const QString& appPath, const PairingKeys& keys,
+                                                 const QVector<ApplicationSetting>& settings)
 {
-    return writeRows(appPath, KeysFile, keyRows(keys)) && writeRows(appPath, AppFile, settings);
+    QVector<TextFileChange> changes;
+    const bool complete =
+        addChange(appPath, KeysFile, keyRows(keys), changes) && addChange(appPath, AppFile, settings, changes);
+    return complete ? changes : QVector<TextFileChange>();
 }

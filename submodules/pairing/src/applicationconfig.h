@@ -1,6 +1,7 @@
 #pragma once
 
 #include "pairingkeys.h"
+#include "textfile.h"
 
 #include <QString>
 #include <QVector>
@@ -12,12 +13,12 @@ struct ApplicationSetting
     QString value;
 };
 
-/// Writes a pairing into an application before it is packed: the key words, in decimal, into rows "PKY1" to "PKY4" of
-/// its config/keys.csv, and `settings` into its config/app.csv, all in the column "value". Missing rows are added;
-/// everything else in the files keeps its meaning. Each file is replaced in one step.
+/// A pairing as it is to be written into an application before it is packed: the key words, in decimal, in rows "PKY1"
+/// to "PKY4" of its config/keys.csv, and `settings` in its config/app.csv, all in the column "value". Missing rows are
+/// added; everything else in the files keeps its meaning. Touches no file.
 ///
 /// Runs in the caller's thread and waits for the disk.
-/// @return false, with a log line, when a file is missing, lacks its header lines or the column, cannot be written, or
-///         is a link that leads out of the application's folder. The file before it may be written by then.
-bool writeApplicationConfig(const QString& appPath, const PairingKeys& keys,
-                            const QVector<ApplicationSetting>& settings);
+/// @return the two files, keys first; none, with a log line, when one is missing, lacks its header lines or the column,
+///         or is a link that leads out of the application's folder.
+QVector<TextFileChange> prepareApplicationConfig(const QString& appPath, const PairingKeys& keys,
+                                                 const QVector<ApplicationSetting>& settings);

@@ -75,12 +75,13 @@ void FileTransfer::finish(bool complete)
 {
     m_stallTimer.stop();
     m_receiver->disconnect(this);
+    // Before the receiver can see the end: whoever has the archive finds nothing of it here.
+    m_file.reset();
     if (complete) {
         // The end of the connection is how the receiver knows the end of the file.
         m_receiver->disconnectFromHost();
     } else {
         m_receiver->abort();
     }
-    m_file.reset();
     emit finished(complete);
 }

@@ -4,18 +4,62 @@
 
 #include <QDebug>
 #include <QFile>
+#include <QFileInfo>
+
+#include <csignal>
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 namespace {
+
+/// The process for which this thread is just starting tar; 0 when it is not.
+thread_local pid_t startingFor = 0;
+
+/// In the child: it ends with the thread that started it, however that ends. Nobody would clear up behind it, and it
+/// would go on writing beside the next start of the server.
+void endWithParent()
+{
+    constexpr int EndedBefore = 125;
+    if (startingFor != 0 && (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != startingFor)) {
+        _exit(EndedBefore);
+    }
+}
+
+class TarProcess : public QProcess
+{
+public:
+    explicit TarProcess(QObject* parent)
+        : QProcess(parent)
+    {
+        // Before setupChildProcess the child waits for a word of its parent, with all its sockets. It is to end there,
+        // too.
+        static const int registered = pthread_atfork(nullptr, nullptr, endWithParent);
+        Q_UNUSED(registered)
+    }
+
+    void startTar(const QStringList& arguments);
+
+protected:
+    void setupChildProcess() override { endWithParent(); }
+};
 
 const QString TarProgram = QStringLiteral("tar");
 const QString ArchiveSuffix = QStringLiteral(".tar");
 constexpr int KillWaitMs = 1000;
 
+void TarProcess::startTar(const QStringList& arguments)
+{
+    startingFor = getpid();
+    start(TarProgram, arguments, QIODevice::ReadWrite);
+    startingFor = 0;
+}
+
 } // namespace
 
 PairArchive::PairArchive(QObject* parent)
     : QObject(parent)
-    , tarProcess(new QProcess(this))
+    , tarProcess(new TarProcess(this))
 {
     tarProcess->setStandardInputFile(QProcess::nullDevice());
     connect(tarProcess, &QProcess::started, this, &PairArchive::tarStarted);
@@ -23,6 +67,8 @@ PairArchive::PairArchive(QObject* parent)
     connect(tarProcess, &QProcess::readyReadStandardError, this, &PairArchive::tarReadyReadStandardError);
     connect(tarProcess, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this, &PairArchive::tarFinished);
     connect(tarProcess, &QProcess::errorOccurred, this, &PairArchive::tarFailed);
+    m_patience.setInterval(0);
+    connect(&m_patience, &QTimer::timeout, this, &PairArchive::losePatience);
 }
 
 PairArchive::~PairArchive()
@@ -77,6 +123,7 @@ void PairArchive::startTarProcess(const QString& path, ProcessType type)
     if (!tarAppDirectory.exists()) {
         // Busy from here on: nothing will ever finish this job.
         qWarning() << "pairarchive: Could not find the directory one up from this app!";
+        emit couldNotStart();
         return;
     }
     tarAppDirPath = tarAppDirectory.absolutePath();
@@ -84,7 +131,7 @@ void PairArchive::startTarProcess(const QString& path, ProcessType type)
     tarFilePath = path;
     const QStringList arguments = prepareArguments(type);
     tarProcess->setWorkingDirectory(tarAppDirPath);
-    tarProcess->start(TarProgram, arguments, QIODevice::ReadWrite);
+    static_cast<TarProcess*>(tarProcess)->startTar(arguments);
 }
 
 QStringList PairArchive::prepareArguments(ProcessType type)
@@ -101,6 +148,11 @@ QStringList PairArchive::prepareArguments(ProcessType type)
 void PairArchive::tarStarted()
 {
     qDebug() << "pairarchive: tarStarted()";
+    m_sizeSeen = 0;
+    m_patienceTaken = 0;
+    if (currentProcess == CREATE && m_patience.interval() > 0) {
+        m_patience.start();
+    }
 }
 
 void PairArchive::tarReadyReadStandardOutput()
@@ -118,13 +170,45 @@ void PairArchive::tarFailed(QProcess::ProcessError error)
     if (error == QProcess::FailedToStart) {
         // Busy from here on: a program that never ran never finishes.
         qWarning() << "pairarchive: Could not start tar:" << tarProcess->errorString();
+        emit couldNotStart();
+    }
+}
+
+void PairArchive::giveUp()
+{
+    if (tarProcess->state() == QProcess::NotRunning) {
+        currentProcess = NONE;
+    }
+}
+
+/// Without the archive there is nothing to hash, however much tar has made of it.
+void PairArchive::endTar()
+{
+    if (tarProcess->state() == QProcess::NotRunning || tarProcess->processId() <= 0) {
+        return;
+    }
+    if (currentProcess == CREATE) {
+        QFile::remove(tarFilePath);
+    }
+    tarProcess->kill();
+}
+
+void PairArchive::losePatience()
+{
+    const qint64 size = QFileInfo(tarFilePath).size();
+    const bool grows = size > m_sizeSeen;
+    m_sizeSeen = size;
+    if (++m_patienceTaken >= PatienceTimes || !grows) {
+        qWarning() << "pairarchive: tar does not come to its end with" << tarFilePath;
+        endTar();
     }
 }
 
 void PairArchive::tarFinished(int exitCode)
 {
-    Q_UNUSED(exitCode)
     qDebug() << "pairarchive: tarFinished";
+    m_patience.stop();
+    m_tarContent = exitCode == 0 && tarProcess->exitStatus() == QProcess::NormalExit;
     auto* digest = new FileDigest(tarFilePath, this);
     connect(digest, &FileDigest::finished, this, &PairArchive::finishJob);
     connect(digest, &FileDigest::finished, digest, &FileDigest::deleteLater);

@@ -1,14 +1,11 @@
 #include "pairserver.h"
 
-#include "applicationconfig.h"
 #include "applicationmanifest.h"
 #include "configuration.h"
 #include "filetransfer.h"
 #include "pairarchive.h"
-#include "pairingkeys.h"
+#include "pairingrecovery.h"
 #include "regularfile.h"
-#include "tag.h"
-#include "tagdatabase.h"
 #include "temporaryarchive.h"
 
 #include <QCoreApplication>
@@ -17,46 +14,15 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <algorithm>
+
 namespace {
 
 /// Fixes the layout of the replies for good; the tools of every version read it.
 constexpr QDataStream::Version StreamVersion = QDataStream::Qt_5_6;
 
-/// A tool that lets its replies pile up is not read from until it has taken them.
-constexpr qint64 MaxUnsentReplyBytes = 64 * 1024;
-
-/// What Qt may read ahead on a request connection. Beyond it the sender has to wait.
-constexpr qint64 ReadAheadBytes = 2 * PairRequest::MaxSize;
-
-/// Request connections that may be open at a time, the one that is served included. Beyond it the oldest goes.
+/// Request connections that may be open at a time. Beyond it one that wants nothing goes.
 constexpr int MaxClients = 64;
-
-const QString BuIdentityTag = QStringLiteral("bu_identity");
-
-/// The base unit's own settings that a paired application takes over.
-const QString CopiedSettings[] = {
-    QStringLiteral("CCH1"), QStringLiteral("CCH2"), QStringLiteral("CCH3"),
-    QStringLiteral("SID1"), QStringLiteral("WPA1"),
-};
-
-unsigned int baseUnitId(const TagDatabase& tags)
-{
-    const Tag* identity = tags.get(BuIdentityTag);
-    return identity != nullptr ? identity->getValue().toUInt() : 0;
-}
-
-QVector<ApplicationSetting> baseUnitSettings(const Configuration& configuration, const TagDatabase& tags)
-{
-    QVector<ApplicationSetting> settings{{QStringLiteral("BUID"), QString::number(baseUnitId(tags))}};
-    for (const QString& tag : CopiedSettings) {
-        bool found = false;
-        const QString value = configuration.getAppTagText(tag, &found);
-        if (found) {
-            settings.append({tag, value});
-        }
-    }
-    return settings;
-}
 
 } // namespace
 
@@ -73,16 +39,24 @@ PairServer::PairServer(Configuration* configuration, TagDatabase* tags, const Pa
     , archiving(new PairArchive(this))
     , m_configuration(configuration)
     , tagDatabase(tags)
+    , m_records(configuration->remotesFile())
 {
     // A timer and not a posted event, so that the sockets of everyone else get their turn between two requests.
     m_nextRequest.setInterval(0);
     m_nextRequest.setSingleShot(true);
     connect(&m_nextRequest, &QTimer::timeout, this, &PairServer::readData);
+    archiving->limitPatience(place.tarPatience);
     connect(archiving, &PairArchive::createdTarReady, this, &PairServer::sendAppArchiveReady);
+    connect(archiving, &PairArchive::couldNotStart, this, &PairServer::archiverCouldNotStart, Qt::QueuedConnection);
     listen(place);
 }
 
-PairServer::~PairServer() = default;
+/// tar ends before what it packs is cleared away.
+PairServer::~PairServer()
+{
+    delete archiving;
+    qDeleteAll(m_clients);
+}
 
 quint16 PairServer::requestPort() const
 {
@@ -120,72 +94,73 @@ void PairServer::listenForFileTransfers(quint16 port)
 void PairServer::newClientConnection()
 {
     qDebug() << "pairserver: newClientConnection()";
-    QTcpSocket* client = tcpServer->nextPendingConnection();
-    if (client == nullptr) {
+    QTcpSocket* socket = tcpServer->nextPendingConnection();
+    if (socket == nullptr) {
         return;
     }
-    retireClient();
+    auto* client = new PairClient(socket, this);
+    m_clients.append(client);
     clientConnection = client;
-    client->setReadBufferSize(ReadAheadBytes);
-    connect(client, &QTcpSocket::disconnected, client, &QTcpSocket::deleteLater);
-    connect(client, &QTcpSocket::readyRead, this, &PairServer::readData);
-    connect(client, &QTcpSocket::bytesWritten, this, &PairServer::serveNextLater);
+    connect(client, &PairClient::mayBeServed, &m_nextRequest, qOverload<>(&QTimer::start));
+    connect(client, &PairClient::left, this, [this, client] { forgetClient(client); });
     limitClients();
-}
-
-/// The connection that was served so far stays open, but is not listened to any more.
-void PairServer::retireClient()
-{
-    QTcpSocket* client = clientConnection;
-    if (client == nullptr) {
-        return;
-    }
-    client->disconnect(this);
-    FileTransfer::discardReceived(client);
 }
 
 void PairServer::limitClients()
 {
-    const auto clients = tcpServer->findChildren<QTcpSocket*>(QString(), Qt::FindDirectChildrenOnly);
-    if (clients.size() > MaxClients) {
-        qWarning() << "pairserver: Too many request connections, closing the oldest";
-        clients.first()->abort();
+    if (m_clients.size() <= MaxClients) {
+        return;
     }
+    qWarning() << "pairserver: Too many request connections, closing the oldest";
+    const auto idle = std::find_if(m_clients.begin(), m_clients.end(), [this](const PairClient* client) {
+        return client->offer() == nullptr && !hasTurn(client);
+    });
+    (idle != m_clients.end() ? *idle : m_clients.first())->close();
+}
+
+/// What was on offer to it goes at once, and so does its turn.
+void PairServer::forgetClient(PairClient* client)
+{
+    m_clients.removeOne(client);
+    client->setOffer(nullptr);
+    const auto isItsTurn = [client](const std::unique_ptr<ArchiveTurn>& turn) {
+        return turn->client() == client;
+    };
+    m_waiting.erase(std::remove_if(m_waiting.begin(), m_waiting.end(), isItsTurn), m_waiting.end());
+    if (m_turn != nullptr && isItsTurn(m_turn)) {
+        archiving->endTar();
+    }
+    client->deleteLater();
+}
+
+bool PairServer::hasTurn(const PairClient* client) const
+{
+    const auto isItsTurn = [client](const std::unique_ptr<ArchiveTurn>& turn) {
+        return turn != nullptr && turn->client() == client;
+    };
+    return isItsTurn(m_turn) || std::any_of(m_waiting.begin(), m_waiting.end(), isItsTurn);
 }
 
 bool PairServer::isClientOpen() const
 {
-    return clientConnection != nullptr && clientConnection->state() == QAbstractSocket::ConnectedState;
+    return clientConnection != nullptr && clientConnection->isOpen();
 }
 
-void PairServer::dropClient(const char* reason)
-{
-    qWarning() << "pairserver:" << reason << "from" << clientConnection->peerAddress().toString()
-               << "- closing the connection";
-    clientConnection->abort();
-}
-
+/// Called in a turn of the event loop of its own, and never from within the sending of a reply.
 void PairServer::readData()
 {
-    if (!isClientOpen() || clientConnection->bytesToWrite() > MaxUnsentReplyBytes) {
-        return;
+    bool served = false;
+    const QList<PairClient*> clients = m_clients;
+    for (PairClient* client : clients) {
+        PairRequest request;
+        // One that left while another was served is not in the list any more.
+        if (m_clients.contains(client) && client->takeRequest(request)) {
+            clientConnection = client;
+            serve(request);
+            served = true;
+        }
     }
-    const PairRequestDecoding decoding = decodePairRequest(clientConnection->peek(PairRequest::MaxSize));
-    switch (decoding.status) {
-    case PairRequestDecoding::Status::Incomplete: return;
-    case PairRequestDecoding::Status::TooLong: dropClient("Request of more than 64 KiB"); return;
-    case PairRequestDecoding::Status::Corrupt: dropClient("Unreadable request"); return;
-    case PairRequestDecoding::Status::Complete: break;
-    }
-    clientConnection->skip(decoding.size);
-    serve(decoding.request);
-    serveNextLater();
-}
-
-/// Never at once: this is also called from within the sending of a reply.
-void PairServer::serveNextLater()
-{
-    if (isClientOpen() && clientConnection->bytesAvailable() > 0) {
+    if (served) {
         m_nextRequest.start();
     }
 }
@@ -223,8 +198,7 @@ void PairServer::sendListOfApps()
     QDataStream out(&reply, QIODevice::WriteOnly);
     out.setVersion(StreamVersion);
     out << QStringLiteral("appList") << appsWithManifestData;
-    clientConnection->write(reply);
-    clientConnection->flush();
+    clientConnection->send(reply);
     qDebug() << "sending applist" << appsWithManifestData;
 }
 
@@ -250,78 +224,102 @@ void PairServer::sendApp(QString path)
         qWarning() << "pairserver: Refused to send" << path << "-" << qPrintable(refusal);
         return;
     }
-    if (!archiving->isBusy()) {
-        if (isUserApp(path) && !pair(path)) {
-            return;
-        }
-        m_archiveAsked = true;
-        m_archiveClient = clientConnection;
-        // An archive from earlier is not written over: a slow receiver may still be reading it.
-        QFile::remove(path + QStringLiteral(".tar"));
+    if (hasTurn(clientConnection)) {
+        // The archiver is at work for it, or for one before it, and refuses by itself, with a line that says so.
+        archiving->createTar(path);
+        return;
     }
-    // A busy archiver refuses by itself, with a line that says so.
-    archiving->createTar(path);
+    if (m_turn != nullptr) {
+        qInfo() << "pairserver:" << path << "has to wait for its turn";
+    }
+    m_waiting.push_back(std::make_unique<ArchiveTurn>(clientConnection, ruId, path));
+    takeTurns();
 }
 
-bool PairServer::pair(const QString& appPath)
+void PairServer::takeTurns()
 {
-    if (ruId == 0) {
-        qDebug() << "PairServer: invalid ruId:" << ruId;
+    while (m_turn == nullptr && !m_waiting.empty()) {
+        m_turn = std::move(m_waiting.front());
+        m_waiting.erase(m_waiting.begin());
+        if (!begin(*m_turn)) {
+            m_turn.reset();
+        }
+    }
+}
+
+/// What an earlier turn could not undo comes first: the files in its way are needed again.
+bool PairServer::begin(ArchiveTurn& turn)
+{
+    if (!undoPairings(m_records) || !turn.prepare(*m_configuration, *tagDatabase, m_records)) {
         return false;
     }
-    m_configuration->reConfig();
-    const PairingKeys keys = PairingKeys::draw();
-    if (!writeApplicationConfig(appPath, keys, baseUnitSettings(*m_configuration, *tagDatabase))) {
-        return false;
-    }
-    const auto& [key1, key2, key3, key4] = keys.words;
-    if (!m_configuration->updateRemotePairing(ruId, key1, key2, key3, key4)) {
-        qWarning() << "pairserver: Could not store the keys of remote unit" << ruId;
-        return false;
-    }
-    qDebug() << "PairServer generated new keys:" << ruId << "(ruid)" << key1 << "(pky1)" << key2 << "(pky2)" << key3
-             << "(pky3)" << key4 << "(pky4)";
+    archiving->createTar(turn.folderToPack());
     return true;
+}
+
+void PairServer::archiverCouldNotStart()
+{
+    archiving->giveUp();
+    endTurn();
+}
+
+void PairServer::endTurn()
+{
+    m_turn.reset();
+    takeTurns();
 }
 
 void PairServer::sendAppArchiveReady(QString fileName, QString absolutePath)
 {
     qDebug() << "SendAppArchiveReady()";
-    sendAppStartTransfer(fileName, absolutePath);
+    if (m_turn == nullptr) {
+        sendAppStartTransfer(fileName, absolutePath);
+        return;
+    }
+    const QString archive = PairingAct::archiveOf(m_turn->appPath());
+    const PairClient* client = m_turn->client();
+    if (client == nullptr || !client->isOpen()) {
+        qWarning() << "pairserver: Nobody is left to take" << archive;
+    } else if (isMade(absolutePath, archive) && m_turn->complete(*m_configuration)) {
+        sendAppStartTransfer(fileName, archive);
+    }
+    endTurn();
 }
 
-/// The connection that the archive is for: the one that asked, even when a newer one is served by now.
-QTcpSocket* PairServer::archiveClient() const
+bool PairServer::isMade(const QString& made, const QString& archive) const
 {
-    return m_archiveAsked ? m_archiveClient : clientConnection;
+    QFile file;
+    QString error = QStringLiteral("tar was not content");
+    if (archiving->wasTarContent() && openRegularFile(made, file, error) == FileOpening::Opened) {
+        return true;
+    }
+    qWarning() << "pairserver: No archive" << archive << error;
+    return false;
 }
 
 void PairServer::sendAppStartTransfer(QString fileName, QString absolutePath)
 {
     Q_UNUSED(fileName)
     qDebug() << "Attempting to send app metadata";
-    m_applicationFileHandle = std::make_unique<TemporaryArchive>(absolutePath);
-    m_applicationAbsolutePath = absolutePath;
+    auto archive = std::make_unique<TemporaryArchive>(absolutePath, m_records);
     QString error;
-    if (openRegularFile(absolutePath, *m_applicationFileHandle, error) != FileOpening::Opened) {
+    if (openRegularFile(absolutePath, *archive, error) != FileOpening::Opened) {
         qWarning() << "pairserver: No archive" << absolutePath << error;
-        m_applicationFileHandle.reset();
         return;
     }
-    QTcpSocket* client = archiveClient();
-    if (client == nullptr || client->state() != QAbstractSocket::ConnectedState) {
+    PairClient* client = m_turn != nullptr ? m_turn->client() : clientConnection.data();
+    if (client == nullptr || !client->isOpen()) {
         qWarning() << "pairserver: Nobody is left to take" << absolutePath;
-        m_applicationFileHandle.reset();
         return;
     }
     QByteArray metadata;
     QDataStream out(&metadata, QIODevice::WriteOnly);
     out.setVersion(StreamVersion);
-    out << QStringLiteral("app") << QFileInfo(absolutePath).fileName() << quint64(m_applicationFileHandle->size())
+    out << QStringLiteral("app") << QFileInfo(absolutePath).fileName() << quint64(archive->size())
         << archiving->digest();
-    client->write(metadata);
+    client->setOffer(std::move(archive));
     qDebug() << "sending app metadata for " << absolutePath;
-    client->flush();
+    client->send(metadata);
 }
 
 void PairServer::newFileTransferConnection()
@@ -333,29 +331,55 @@ void PairServer::newFileTransferConnection()
     qDebug() << "Got connection from" << receiver->peerAddress().toString();
     connect(receiver, &QTcpSocket::disconnected, receiver, &QTcpSocket::deleteLater);
     FileTransfer::discardReceived(receiver);
-    if (m_fileTransferSocket != nullptr) {
-        m_fileTransferSocket->abort();
+    m_receivers.append(receiver);
+    limitReceivers(receiver->peerAddress());
+}
+
+QList<QTcpSocket*> PairServer::receiversFrom(const QHostAddress& address) const
+{
+    QList<QTcpSocket*> receivers;
+    for (QTcpSocket* receiver : m_receivers) {
+        if (receiver != nullptr && receiver->state() == QAbstractSocket::ConnectedState &&
+            receiver->peerAddress() == address) {
+            receivers.append(receiver);
+        }
     }
-    m_fileTransferSocket = receiver;
+    return receivers;
+}
+
+/// Of a host with one tool the newest waits alone: it takes the place of one before it. Where several tools of a host
+/// have asked for archives, as many wait as they are, and are told apart by their order.
+void PairServer::limitReceivers(const QHostAddress& address)
+{
+    m_receivers.removeAll(nullptr);
+    const auto tools = std::count_if(m_clients.begin(), m_clients.end(), [&](const PairClient* client) {
+        return client->address() == address && (client->offer() != nullptr || hasTurn(client));
+    });
+    QList<QTcpSocket*> waiting = receiversFrom(address);
+    while (waiting.size() > std::max(1, int(tools))) {
+        waiting.takeFirst()->abort();
+    }
 }
 
 void PairServer::startTransfer()
 {
     qDebug() << "Starting transfer of application.";
-    if (m_applicationFileHandle == nullptr) {
+    if (clientConnection->offer() == nullptr) {
         qDebug() << "Application handle was never created!";
         return;
     }
     // The tool has opened its file connection before it sent this request, yet both may have arrived together and the
     // request been looked at first.
     m_fileTransferServer->waitForNewConnection(0);
-    if (m_fileTransferSocket == nullptr || m_fileTransferSocket->state() != QAbstractSocket::ConnectedState) {
+    const QList<QTcpSocket*> receivers = receiversFrom(clientConnection->address());
+    if (receivers.isEmpty()) {
         qWarning() << "pairserver: No file connection to send the application over";
         return;
     }
-    auto* transfer = new FileTransfer(std::move(m_applicationFileHandle), m_fileTransferSocket, m_stallLimit, this);
-    m_fileTransferSocket.clear();
-    const QString path = m_applicationAbsolutePath;
+    QTcpSocket* receiver = receivers.first();
+    m_receivers.removeAll(receiver);
+    const QString path = clientConnection->offer()->fileName();
+    auto* transfer = new FileTransfer(clientConnection->takeOffer(), receiver, m_stallLimit, this);
     connect(transfer, &FileTransfer::finished, this, [this, path](bool complete) { transferEnded(path, complete); });
     connect(transfer, &FileTransfer::finished, transfer, &FileTransfer::deleteLater);
     transfer->start();

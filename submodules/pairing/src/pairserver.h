@@ -1,10 +1,12 @@
 #pragma once
 
 #include "applications.h"
+#include "archiveturn.h"
+#include "pairclient.h"
 #include "pairrequest.h"
 
-#include <QFile>
 #include <QHostAddress>
+#include <QList>
 #include <QMap>
 #include <QObject>
 #include <QPointer>
@@ -16,6 +18,7 @@
 
 #include <chrono>
 #include <memory>
+#include <vector>
 
 class Configuration;
 class PairArchive;
@@ -29,14 +32,16 @@ struct PairServerPlace
     quint16 fileTransferPort = 9124;                  ///< 0 takes any free port
     /// A receiver that takes nothing for this long loses its connection.
     std::chrono::milliseconds stallLimit = std::chrono::seconds(60);
+    /// See PairArchive::limitPatience().
+    std::chrono::milliseconds tarPatience = std::chrono::seconds(60);
 };
 
 /// Lists the applications for remote units to a service tool on the private network, hands one out as an archive, and
 /// in doing so pairs a remote unit with this base unit.
 ///
 /// A tool sends requests over one connection and receives the archive over a second one; docs/pairing.md tells the
-/// whole conversation. Only the newest request connection is served; an older one stays open, what it still sends is
-/// thrown away.
+/// whole conversation. Every request connection is served. Requests that need the archiver are taken in turn, one of a
+/// connection at a time; a tool that leaves gives up its turn, and what was on offer to it goes.
 ///
 /// Made and used in one thread, the one that rewrites the configuration store's files. Waits neither for a tool nor for
 /// tar; it does wait for the disk, so that this is no thread that a machine's safety depends on. Whatever goes wrong is
@@ -50,7 +55,7 @@ public:
     /// Neither pointer is owned; both objects must outlive this one.
     PairServer(Configuration* configuration, TagDatabase* tagDatabase, QObject* parent);
     PairServer(Configuration* configuration, TagDatabase* tagDatabase, const PairServerPlace& place, QObject* parent);
-    /// Closes all connections; an archive that was not fetched is removed.
+    /// Closes all connections; archives that were not fetched are removed, and what is not complete is undone.
     ~PairServer() override;
 
     /// The ports that are listened on; 0 when there is none.
@@ -58,17 +63,19 @@ public:
     quint16 fileTransferPort() const;
 
 public slots:
-    /// Takes the next waiting request connection as the one to serve.
+    /// Takes the next waiting request connection. Until another one is served, it is the one that the slots below mean.
     void newClientConnection();
-    /// Serves the first complete request that has arrived. Further ones follow when the event loop has had its turn.
+    /// Serves the first complete request of every connection. Further ones follow when the event loop has had its turn.
     void readData();
     /// Searches for the applications and sends their list to the connection that is served.
     void sendListOfApps();
-    /// Pairs remote unit `ruId` when `path` is a user application, and starts to pack it. Refused with a log line,
-    /// before any key is drawn, when the path is not one to hand out or the archiver is busy.
+    /// Has `path` packed in its turn; with a user application remote unit `ruId` is paired by this. Refused with a log
+    /// line, before any key is drawn, when the path is not one to hand out or the connection has a turn already.
     void sendApp(QString path);
+    /// Puts what the archiver has made for the current turn in its place, and offers it.
     void sendAppArchiveReady(QString fileName, QString absolutePath);
-    /// Offers the archive and sends its name, size and MD5 to the connection that asked for it.
+    /// Offers the archive to the connection whose turn it is, or the one that is served, and sends it name, size and
+    /// MD5.
     void sendAppStartTransfer(QString fileName, QString absolutePath);
 
 signals:
@@ -77,27 +84,32 @@ signals:
 
 private slots:
     void newFileTransferConnection();
-    void serveNextLater();
+    void archiverCouldNotStart();
 
 private:
     void listen(const PairServerPlace& place);
     void listenForFileTransfers(quint16 port);
-    void retireClient();
     void limitClients();
-    void dropClient(const char* reason);
+    void forgetClient(PairClient* client);
+    bool hasTurn(const PairClient* client) const;
     bool isClientOpen() const;
     void serve(const PairRequest& request);
     void serveGetApp(const QString& path);
     void getListOfApps();
-    bool pair(const QString& appPath);
-    QTcpSocket* archiveClient() const;
+    void takeTurns();
+    bool begin(ArchiveTurn& turn);
+    bool isMade(const QString& made, const QString& archive) const;
+    void endTurn();
+    void limitReceivers(const QHostAddress& address);
+    QList<QTcpSocket*> receiversFrom(const QHostAddress& address) const;
     void startTransfer();
     void transferEnded(const QString& path, bool complete);
 
     QTcpServer* tcpServer;
-    QPointer<QTcpSocket> clientConnection;
+    QList<PairClient*> m_clients;          ///< in the order in which they came
+    QPointer<PairClient> clientConnection; ///< whose request is served, otherwise the newest
     QTcpServer* m_fileTransferServer;
-    QPointer<QTcpSocket> m_fileTransferSocket;
+    QList<QPointer<QTcpSocket>> m_receivers; ///< file connections that wait, in the order in which they came
     QHostAddress hostAdress;
     const std::chrono::milliseconds m_stallLimit;
     PairArchive* archiving;
@@ -106,10 +118,9 @@ private:
     quint16 ruId = 0;
     Configuration* m_configuration;
     TagDatabase* tagDatabase;
-    std::unique_ptr<QFile> m_applicationFileHandle;
-    QString m_applicationAbsolutePath;
 
-    bool m_archiveAsked = false;          ///< `sendApp` has set the next member, at least once
-    QPointer<QTcpSocket> m_archiveClient; ///< who asked for the archive that is made; null when that tool has left
+    const PairingRecords m_records;
+    std::unique_ptr<ArchiveTurn> m_turn;                 ///< whose application is packed; null when nobody's is
+    std::vector<std::unique_ptr<ArchiveTurn>> m_waiting; ///< one of a connection at most
     QTimer m_nextRequest;
 };

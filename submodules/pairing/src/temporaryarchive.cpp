@@ -1,16 +1,23 @@
 #include "temporaryarchive.h"
 
+#include "durablefiles.h"
+#include "pairingact.h"
+
 #include <sys/stat.h>
 
-TemporaryArchive::TemporaryArchive(const QString& path)
+TemporaryArchive::TemporaryArchive(const QString& path, const PairingRecords& records)
     : QFile(path)
     , m_path(path)
+    , m_records(records)
 {}
 
 TemporaryArchive::~TemporaryArchive()
 {
     if (isStillInPlace()) {
-        QFile::remove(m_path);
+        DurableFiles::remove(m_path);
+    }
+    if (isOpen() && DurableFiles::isGone(m_path)) {
+        PairingAct::forgetArchive(m_path, m_records);
     }
 }
 

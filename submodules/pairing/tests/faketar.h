@@ -12,9 +12,11 @@ class FakeTar
 public:
     enum Kind {
         Recording, ///< notes the call and does nothing
-        Waiting,   ///< notes the call and waits for `release`
+        Waiting,   ///< notes the call, waits for `release`, and then makes an archive of the three bytes "abc"
         Hanging,   ///< makes the file that it was asked for and never ends
         Failing,   ///< ends with exit code 2
+        Torn,      ///< makes an archive of the three bytes "abc" and ends with exit code 2
+        Growing,   ///< makes an archive that grows and grows
         Writing,   ///< makes an archive of the three bytes "abc"
         Talking,   ///< writes to both output channels
         Reading,   ///< reads its standard input to the end, then says so
@@ -52,9 +54,11 @@ private:
         QByteArray note = "line=$PWD; for part; do line=\"$line|$part\"; done; echo \"$line\" >> $here/calls\n";
         switch (kind) {
         case Recording: return note;
-        case Waiting: return note + "while [ ! -e $here/gate ]; do sleep 0.01; done";
+        case Waiting: return note + "while [ ! -e $here/gate ]; do sleep 0.01; done; printf abc > \"$2\"";
         case Hanging: return ": > \"$2\"; echo $$ > $here/pid; exec sleep 60";
         case Failing: return "exit 2";
+        case Torn: return "printf abc > \"$2\"; exit 2";
+        case Growing: return "while true; do printf abc >> \"$2\"; sleep 0.01; done";
         case Writing: return "printf abc > \"$2\"";
         case Talking: return "echo said aloud; echo complained >&2";
         case Reading: return "cat > $here/input; echo end of input";

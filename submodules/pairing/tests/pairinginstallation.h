@@ -7,6 +7,7 @@
 #include "tagdatabase.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -38,9 +39,10 @@ public:
     PairingInstallation(const PairingInstallation&) = delete;
     PairingInstallation& operator=(const PairingInstallation&) = delete;
 
-    std::unique_ptr<PairServer> newServer(std::chrono::milliseconds stallLimit = std::chrono::seconds(60))
+    std::unique_ptr<PairServer> newServer(std::chrono::milliseconds stallLimit = std::chrono::seconds(60),
+                                          std::chrono::milliseconds tarPatience = std::chrono::seconds(60))
     {
-        const PairServerPlace place{QStringLiteral("127.0.0.1"), 0, 0, stallLimit};
+        const PairServerPlace place{QStringLiteral("127.0.0.1"), 0, 0, stallLimit, tarPatience};
         return std::make_unique<PairServer>(configuration.get(), &tags, place, nullptr);
     }
 
@@ -58,6 +60,18 @@ public:
     {
         QFile file(path(name));
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("cannot be read");
+    }
+    /// All files by name, hidden ones included, with their content.
+    QMap<QString, QByteArray> everything() const
+    {
+        QMap<QString, QByteArray> files;
+        QDirIterator entries(root(), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                             QDirIterator::Subdirectories);
+        while (entries.hasNext()) {
+            QFile file(entries.next());
+            files.insert(file.fileName(), file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("a folder"));
+        }
+        return files;
     }
     /// The value of one row of a table of this installation: what stands behind "tag;" up to the next separator.
     QByteArray valueOf(const char* name, const QByteArray& tag) const

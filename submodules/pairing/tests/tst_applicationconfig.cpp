@@ -31,9 +31,18 @@ private slots:
     void leavesTheAppFileAloneWhenTheKeysCannotBeWritten();
     void linksStayLinksInsideTheApplication();
     void linksOutOfTheApplicationAreRefused();
-    void leavesNoTemporaryFiles();
+    void touchesNoFile();
 
 private:
+    /// As pairing does it in the end: replaces both files, or none.
+    static bool writeConfig(const QString& appPath, const PairingKeys& keys,
+                            const QVector<ApplicationSetting>& settings)
+    {
+        const QVector<TextFileChange> changes = prepareApplicationConfig(appPath, keys, settings);
+        return !changes.isEmpty() && std::all_of(changes.begin(), changes.end(), [](const TextFileChange& change) {
+            return replaceTextFile(change.path, change.after);
+        });
+    }
     QString path(const QString& name) const { return m_folder->path() + QLatin1Char('/') + name; }
     QString app() const { return path(QStringLiteral("app")); }
     void write(const QString& name, const QByteArray& content)
@@ -69,7 +78,7 @@ void TestApplicationConfig::cleanup()
 
 void TestApplicationConfig::writesBothFiles()
 {
-    QVERIFY(writeApplicationConfig(app(), Keys, {{"BUID", "1001"}, {"CCH1", "11"}}));
+    QVERIFY(writeConfig(app(), Keys, {{"BUID", "1001"}, {"CCH1", "11"}}));
 
     QCOMPARE(read("app/config/keys.csv"),
              QByteArray("tag;value\nKey;Value\nPKY1;1\nPKY2;4294967295\nPKY3;0\nPKY4;305419896\n"));
@@ -83,7 +92,7 @@ void TestApplicationConfig::keepsOtherRowsAndColumns()
           "PKY3;RGP;9;three\nPKY4;RGP;9;four\n");
     write("app/config/app.csv", "tag;value;note\nKey;Value;Note\nVOLT;24;left alone\nBUID;7;base\nSID1;old net;\n");
 
-    QVERIFY(writeApplicationConfig(app(), Keys, {{"BUID", "1001"}, {"SID1", "new net"}}));
+    QVERIFY(writeConfig(app(), Keys, {{"BUID", "1001"}, {"SID1", "new net"}}));
 
     QCOMPARE(read("app/config/keys.csv"),
              QByteArray("tag;from;value;note\nKey;Origin;Value;Note\nOWN;x;secret;mine\nPKY2;RGP;4294967295;two\n"
@@ -97,7 +106,7 @@ void TestApplicationConfig::addsMissingRows()
     write("app/config/keys.csv", "tag;value\nKey;Value\n");
     write("app/config/app.csv", "tag;from;value\nKey;Origin;Value\n");
 
-    QVERIFY(writeApplicationConfig(app(), Keys, {{"BUID", "1001"}, {"WPA1", "pass phrase"}}));
+    QVERIFY(writeConfig(app(), Keys, {{"BUID", "1001"}, {"WPA1", "pass phrase"}}));
 
     QCOMPARE(read("app/config/keys.csv"),
              QByteArray("tag;value\nKey;Value\nPKY1;1\nPKY2;4294967295\nPKY3;0\nPKY4;305419896\n"));
@@ -118,7 +127,7 @@ void TestApplicationConfig::valuesThatWouldBreakTheTableAreLeftOut()
 {
     QFETCH(QString, value);
 
-    QVERIFY(writeApplicationConfig(app(), Keys, {{"CCH1", value}, {"BUID", "5"}}));
+    QVERIFY(writeConfig(app(), Keys, {{"CCH1", value}, {"BUID", "5"}}));
 
     QCOMPARE(read("app/config/app.csv"), QByteArray("tag;value\nKey;Value\nBUID;5\nCCH1;0\n"));
     QCOMPARE(m_log->lines(QtWarningMsg),
@@ -150,7 +159,7 @@ void TestApplicationConfig::failsWithALogLine()
         write("app" + file, content);
     }
 
-    QVERIFY(!writeApplicationConfig(app(), Keys, {{"BUID", "1001"}}));
+    QVERIFY(!writeConfig(app(), Keys, {{"BUID", "1001"}}));
 
     QCOMPARE(m_log->lines(QtWarningMsg),
              QStringList{"pairserver: Could not write the pairing into \"" + app() + file + '"'});
@@ -161,7 +170,7 @@ void TestApplicationConfig::leavesTheAppFileAloneWhenTheKeysCannotBeWritten()
 {
     QVERIFY(QFile::remove(app() + "/config/keys.csv"));
 
-    QVERIFY(!writeApplicationConfig(app(), Keys, {{"BUID", "1001"}}));
+    QVERIFY(!writeConfig(app(), Keys, {{"BUID", "1001"}}));
 
     QCOMPARE(read("app/config/app.csv"), QByteArray("tag;value\nKey;Value\nBUID;0\nCCH1;0\n"));
 }
@@ -171,7 +180,7 @@ void TestApplicationConfig::linksStayLinksInsideTheApplication()
     QVERIFY(QFile::rename(app() + "/config/keys.csv", app() + "/keys-of-today.csv"));
     QVERIFY(QFile::link("../keys-of-today.csv", app() + "/config/keys.csv"));
 
-    QVERIFY(writeApplicationConfig(app(), Keys, {}));
+    QVERIFY(writeConfig(app(), Keys, {}));
 
     QVERIFY(QFileInfo(app() + "/config/keys.csv").isSymLink());
     QVERIFY(read("app/keys-of-today.csv").contains("PKY2;4294967295\n"));
@@ -184,15 +193,20 @@ void TestApplicationConfig::linksOutOfTheApplicationAreRefused()
     QVERIFY(QFile::remove(app() + "/config/keys.csv"));
     QVERIFY(QFile::link(path("foreign.csv"), app() + "/config/keys.csv"));
 
-    QVERIFY(!writeApplicationConfig(app(), Keys, {}));
+    QVERIFY(!writeConfig(app(), Keys, {}));
 
     QCOMPARE(read("foreign.csv"), foreign);
 }
 
-void TestApplicationConfig::leavesNoTemporaryFiles()
+void TestApplicationConfig::touchesNoFile()
 {
-    QVERIFY(writeApplicationConfig(app(), Keys, {{"BUID", "1001"}}));
+    const QVector<TextFileChange> changes = prepareApplicationConfig(app(), Keys, {{"BUID", "1001"}});
 
+    QCOMPARE(changes.size(), 2);
+    QCOMPARE(changes.at(0).path, QFileInfo(app() + "/config/keys.csv").canonicalFilePath());
+    QCOMPARE(changes.at(1).path, QFileInfo(app() + "/config/app.csv").canonicalFilePath());
+    QCOMPARE(changes.at(0).before, read("app/config/keys.csv"));
+    QCOMPARE(changes.at(1).before, QByteArray("tag;value\nKey;Value\nBUID;0\nCCH1;0\n"));
     QCOMPARE(QDir(app() + "/config").entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              (QStringList{"app.csv", "keys.csv"}));
 }

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr int RemoteUnit = 9;
+constexpr int PatienceMs = 20000; // ours, with a tar that grows for as long as the server lets it
 
 } // namespace
 
@@ -19,7 +20,11 @@ class TestPairServer : public QObject, private PairServerFixture
     Q_OBJECT
 
 private slots:
-    void init() { setUp(); }
+    void init()
+    {
+        setUp();
+        m_atFirst = m_unit->everything();
+    }
     void cleanup() { tearDown(); }
 
     void announcesItsPorts();
@@ -46,8 +51,13 @@ private slots:
     void applicationThatCannotBeKeyedIsNotOffered();
     void keysThatCannotBeStoredAreNotHandedOut();
     void busyArchiverRefusesBeforeAnyKeyIsDrawn();
-    void withoutTarEverythingLaterIsRefused();
+    void withoutTarNobodyIsPairedAndLaterRequestsSucceed();
     void archiveThatTarDidNotMakeIsNotOffered();
+    void tornArchiveIsNotOfferedAndNobodyPaired();
+    void tarThatNeverEndsIsEnded_data();
+    void tarThatNeverEndsIsEnded();
+    void filesAreReplacedOnlyWhenTheArchiveStands();
+    void whatSomebodyElseWritesMeanwhileIsNotLost();
     void archiveFromEarlierIsNeverOffered();
 
 private:
@@ -76,6 +86,8 @@ private:
         }
         return words.join(';');
     }
+
+    QMap<QString, QByteArray> m_atFirst;
 };
 
 void TestPairServer::announcesItsPorts()
@@ -407,18 +419,22 @@ void TestPairServer::busyArchiverRefusesBeforeAnyKeyIsDrawn()
     QCOMPARE(keyLine(RemoteUnit), QByteArray());
 }
 
-void TestPairServer::withoutTarEverythingLaterIsRefused()
+void TestPairServer::withoutTarNobodyIsPairedAndLaterRequestsSucceed()
 {
+    const QByteArray keysBefore = applicationKeys();
     {
         const FakeTar tar(FakeTar::Missing);
-        m_tool->send(getAppRequest(RemoteUnit, m_unit->path("rusys")));
+        m_tool->send(getAppRequest(RemoteUnit, m_unit->path("ruapp")));
         QTRY_COMPARE(m_log->lines(QtWarningMsg).size(), 1);
+        waitUntilServed();
     }
-    m_tool->send(getAppRequest(RemoteUnit, m_unit->path("ruapp")));
-    waitUntilServed();
-
-    QCOMPARE(m_log->count(QStringLiteral("pairarchive: Unable to create tar. Another process is running.")), 1);
+    QVERIFY(m_log->lines(QtWarningMsg).first().startsWith(QStringLiteral("pairarchive: Could not start tar: ")));
+    QCOMPARE(applicationKeys(), keysBefore);
     QCOMPARE(keyLine(RemoteUnit), QByteArray());
+    QCOMPARE(m_unit->everything(), m_atFirst);
+
+    QVERIFY(getApp(RemoteUnit, "ruapp").whole);
+    QCOMPARE(keyLine(RemoteUnit), "1;9;" + applicationKeys());
 }
 
 void TestPairServer::archiveThatTarDidNotMakeIsNotOffered()
@@ -434,6 +450,84 @@ void TestPairServer::archiveThatTarDidNotMakeIsNotOffered()
     QVERIFY(m_tool->received().isEmpty());
     m_tool->send(startTransferRequest());
     QTRY_VERIFY(m_log->contains(QStringLiteral("Application handle was never created!")));
+}
+
+void TestPairServer::tornArchiveIsNotOfferedAndNobodyPaired()
+{
+    {
+        const FakeTar tar(FakeTar::Torn); // as on a full disk
+        m_tool->send(getAppRequest(RemoteUnit, m_unit->path("ruapp")));
+        QTRY_COMPARE(m_log->lines(QtWarningMsg),
+                     QStringList{QStringLiteral("pairserver: No archive %1 \"tar was not content\"")
+                                     .arg(quoted(m_unit->path("ruapp.tar")))});
+    }
+    QVERIFY(m_tool->received().isEmpty());
+    QCOMPARE(m_unit->everything(), m_atFirst);
+
+    QVERIFY(getApp(RemoteUnit, "ruapp").whole);
+}
+
+void TestPairServer::tarThatNeverEndsIsEnded_data()
+{
+    QTest::addColumn<int>("kind");
+
+    QTest::newRow("makes nothing") << int(FakeTar::Hanging);
+    QTest::newRow("makes ever more") << int(FakeTar::Growing);
+}
+
+void TestPairServer::tarThatNeverEndsIsEnded()
+{
+    QFETCH(int, kind);
+    m_server.reset();
+    m_server = m_unit->newServer(std::chrono::seconds(60), std::chrono::milliseconds(500));
+    m_tool = connectTool();
+    {
+        const FakeTar tar{FakeTar::Kind(kind)};
+        m_tool->send(getAppRequest(RemoteUnit, m_unit->path("ruapp")));
+        QTRY_VERIFY_WITH_TIMEOUT(linesWith("pairarchive: tar does not come to its end with ") == 1, PatienceMs);
+        QTRY_VERIFY(linesWith("pairserver: No archive ") == 1);
+    }
+    QCOMPARE(m_unit->everything(), m_atFirst);
+
+    QVERIFY(getApp(RemoteUnit, "ruapp").whole);
+}
+
+void TestPairServer::filesAreReplacedOnlyWhenTheArchiveStands()
+{
+    const FakeTar tar(FakeTar::Waiting);
+    const QByteArray settingsBefore = m_unit->read("ruapp/config/app.csv");
+    const QByteArray keysBefore = m_unit->read("ruapp/config/keys.csv");
+    const QByteArray remotesBefore = m_unit->read("tessaroserver/config/remotes.csv");
+
+    m_tool->send(getAppRequest(7, m_unit->path("ruapp")));
+    QTRY_COMPARE(tar.calls().size(), 1);
+    QCOMPARE(m_unit->read("ruapp/config/app.csv"), settingsBefore);
+    QCOMPARE(m_unit->read("ruapp/config/keys.csv"), keysBefore);
+    QCOMPARE(m_unit->read("tessaroserver/config/remotes.csv"), remotesBefore);
+    tar.release();
+
+    QTRY_VERIFY(Offer::from(m_tool->received()).whole);
+    QVERIFY(m_unit->read("ruapp/config/app.csv") != settingsBefore);
+    QVERIFY(m_unit->read("ruapp/config/keys.csv") != keysBefore);
+    QCOMPARE(keyLine(7), "0;7;" + applicationKeys());
+}
+
+void TestPairServer::whatSomebodyElseWritesMeanwhileIsNotLost()
+{
+    const QByteArray byHand = "ruindex;RUID;PKY1;PKY2;PKY3;PKY4\nIndex;Unit;1;2;3;4\n0;7;5;6;7;8\n";
+    const QByteArray keysBefore = m_unit->read("ruapp/config/keys.csv");
+    const FakeTar tar(FakeTar::Waiting);
+    m_tool->send(getAppRequest(RemoteUnit, m_unit->path("ruapp")));
+    QTRY_COMPARE(tar.calls().size(), 1);
+    m_unit->write("tessaroserver/config/remotes.csv", byHand);
+
+    tar.release();
+
+    QTRY_COMPARE(linesWith("pairserver: Nothing has changed with "), 1);
+    QCOMPARE(m_unit->read("tessaroserver/config/remotes.csv"), byHand);
+    QCOMPARE(m_unit->read("ruapp/config/keys.csv"), keysBefore);
+    QVERIFY(m_tool->received().isEmpty());
+    QVERIFY(getApp(RemoteUnit, "ruapp").whole);
 }
 
 void TestPairServer::archiveFromEarlierIsNeverOffered()

@@ -26,13 +26,20 @@ private slots:
     void requestsThatCannotBeReadCloseTheConnection_data();
     void requestsThatCannotBeReadCloseTheConnection();
     void longestRequestIsServed();
-    void newestClientIsServedAndTheOlderOneLeftInPeace();
+    void everyConnectionIsServed();
     void halfARequestDoesNotMixWithAnotherConnection();
     void archiveGoesToTheToolThatAskedForIt();
     void archiveNobodyIsLeftForIsRemoved();
+    void toolsThatAskAtOnceAreServedInTurn();
+    void toolThatLeavesGivesUpItsTurn();
+    void toolThatWaitsIsRefusedAFurtherArchive();
+    void offerBelongsToOneConnection();
+    void offerGoesWithItsConnection();
+    void whoNeverFetchesHoldsUpNobody();
     void toolThatTakesNoRepliesIsNotReadFrom();
     void connectionsThatEndAreFreed();
     void tooManyConnectionsCloseTheOldest();
+    void tooManyConnectionsSpareWhoIsAtWork();
 };
 
 void TestPairServerConnections::requestMayArriveByteByByte()
@@ -118,19 +125,19 @@ void TestPairServerConnections::longestRequestIsServed()
     QVERIFY(m_log->lines(QtWarningMsg).isEmpty());
 }
 
-void TestPairServerConnections::newestClientIsServedAndTheOlderOneLeftInPeace()
+void TestPairServerConnections::everyConnectionIsServed()
 {
-    const std::unique_ptr<ToolConnection> newer = connectTool();
+    const std::unique_ptr<ToolConnection> newer = connectTool(); // says nothing, and makes nobody deaf
 
     m_tool->send(getAppListRequest());
-    m_tool->send(QByteArray(1000000, 'x')); // not even garbage from it disturbs anyone
+    QTRY_VERIFY(isList(m_tool->received()));
     newer->send(getAppListRequest());
-
     QTRY_VERIFY(isList(newer->received()));
-    QTRY_COMPARE(m_tool->socket.bytesToWrite(), 0);
-    QVERIFY(m_tool->isUp());
-    QCOMPARE(m_tool->received(), QByteArray());
-    QCOMPARE(linesWith("sending applist"), 1);
+    m_tool->forget();
+    m_tool->send(getAppListRequest());
+
+    QTRY_VERIFY(isList(m_tool->received()));
+    QCOMPARE(linesWith("sending applist"), 3);
     QVERIFY(m_log->lines(QtWarningMsg).isEmpty());
 }
 
@@ -143,13 +150,11 @@ void TestPairServerConnections::halfARequestDoesNotMixWithAnotherConnection()
 
     newer->send(getAppListRequest());
     QTRY_VERIFY(isList(newer->received()));
-    m_tool->send(request.mid(20));
-    newer->forget();
-    newer->send(getAppListRequest());
-    QTRY_VERIFY(isList(newer->received()));
-
-    QVERIFY(m_tool->isUp());
     QVERIFY(m_log->lines(QtWarningMsg).isEmpty());
+    m_tool->send(request.mid(20));
+
+    QTRY_COMPARE(m_log->lines(QtWarningMsg), QStringList{QStringLiteral("Send app, invalid ruId: 0 appPath: \"/x\"")});
+    QVERIFY(m_tool->isUp());
 }
 
 void TestPairServerConnections::archiveGoesToTheToolThatAskedForIt()
@@ -158,7 +163,6 @@ void TestPairServerConnections::archiveGoesToTheToolThatAskedForIt()
     m_tool->send(getAppRequest(9, m_unit->path("rusys")));
     QTRY_COMPARE(tar.calls().size(), 1);
     const std::unique_ptr<ToolConnection> newer = connectTool();
-    m_unit->write("rusys.tar", "abc"); // in the place of what tar would have made
 
     tar.release();
 
@@ -168,21 +172,126 @@ void TestPairServerConnections::archiveGoesToTheToolThatAskedForIt()
 
 void TestPairServerConnections::archiveNobodyIsLeftForIsRemoved()
 {
+    const QMap<QString, QByteArray> atFirst = m_unit->everything();
     const FakeTar tar(FakeTar::Waiting);
-    m_tool->send(getAppRequest(9, m_unit->path("rusys")));
+    m_tool->send(getAppRequest(9, m_unit->path("ruapp")));
     QTRY_COMPARE(tar.calls().size(), 1);
-    m_unit->write("rusys.tar", "abc"); // in the place of what tar would have made
-    m_tool->socket.disconnectFromHost();
-    QTRY_COMPARE(openConnections(), 0);
     const std::unique_ptr<ToolConnection> newer = connectTool();
 
-    tar.release();
+    m_tool->socket.disconnectFromHost(); // and tar is not waited for
 
     QTRY_COMPARE(
         m_log->lines(QtWarningMsg),
-        QStringList{QStringLiteral("pairserver: Nobody is left to take \"%1\"").arg(m_unit->path("rusys.tar"))});
-    QVERIFY(!QFile::exists(m_unit->path("rusys.tar")));
+        QStringList{QStringLiteral("pairserver: Nobody is left to take \"%1\"").arg(m_unit->path("ruapp.tar"))});
+    QCOMPARE(m_unit->everything(), atFirst); // nobody was paired, either
     QCOMPARE(newer->received(), QByteArray());
+}
+
+void TestPairServerConnections::toolsThatAskAtOnceAreServedInTurn()
+{
+    std::vector<std::unique_ptr<ToolConnection>> tools;
+    for (quint16 unit = 11; unit < 16; ++unit) {
+        tools.push_back(connectTool());
+        tools.back()->send(getAppRequest(unit, m_unit->path("ruapp")));
+    }
+
+    for (const auto& tool : tools) {
+        QTRY_VERIFY(Offer::from(tool->received()).whole);
+    }
+    QStringList order;
+    for (const QString& line : m_log->lines().filter(QStringLiteral("generated new keys: "))) {
+        order.append(line.section(QLatin1Char(' '), 4, 4));
+    }
+    QCOMPARE(order, (QStringList{"11", "12", "13", "14", "15"}));
+    // Each can fetch what it was promised, in whatever order.
+    for (auto tool = tools.rbegin(); tool != tools.rend(); ++tool) {
+        const std::unique_ptr<ToolConnection> receiver = connectReceiver();
+        (*tool)->send(startTransferRequest());
+        QTRY_VERIFY((receiver->received(), !receiver->isUp()));
+        QCOMPARE(md5(receiver->received()), Offer::from((*tool)->received()).md5);
+    }
+    QVERIFY(!QFile::exists(m_unit->path("ruapp.tar")));
+    QVERIFY(!QFile::exists(m_unit->path("tessaroserver/config/.pairing")));
+    QVERIFY(m_log->lines(QtWarningMsg).isEmpty());
+}
+
+void TestPairServerConnections::toolThatLeavesGivesUpItsTurn()
+{
+    const FakeTar tar(FakeTar::Waiting);
+    m_tool->send(getAppRequest(9, m_unit->path("rusys")));
+    QTRY_COMPARE(tar.calls().size(), 1);
+    std::unique_ptr<ToolConnection> leaving = connectTool();
+    leaving->send(getAppRequest(8, m_unit->path("ruapp")));
+    QTRY_COMPARE(linesWith("has to wait for its turn"), 1);
+    const std::unique_ptr<ToolConnection> staying = connectTool();
+    staying->send(getAppRequest(10, m_unit->path("rusys")));
+    QTRY_COMPARE(linesWith("has to wait for its turn"), 2);
+
+    leaving->socket.disconnectFromHost();
+    QTRY_COMPARE(openConnections(), 2);
+    tar.release();
+
+    QTRY_VERIFY(Offer::from(m_tool->received()).whole);
+    QTRY_VERIFY(Offer::from(staying->received()).whole);
+    QCOMPARE(tar.calls().size(), 2);
+    QCOMPARE(linesWith("generated new keys"), 0);
+}
+
+void TestPairServerConnections::toolThatWaitsIsRefusedAFurtherArchive()
+{
+    const FakeTar tar(FakeTar::Waiting);
+    m_tool->send(getAppRequest(9, m_unit->path("rusys")));
+    QTRY_COMPARE(tar.calls().size(), 1);
+    const std::unique_ptr<ToolConnection> greedy = connectTool();
+    for (int i = 0; i < 100; ++i) {
+        greedy->send(getAppRequest(8, m_unit->path("rusys")));
+    }
+    greedy->send(getAppListRequest()); // and is served otherwise
+    QTRY_VERIFY(isList(greedy->received()));
+
+    tar.release();
+
+    QTRY_VERIFY(Offer::from(m_tool->received()).whole);
+    QTRY_VERIFY(m_log->count(QStringLiteral("cretedTarReady ") + quoted(m_unit->path(".rusys.pairing/rusys.tar"))) ==
+                2);
+    QCOMPARE(m_log->count(QStringLiteral("pairarchive: Unable to create tar. Another process is running.")), 99);
+    QCOMPARE(tar.calls().size(), 2);
+}
+
+void TestPairServerConnections::offerBelongsToOneConnection()
+{
+    getApp(9, "rusys");
+    const std::unique_ptr<ToolConnection> other = connectTool();
+    const std::unique_ptr<ToolConnection> receiver = connectReceiver();
+
+    other->send(startTransferRequest());
+
+    QTRY_VERIFY(m_log->contains(NoHandleLine));
+    QVERIFY(receiver->isUp());
+    QCOMPARE(receiver->received(), QByteArray());
+}
+
+void TestPairServerConnections::offerGoesWithItsConnection()
+{
+    getApp(9, "rusys");
+    QVERIFY(QFile::exists(m_unit->path("rusys.tar")));
+
+    m_tool->socket.disconnectFromHost();
+
+    QTRY_VERIFY(!QFile::exists(m_unit->path("rusys.tar")));
+    QVERIFY(!QFile::exists(m_unit->path("tessaroserver/config/.pairing")));
+}
+
+void TestPairServerConnections::whoNeverFetchesHoldsUpNobody()
+{
+    getApp(9, "rusys");
+    const std::unique_ptr<ToolConnection> other = connectTool();
+
+    other->send(getAppRequest(8, m_unit->path("ruapp")));
+
+    QTRY_VERIFY(Offer::from(other->received()).whole);
+    QVERIFY(QFile::exists(m_unit->path("rusys.tar")));
+    QVERIFY(QFile::exists(m_unit->path("ruapp.tar")));
 }
 
 void TestPairServerConnections::toolThatTakesNoRepliesIsNotReadFrom()
@@ -234,6 +343,19 @@ void TestPairServerConnections::tooManyConnectionsCloseTheOldest()
     QVERIFY(std::all_of(tools.begin(), tools.end(), [](const auto& tool) { return tool->isUp(); }));
     tools.back()->send(getAppListRequest());
     QTRY_VERIFY(isList(tools.back()->received()));
+}
+
+void TestPairServerConnections::tooManyConnectionsSpareWhoIsAtWork()
+{
+    getApp(9, "rusys");
+    std::vector<std::unique_ptr<ToolConnection>> idle;
+    for (int i = 0; i < 64; ++i) {
+        idle.push_back(connectTool());
+    }
+
+    QTRY_VERIFY(!idle.front()->isUp());
+    QVERIFY(m_tool->isUp());
+    QVERIFY(QFile::exists(m_unit->path("rusys.tar")));
 }
 
 QTEST_GUILESS_MAIN(TestPairServerConnections)

@@ -31,6 +31,7 @@ private slots:
     void fileConnectionThatHasEndedCountsAsNone();
     void fileConnectionMadeJustBeforeTheRequestCounts();
     void fileConnectionIsReplacedByTheNext();
+    void fileConnectionsOfTwoToolsAreToldApartByTheirOrder();
     void stalledReceiverHoldsUpNobody();
     void stalledReceiverIsDroppedInTheEnd();
     void receiverThatVanishesHalfWayLeavesNothingBehind();
@@ -144,6 +145,24 @@ void TestPairServerTransfers::fileConnectionIsReplacedByTheNext()
     QTRY_VERIFY(!second->isUp());
     QCOMPARE(md5(second->received()), offer.md5);
     QCOMPARE(first->received(), QByteArray());
+}
+
+void TestPairServerTransfers::fileConnectionsOfTwoToolsAreToldApartByTheirOrder()
+{
+    const Offer firstOffer = getApp(9, "ruapp");
+    const std::unique_ptr<ToolConnection> other = connectTool();
+    other->send(getAppRequest(8, m_unit->path("rusys")));
+    QTRY_VERIFY(Offer::from(other->received()).whole);
+    const std::unique_ptr<ToolConnection> first = connectReceiver();
+    const std::unique_ptr<ToolConnection> second = connectReceiver();
+
+    m_tool->send(startTransferRequest());
+    QTRY_VERIFY((first->received(), !first->isUp()));
+    other->send(startTransferRequest());
+    QTRY_VERIFY((second->received(), !second->isUp()));
+
+    QCOMPARE(md5(first->received()), firstOffer.md5);
+    QCOMPARE(md5(second->received()), Offer::from(other->received()).md5);
 }
 
 void TestPairServerTransfers::stalledReceiverHoldsUpNobody()

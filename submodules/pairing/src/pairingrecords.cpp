@@ -1,0 +1,111 @@
+#include "pairingrecords.h"
+
+#include "durablefiles.h"
+#include "textfile.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFileInfo>
+
+#include <cerrno>
+
+namespace {
+
+const QString FolderName = QStringLiteral("/.pairing");
+const QString Begun = QStringLiteral(".undo");
+const QString Archive = QStringLiteral(".archive");
+const QString Unfinished = QStringLiteral(".new");
+
+QString resolved(const QString& path)
+{
+    const QString canonical = QFileInfo(path).canonicalFilePath();
+    return canonical.isEmpty() ? path : canonical;
+}
+
+} // namespace
+
+PairingRecords::PairingRecords(const QString& remotesFile)
+    : m_remotesFile(resolved(remotesFile))
+    , m_folder(QFileInfo(m_remotesFile).path() + FolderName)
+{}
+
+bool PairingRecords::begin(const QString& appPath) const
+{
+    const QString beside = QFileInfo(m_folder).path();
+    const QString file = fileOf(appPath, Begun);
+    const QString unfinished = file + Unfinished;
+    return (DurableFiles::makeFolder(m_folder, beside) || errno == EEXIST) && DurableFiles::remove(unfinished) &&
+           DurableFiles::create(unfinished, appPath.toUtf8()) && DurableFiles::rename(unfinished, file) &&
+           DurableFiles::sync(m_folder) && DurableFiles::sync(beside);
+}
+
+bool PairingRecords::settle(const QString& appPath) const
+{
+    const QString begunFile = fileOf(appPath, Begun);
+    const QString archiveFile = fileOf(appPath, Archive);
+    if (!DurableFiles::rename(begunFile, archiveFile)) {
+        return false;
+    }
+    if (DurableFiles::sync(m_folder)) {
+        return true;
+    }
+    const int error = errno;
+    DurableFiles::rename(archiveFile, begunFile);
+    errno = error;
+    return false;
+}
+
+void PairingRecords::forgetBegun(const QString& appPath) const
+{
+    forget(appPath, Begun);
+}
+
+void PairingRecords::forgetArchive(const QString& appPath) const
+{
+    forget(appPath, Archive);
+}
+
+QStringList PairingRecords::begun() const
+{
+    return pathsOf(Begun);
+}
+
+QStringList PairingRecords::archives() const
+{
+    return pathsOf(Archive);
+}
+
+void PairingRecords::clear() const
+{
+    DurableFiles::remove(m_folder);
+}
+
+/// Any text can be a path; this makes a file name of it.
+QString PairingRecords::fileOf(const QString& appPath, const QString& kind) const
+{
+    const QByteArray name = QCryptographicHash::hash(appPath.toUtf8(), QCryptographicHash::Md5).toHex();
+    return m_folder + QLatin1Char('/') + QString::fromLatin1(name) + kind;
+}
+
+QStringList PairingRecords::pathsOf(const QString& kind) const
+{
+    QStringList paths;
+    const QStringList names = QDir(m_folder).entryList({QLatin1Char('*') + kind}, QDir::Files | QDir::Hidden);
+    for (const QString& name : names) {
+        QByteArray content;
+        QString error;
+        if (readTextFile(m_folder + QLatin1Char('/') + name, content, error)) {
+            paths.append(QString::fromUtf8(content));
+        }
+    }
+    return paths;
+}
+
+void PairingRecords::forget(const QString& appPath, const QString& kind) const
+{
+    const QString file = fileOf(appPath, kind);
+    DurableFiles::remove(file);
+    DurableFiles::remove(file + Unfinished);
+    DurableFiles::sync(m_folder);
+    QDir().rmdir(m_folder); // which the file system refuses while there is anything in it
+}
