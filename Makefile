@@ -13,7 +13,7 @@ CONFIGURE = scripts/step configure "Configuring" cmake -S . -B $(BUILD) -G Ninja
 COMPILE   = scripts/step compile "Compiling" cmake --build $(BUILD)
 
 .DEFAULT_GOAL := help
-.PHONY: help build run test unit-test tool-test system-test web-test screenshots fleet fleet-test soak safety explore tsan sanitize fuzz coverage bench format lint clean
+.PHONY: help build run test unit-test tool-test system-test web-test screenshots fleet fleet-test soak safety pairing-kills explore tsan sanitize fuzz coverage bench format lint clean
 .PHONY: test-packages cross cross-build package release-build package-test board systemd-test
 
 help: ## list the targets
@@ -71,6 +71,10 @@ soak: build ## all peers with seeded faults, SEED (1): at ten times the nominal 
 safety: build ## whatever stands still, the relay opens in time: TRIES (100) of each stall; OPTIONS="--stall tar --write docs/safety.md"
 	@scripts/ensure-packages run safety
 	@bench/safety --tries $(or $(TRIES),100) --server $(BUILD)/tessaroserver $(OPTIONS)
+
+pairing-kills: build ## kill the server at TRIES (500) random moments of a pairing, SEED (1), and look at what it leaves
+	@scripts/ensure-packages run
+	@bench/pairing-kills --tries $(or $(TRIES),500) --seed $(or $(SEED),1) --server $(BUILD)/tessaroserver
 
 explore: build ## look at what links do in small worlds, all sequences and random walks, for SECONDS (60)
 	@$(BUILD)/explore/explore --seconds $(or $(SECONDS),60)

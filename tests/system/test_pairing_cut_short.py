@@ -1,0 +1,54 @@
+"""Pairings that are cut short, at any moment and by any call of the file thread that fails: the old pairing holds or the new
+one, nothing is left behind, and a tool that asks again is served."""
+
+import os
+
+import pytest
+
+from tessarobench.pairingtrial import PairingTrial, kills, summary
+
+pytestmark = pytest.mark.real_time("kills and tracers come at moments of real time")
+
+TRIES = int(os.environ.get("PAIRING_KILLS", "20"))  # make pairing-kills makes 500
+# Everything that changes the disk, and what a descriptor to change it with is had by.
+CHANGING = ["mkdir", "write", "fsync", "link", "rename", "unlink", "rmdir"]
+# Reading is part of it: what cannot be read must not be taken for empty.
+READING = ["openat", "getdents64", "read", "newfstatat", "statx"]
+AT_MOST = 400  # calls of one name in a pairing
+
+
+@pytest.fixture
+def trial(bench, monkeypatch):
+    # The leak checker cannot look into a process that has a tracer.
+    monkeypatch.setenv("ASAN_OPTIONS", os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0")
+    return PairingTrial(bench, size=20_000)
+
+
+def each_in_turn(attempt):
+    """Makes the attempt with 1, 2, 3, … until there is no such call any more; the faults, by number."""
+    faults = {}
+    for number in range(1, AT_MOST):
+        outcome = attempt(number)
+        if outcome is None:
+            assert number > 1, "no such call at all: there was nothing to try"
+            return faults
+        if outcome.faults:
+            faults[number] = outcome.faults
+    raise AssertionError(f"more than {AT_MOST} calls")
+
+
+def test_killed_at_random_moments(bench):
+    outcomes = [outcome for _, outcome in kills(bench, TRIES)]
+    print(f"\n{summary(outcomes)}")
+    assert [outcome.faults for outcome in outcomes if outcome.faults] == []
+
+
+@pytest.mark.parametrize("call", CHANGING)
+def test_killed_at_each_call(trial, call):
+    assert each_in_turn(lambda number: trial.kill_at(call, number)) == {}
+
+
+@pytest.mark.parametrize("call", CHANGING + READING)
+def test_each_call_fails_in_turn(trial, call):
+    error = "ENOSPC" if call in ("write", "mkdir", "link") else "EIO"
+    assert each_in_turn(lambda number: trial.fail_at(call, number, error)) == {}
