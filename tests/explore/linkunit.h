@@ -71,6 +71,7 @@ struct LinkUnit
     QQueue<bool> blocksOnTheirWay; ///< over the fallback; whether something overtook them over TCP
     bool isBlockThere = false;     ///< the one that sets out just now
     bool mayBeLate = false;        ///< what has just come was overtaken
+    int tcpTurn = -1;              ///< in which something came over TCP last
     QByteArray stream;             ///< over TCP
     int lastCommand = 0;           ///< number of the last command
     int lastForward = 0;

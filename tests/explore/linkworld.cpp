@@ -148,6 +148,7 @@ void LinkWorld::perform(const QString& choice)
     if (!choices().contains(choice)) {
         return;
     }
+    ++m_turn;
     const QString what = choice.left(choice.size() - 2);
     const auto unit = m_units.find(static_cast<quint16>(choice.rightRef(2).toUInt()));
     if (unit == m_units.end()) {
@@ -258,6 +259,7 @@ void LinkWorld::advance(std::chrono::milliseconds time)
 {
     VirtualTime::settle();
     for (auto passed = 0ms; passed < time; passed += Step) {
+        ++m_turn;
         m_time.advance(qMin(Step, time - passed));
         VirtualTime::settle();
         check();

@@ -72,6 +72,7 @@ private:
     void relayStartsOver(bool isByItself);
     void blockSetsOut(const QByteArray& block);
     void blockFromBase(const QByteArray& block);
+    bool wasHandedOverBeforeReject(const LinkUnit& unit) const;
     void askForNext(LinkUnit& unit);
     void frameOverFallback(LinkUnit& unit, const QByteArray& frame);
 
@@ -99,6 +100,7 @@ private:
     QScopedPointer<RGPCom> m_hub;
     QObject m_context; ///< what is connected to it ends with this world
     QMap<quint16, LinkUnit> m_units;
+    int m_turn = 0; ///< of the world: what happens in one turn, happens at once
     int m_commands = 0;
     int m_forwards = 0;
     QSet<int> m_forwardsSentTwice;

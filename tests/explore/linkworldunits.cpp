@@ -55,12 +55,18 @@ void LinkWorld::relayStartsOver(bool isByItself)
     }
 }
 
+/// A channel that is rejected sends the unit back to TCP at once, while a message is still on its way to the line.
+bool LinkWorld::wasHandedOverBeforeReject(const LinkUnit& unit) const
+{
+    return m_rejects > 0 && unit.tcpTurn == m_turn;
+}
+
 /// Told when the block has been handed to the line, which may have carried it to its end by then.
 void LinkWorld::blockSetsOut(const QByteArray& block)
 {
     LinkUnit& unit = m_units[static_cast<quint16>(valueOf16(block, 0))];
     if (!std::exchange(unit.isBlockThere, false)) {
-        unit.blocksOnTheirWay.enqueue(false);
+        unit.blocksOnTheirWay.enqueue(wasHandedOverBeforeReject(unit));
     }
 }
 
@@ -78,7 +84,7 @@ void LinkWorld::blockFromBase(const QByteArray& block)
         unit.undisturbedSince = VirtualTime::now();
     }
     unit.isBlockThere = unit.blocksOnTheirWay.isEmpty();
-    unit.mayBeLate = !unit.isBlockThere && unit.blocksOnTheirWay.dequeue();
+    unit.mayBeLate = unit.isBlockThere ? wasHandedOverBeforeReject(unit) : unit.blocksOnTheirWay.dequeue();
     unit.partial += block.mid(BlockHeader);
     const bool isLast = valueOf16(block, 2) == block.size() - BlockHeader;
     if (isLast && std::exchange(unit.isPartialWhole, true) && !unit.isDeaf) {
@@ -125,6 +131,7 @@ void LinkWorld::bytesOverTcp(LinkUnit& unit, const QByteArray& bytes)
 void LinkWorld::frameToUnit(LinkUnit& unit, const QByteArray& frame, bool isTcp)
 {
     if (isTcp) {
+        unit.tcpTurn = m_turn;
         unit.mayBeLate = false;
         std::fill(unit.blocksOnTheirWay.begin(), unit.blocksOnTheirWay.end(), true);
     }
