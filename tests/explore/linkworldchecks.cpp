@@ -22,9 +22,13 @@ void LinkWorld::violate(const QString& text)
     }
 }
 
+/// Whom the base unit has on the fallback, it cannot reach while the internal link is silent: nor a unit whose INIT
+/// over the fallback took so long that its INIT over TCP was there first.
 bool LinkWorld::isDisturbed(const LinkUnit& unit) const
 {
-    return unit.isDisturbed() || (unit.isOnFallback && m_line->isMute());
+    const GLinkConnection* const connection = m_hub->connectionOf(unit.id);
+    const bool isHeldOnFallback = connection != nullptr && connection->activeLinkType() == GLinkConnection::FALLBACK;
+    return unit.isDisturbed() || ((unit.isOnFallback || isHeldOnFallback) && m_line->isMute());
 }
 
 void LinkWorld::check()

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <limits>
 #include <random>
 #include <unordered_set>
 
@@ -103,8 +104,9 @@ QStringList Search::walkAtRandom()
 {
     QElapsedTimer clock;
     clock.start();
-    for (unsigned int seed = m_options.seed; clock.elapsed() < m_options.seconds * 1000; ++seed) {
-        const QStringList violating = walk(seed);
+    const unsigned int most = m_options.walks != 0 ? m_options.walks : std::numeric_limits<unsigned int>::max();
+    for (unsigned int i = 0; i < most && clock.elapsed() < m_options.seconds * 1000; ++i) {
+        const QStringList violating = walk(m_options.seed + i);
         if (!violating.isEmpty()) {
             return violating;
         }
@@ -181,6 +183,8 @@ ExploreOptions exploreOptions(const QStringList& arguments)
             options.seconds = value.toDouble(&isNumber) / 2;
         } else if (name == "--depth") {
             options.depth = value.toInt(&isNumber);
+        } else if (name == "--walks") {
+            options.walks = value.toUInt(&isNumber);
         } else if (name == "--seed") {
             options.seed = value.toUInt(&isNumber);
         } else {
@@ -188,7 +192,9 @@ ExploreOptions exploreOptions(const QStringList& arguments)
         }
     }
     if (!isNumber) {
-        std::fprintf(stderr, "usage: %s [--world NAME] [--seconds N] [--depth N] [--seed N] [--replay 'CHOICE ...']\n",
+        std::fprintf(stderr,
+                     "usage: %s [--world NAME] [--seconds N] [--depth N] [--walks N] [--seed N] "
+                     "[--replay 'CHOICE ...']\n",
                      qPrintable(arguments.first()));
         std::exit(2);
     }

@@ -32,12 +32,13 @@ using WorldMaker = std::function<std::unique_ptr<World>()>;
 
 struct ExploreOptions
 {
-    QString world;         ///< the only one, by its name
-    int depth = 0;         ///< of the sequences that are all looked at; 0: as the world has it
-    double seconds = 20;   ///< for these; and as much again for random walks
-    int walkLength = 40;   ///< steps of one walk
-    unsigned int seed = 1; ///< of the first walk
-    QString replay;        ///< only this sequence
+    QString world;          ///< the only one, by its name
+    int depth = 0;          ///< of the sequences that are all looked at; 0: as the world has it
+    double seconds = 20;    ///< for these; and as much again for random walks
+    unsigned int walks = 0; ///< no more than that many; 0: as many as there is time for
+    int walkLength = 40;    ///< steps of one walk
+    unsigned int seed = 1;  ///< of the first walk
+    QString replay;         ///< only this sequence
 };
 
 /// Reads the options of the command line. Ends the process with 2 on others.
