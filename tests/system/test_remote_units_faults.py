@@ -252,7 +252,7 @@ def test_commands_without_end_cost_neither_memory_nor_the_status_record(serving)
     babbling.babble(glink.message(glink.CMD, bytes(16)), burst=200)
     serving.server.wait_log("TransportLayer: 512 packets of service 106 wait, further ones are dropped.", timeout=8)
     records = serving.bc.received["status"]
-    serving.wait_for(lambda: serving.bc.received["status"] >= records + 3, 8)
+    serving.wait_for(lambda: serving.bc.received["status"] >= records + 3, 20)
     assert serving.server.memory() - memory < 4_000_000
     babbling.quiet()
     serving.wait_for(lambda: len(healthy.messages(glink.BASE_STATUS, seen)) >= 3)
