@@ -118,7 +118,8 @@ bool PairingAct::prepare(const QVector<TextFileChange>& application, const std::
         m_replacements.append({*remotes, m_records.folder() + RemotesFresh, m_records.folder() + RemotesOld});
     }
     // Archives of applications in this one are for whom they were made for.
-    for (const QString& other : m_records.archives()) {
+    const QStringList others = m_records.archives();
+    for (const QString& other : others) {
         m_leftOut.append(archiveOf(other));
     }
     return begin() && stageApplication() && stageReplacements();
