@@ -103,7 +103,7 @@ class GuestServer(ServerProcess):
 
     def usage(self) -> Usage:
         """Figures of the board's /proc, now."""
-        shown = self._console.run(f"cat /proc/{self.pid}/stat; ls /proc/{self.pid}/fd | wc -l; "
+        shown = self._console.run(f"cat /proc/{self.pid}/stat; ls /proc/{self.pid}/fd 2>/dev/null | wc -l; "
                                   f"cat /proc/{self.pid}/task/*/status | grep ^voluntary").splitlines()
         fields = shown[0].rpartition(")")[2].split()
         user, system, threads, resident_pages = (int(fields[i]) for i in (11, 12, 17, 21))
