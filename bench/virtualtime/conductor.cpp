@@ -329,11 +329,12 @@ private:
         if (begun == m_childrenEnded) {
             return true;
         }
-        if (m_tasks.hasBusyChild()) {
+        if (m_tasks.hasChild(!m_stopped)) { // one that has ended is about to wake a thread, unless all are stopped
             return false;
         }
         m_childrenEnded = begun;
-        return true;
+        m_closely = true; // the signal of its end was handled in some thread, perhaps in the middle of a wait
+        return m_stopped;
     }
 
     static constexpr int NotYet = -2;

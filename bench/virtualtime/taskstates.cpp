@@ -102,13 +102,13 @@ bool TaskStates::allRest() const
     return true;
 }
 
-bool TaskStates::hasBusyChild() const
+bool TaskStates::hasChild(bool ended) const
 {
     for (const std::string& task : entriesOf(folder())) {
         std::istringstream children(contentOf(folder() + task + "/children"));
         for (std::string child; children >> child;) {
             const std::string text = contentOf("/proc/" + child + "/stat");
-            if (!text.empty() && stateIn(text.c_str()) != TaskState::Gone) {
+            if (!text.empty() && (ended || stateIn(text.c_str()) != TaskState::Gone)) {
                 return true;
             }
         }

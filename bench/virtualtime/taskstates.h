@@ -22,8 +22,9 @@ public:
     /// All of the process, known here or not.
     bool allRest() const;
 
-    /// Whether a child process of one of its threads is at work.
-    bool hasBusyChild() const;
+    /// Whether one of its threads has a child process that is at work or, if asked for, one that has ended and of which
+    /// the process has not yet taken notice.
+    bool hasChild(bool ended) const;
 
     int process() const;
 
