@@ -32,6 +32,9 @@ struct ConfigurationSources
 /// or "RGP" (remote side) is encoded alike; every other cell is its Latin-1 text. A key in both files is taken from the
 /// keys file. The app row "EGDH" holds the address of the machine-controller interface and is kept current every 2 s.
 ///
+///     unsigned int forwarding = 0;
+///     if (!configuration->getAppTag(QStringLiteral("FMAP"), &forwarding)) { ... }   // no such row, or not 4 bytes
+///
 /// Threads. The store lives in the main thread. Lookups and reConfig() may be called from any thread; everything that
 /// rewrites a file (updateRemotePairing, writeToConfigFile, validateRemotesConfigFile) belongs to one thread: the
 /// store's own, until writeFilesIn() names another.
