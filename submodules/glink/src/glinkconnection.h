@@ -22,6 +22,18 @@ class GLinkTransportTcp;
 /// A link is usable once an INIT came over it. The fallback wins while it is usable: a unit that has TCP back keeps
 /// using the fallback until that is closed for it, which an INIT over TCP sets going.
 ///
+/// | INIT over the fallback | INIT over TCP | in use   | what waits                                              |
+/// |------------------------|---------------|----------|---------------------------------------------------------|
+/// | no                     | no            | NONE     | stays until a link is there, or the next message: that  |
+/// |                        |               |          | is dropped, and what waits with it                      |
+/// | no                     | yes           | TCP      | goes out, one after each acknowledgement                |
+/// | yes                    | no, or before | FALLBACK | the same, in turn with the other units there            |
+/// | yes                    | yes, behind   | FALLBACK | the answer to INIT and what is behind it wait for TCP,  |
+/// |                        |               |          | which follows when the fallback has let go of the unit  |
+///
+/// Nothing is sent twice: a message that was in flight when the link in use changed, or when an INIT came over it, is
+/// lost, and its late acknowledgement means nothing. What waits behind it moves to the new link.
+///
 /// All units on the fallback share its one transport. Each has one message in flight, and its own acknowledgement lets
 /// its next one go (acknowledged()). Nothing times out there, but a message that has been in flight for more than
 /// `PatienceOnFallback` when the next one falls due is given up, and the unit counts as silent until it acknowledges
@@ -40,22 +52,29 @@ class GLinkConnection : public QObject
     Q_OBJECT
 
 public:
+    /// The link that messages take.
     enum LinkType {
         NONE = 0,
-        FALLBACK = 1,
+        FALLBACK = 1, ///< the internal link to the base controller, which passes frames on
         TCP = 2,
     };
 
-    /// Reference numbers: bits 0 to 27 count from 1 to MaxRefNr, one bit above tells the link.
-    static constexpr quint32 REF_NR_INACTIVE = 0;
-    static constexpr quint32 MaxRefNr = 0x0FFFFFFE;
-    static constexpr quint32 TcpRefNrMask = 0x10000000;
-    static constexpr quint32 FallbackRefNrMask = 0x20000000;
+    /// Reference numbers: bits 0 to 27 count from 1 to MaxRefNr, one bit above tells the link. They never leave this
+    /// process, and each unit has its own: a transport gives back with messageSent() what it was given with send(), and
+    /// by the bit a late one of the other link is told apart.
+    static constexpr quint32 REF_NR_INACTIVE = 0;            ///< nothing is in flight
+    static constexpr quint32 MaxRefNr = 0x0FFFFFFE;          ///< 1 follows
+    static constexpr quint32 TcpRefNrMask = 0x10000000;      ///< sent over TCP
+    static constexpr quint32 FallbackRefNrMask = 0x20000000; ///< sent over the fallback
 
-    /// How long a message on the fallback may stay unacknowledged before the next one stops waiting for it.
+    /// How long a message on the fallback may stay unacknowledged before the next one stops waiting for it. Looked at
+    /// when a message is handed in or a turn is given, and no timer runs: base status comes every 500 ms.
     static constexpr std::chrono::milliseconds PatienceOnFallback{1000};
 
-    /// Knows both links but uses none before an INIT.
+    /// Knows both links but uses none before an INIT. Either may be null, and so may the log.
+    ///
+    /// The TCP link goes with this connection, see the destructor; the fallback is everybody's and is only used.
+    /// @param peerId  the unit's id, under which its messages go out; there is one connection for each.
     GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, GLinkTransportFallback* fallbackLink, AppLog* log,
                     QObject* parent);
     GLinkConnection(quint16 peerId, GLinkTransportTcp* gLink, AppLog* log, QObject* parent);
@@ -66,23 +85,32 @@ public:
 
     quint16 peerId() const { return m_peerId; }
     LinkType activeLinkType() const { return m_activeLinkType; }
+    /// The TCP link, usable or not; null when there is none and when it has been deleted meanwhile.
     GLinkTransportTcp* gLink() const;
     /// Where events of this unit may be recorded; null when nobody keeps such a record.
     AppLog* log() const { return m_log; }
     /// Time at which the unit lost its last link, ms since the epoch; 0 while it has one, and before it had any.
     qint64 disconnectTime() const { return m_disconnectTime; }
 
-    /// Whether a message awaits its acknowledgement, and what waits behind it.
+    /// Whether a message awaits its acknowledgement, and what waits behind it. A message counts as in flight from its
+    /// handing over on, before its transport's thread has seen it.
     bool isInFlight() const { return (m_activeRefNr & m_activeRefNrMask) != 0; }
+    /// Means something only while isInFlight(). A further message, which a turn on the fallback may bring, does not
+    /// begin it anew.
     GLinkClock::TimePoint unacknowledgedSince() const { return m_unacknowledgedSince; }
     const GLinkMessageQueue& waiting() const { return m_queue; }
 
     /// Hands a message to the unit: sent at once when nothing is in flight (behind what may still wait for its turn on
     /// the fallback), else queued. Without a link it is dropped, and with it whatever still waits. On the fallback,
     /// what has been in flight for too long is given up first.
+    /// @param msgId  a GLinkMsgId; decides on the queue, see GLinkMessageQueue.
+    /// @param data  the payload, not copied. One that no frame holds is dropped by the transport and counts as sent.
     /// @param prepend  queue it before all others; no effect on commands and periodic data.
     ///
     /// The answer to an INIT over TCP, and what follows it, waits until the fallback has let go of the unit.
+    ///
+    /// Never blocks and reports nothing: a command that finds its queue full is refused with a log line, at most one a
+    /// minute, and so are messages dropped for newer ones.
     void enqueueMessage(quint8 msgId, const QByteArray& data, bool prepend);
 
     /// The message sent under that number has been acknowledged. Sends the next one; for the unit's own message on the
@@ -93,14 +121,20 @@ public:
     /// next one goes out.
     void acknowledged(quint8 msgId);
 
-    /// Attaches a link; null detaches it. A TCP link that another one replaces is told to close.
+    /// Attaches a link; null detaches it. A TCP link that another one replaces is told to close: of two the one whose
+    /// INIT came later stays, which may be the one that is here already. A link that is attached does not become usable
+    /// by that, and one that takes the place of a usable one is usable at once.
     /// @return the type of link in use from now on.
     LinkType setGLink(GLinkTransportTcp* link);
     LinkType setFallbackLink(GLinkTransportFallback* link);
-    /// The unit's last INIT over the fallback was that one of all INITs.
+    /// The unit's last INIT over the fallback was that one of all INITs: a TCP link that had its INIT before does not
+    /// take the unit back.
     void setFallbackIntroduction(quint64 introduction) { m_fallbackIntroduction = introduction; }
 
     /// An INIT came over `channel`: the link becomes usable, and what was in flight on it is forgotten on both sides.
+    /// Answers to INITs before this one that still wait are dropped: the caller hands in the one that counts. Whether
+    /// the unit is accepted is its business, too; a refused one is served like any other.
+    ///
     /// Null is fatal.
     /// @return false, with nothing done, for a channel that is not (or no longer) one of this unit's links. A TCP link
     ///         that the unit gave up for the fallback while its INIT waited is told to close.
@@ -158,23 +192,23 @@ private:
     static QVector<GLinkConnection*> s_fallbackUser;
 
     const quint16 m_peerId;
-    QPointer<GLinkTransportTcp> m_gLink;
-    bool m_isGLinkInited = false;
-    QPointer<GLinkTransportFallback> m_gFallbackLink;
-    bool m_isFallbackLinkInited = false;
-    quint64 m_fallbackIntroduction = 0;
-    bool m_isFallbackClosing = false; ///< TCP is there again, and the fallback has been asked to let go
-    QPointer<GLinkTransportBase> m_activeLink;
+    QPointer<GLinkTransportTcp> m_gLink;              ///< null also when it was deleted elsewhere
+    bool m_isGLinkInited = false;                     ///< an INIT came over TCP
+    QPointer<GLinkTransportFallback> m_gFallbackLink; ///< everybody's
+    bool m_isFallbackLinkInited = false;              ///< an INIT of this unit came over the fallback
+    quint64 m_fallbackIntroduction = 0;               ///< number of the last one; 0 before the first
+    bool m_isFallbackClosing = false;                 ///< TCP is there again, and the fallback has been asked to let go
+    QPointer<GLinkTransportBase> m_activeLink;        ///< one of the two, or null
     LinkType m_activeLinkType = NONE;
-    quint32 m_activeRefNrMask = 0;
-    qint64 m_disconnectTime = 0;
+    quint32 m_activeRefNrMask = 0; ///< of the link in use; 0 without one
+    qint64 m_disconnectTime = 0;   ///< ms since the epoch
     GLinkMessageQueue m_queue;
-    quint32 m_activeRefNr = REF_NR_INACTIVE; ///< of the message in flight
-    quint8 m_msgIdInFlight = 0;
+    quint32 m_activeRefNr = REF_NR_INACTIVE;     ///< of the message in flight
+    quint8 m_msgIdInFlight = 0;                  ///< means something while a message is in flight
     GLinkClock::TimePoint m_unacknowledgedSince; ///< while a message is in flight
-    bool m_isSilent = false; ///< on the fallback: a message was given up, and nothing acknowledged since
-    OnceAMinute m_givenUpLine;
-    OnceAMinute m_droppedLine;
-    OnceAMinute m_refusedLine;
-    AppLog* m_log;
+    bool m_isSilent = false;   ///< on the fallback: a message was given up, and nothing acknowledged since
+    OnceAMinute m_givenUpLine; ///< a message given up on the fallback
+    OnceAMinute m_droppedLine; ///< a message dropped for a newer one
+    OnceAMinute m_refusedLine; ///< a command refused
+    AppLog* m_log;             ///< not owned; may be null
 };

@@ -9,6 +9,18 @@
 //
 // A frame is a header with a CRC of its own, the payload, and a CRC over both. All multi-byte integers are
 // little-endian; both CRCs stand most significant byte first, as CrcStd32 appends them.
+//
+// A remote unit introduces itself; then either side sends, the base unit with one message unacknowledged at a time:
+//
+//     remote unit                  base unit
+//     INIT            ->
+//                     <-           ACK of INIT, always
+//                     <-           INITACK, accepted or why not
+//     ACK of INITACK  ->
+//     CMD, ...        ->           each is acknowledged before it is acted on
+//                     <-           BASE STATUS, PERIODIC DATA, CMD, ...
+//
+// Records parse whatever they are given and throw nothing. They belong to the thread that uses them.
 
 /// Layout of a frame.
 ///
@@ -23,6 +35,8 @@
 /// |     13 |    4 | CRC over bytes 0 to 12                                         |
 /// |     17 |    N | payload                                                        |
 /// | 17 + N |    4 | CRC over bytes 0 to 16 + N, the header's CRC included          |
+///
+/// An acknowledgement takes 21 bytes, a heartbeat 25, INIT 43 and its answer 63.
 namespace GLinkFrame {
 constexpr int SizeOffset = 0;
 constexpr int StreamOffset = SizeOffset + 2;
@@ -63,18 +77,18 @@ enum GLinkMsgId : quint8 {
     GLINK_MSG_ID_INITACK = 2,         ///< base to remote unit: GLinkInitAck
     GLINK_MSG_ID_CMD = 3,             ///< both ways: opaque command bytes
     GLINK_MSG_ID_PERIODIC_DATA = 4,   ///< both ways: opaque process data
-    GLINK_MSG_ID_SERVICE_FORWARD = 5, ///< opaque service message
-    GLINK_MSG_ID_POWER_OFF = 6,
+    GLINK_MSG_ID_SERVICE_FORWARD = 5, ///< both ways: opaque service message, from or for the base controller
+    GLINK_MSG_ID_POWER_OFF = 6,       ///< acknowledged and ignored; nothing here sends one
     GLINK_MSG_ID_M_STOP = 7,          ///< remote unit to base: machine stop; printed as "E STOP"
     GLINK_MSG_BASE_STATUS = 8,        ///< base to all remote units, every 500 ms
     GLINK_MSG_ID_FALLBACK_DEINIT = 9, ///< remote unit to base: leaves the fallback path
-    GLINK_MSG_ID_INVALID = 255,
+    GLINK_MSG_ID_INVALID = 255,       ///< of no message; one that comes is acknowledged and ignored
 };
 
 /// Whether a frame is a message or acknowledges one; one byte on the wire.
 enum GLinkMsgType : quint8 {
-    GLINK_MSG_TYPE_MSG = 0,
-    GLINK_MSG_TYPE_ACK = 1,
+    GLINK_MSG_TYPE_MSG = 0, ///< to be acknowledged, whatever its id
+    GLINK_MSG_TYPE_ACK = 1, ///< names the acknowledged message by its id alone, there is no number
 };
 
 /// What all records of the protocol can do.
@@ -113,10 +127,10 @@ public:
     static const char* msgIdName(quint8 msgId);
     static const char* msgTypeName(quint8 msgType);
 
-    quint16 size = 0;  ///< payload length in bytes
-    quint8 stream = 0; ///< 0 for commands, 1 for every other message; an acknowledgement copies it
-    quint8 msgId = 0;
-    quint8 msgType = 0;
+    quint16 size = 0;       ///< payload length in bytes; a parsed one may be any, whatever follows
+    quint8 stream = 0;      ///< 0 for commands, 1 for every other message; an acknowledgement copies it
+    quint8 msgId = 0;       ///< a GLinkMsgId; a parsed one may be any number
+    quint8 msgType = 0;     ///< a GLinkMsgType; a parsed one may be any number, frames of others are dropped
     quint32 time = 0;       ///< ms, see timeStamp()
     bool m_isCrcOk = false; ///< not on the wire: the bytes that were parsed had a good CRC, or the header is our own
 };
@@ -130,12 +144,13 @@ public:
     explicit GLinkAck(const GLinkHeader& acked);
 };
 
-/// With INIT a remote unit introduces itself.
+/// With INIT a remote unit introduces itself. Whether it is accepted is the hub's decision, by `remoteId`, `baseId` and
+/// the checksum; nobody looks at the versions.
 class GLinkInitMsg : public GLinkData
 {
 public:
     GLinkInitMsg() = default;
-    /// Parses a payload; fields that a short one does not reach are zero.
+    /// Parses a payload; fields that a short one does not reach are zero, and what a long one has beyond is ignored.
     explicit GLinkInitMsg(const QByteArray& bytes);
 
     void print() const override;
@@ -147,8 +162,8 @@ public:
 
     quint8 majVersion = 0;
     quint8 minVersion = 0;
-    quint16 remoteId = 0;
-    quint16 baseId = 0;
+    quint16 remoteId = 0; ///< the sender's own
+    quint16 baseId = 0;   ///< of the base unit that it believes it is paired to
     quint8 configChecksum[GLinkInitLayout::ChecksumSize] = {};
 };
 
@@ -168,6 +183,6 @@ public:
     /// 2 + errorStringMaxLength bytes.
     QByteArray serialize() const override;
 
-    quint16 errorCode = 0;
-    QByteArray errorString;
+    quint16 errorCode = 0;  ///< see RGPCom::InitError
+    QByteArray errorString; ///< for people; as it was given or received, not yet cut or padded
 };

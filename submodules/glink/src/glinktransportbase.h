@@ -19,6 +19,19 @@ class TagDatabase;
 /// A transport derives from it and supplies the pipe: it appends received bytes to `m_incomingData` and calls
 /// parseStream(), and it overrides sendMsg() to write frames.
 ///
+/// What becomes of a received frame whose CRCs are good, in this order:
+///
+/// | type                  | id               | first                  | then         | then               |
+/// |-----------------------|------------------|------------------------|--------------|--------------------|
+/// | message               | INIT             | handleInitMsg()        | acknowledged | readyReadFromGLink |
+/// | message               | INITACK          | handleInitAckMsg()     | acknowledged | readyReadFromGLink |
+/// | message               | CMD, BASE_STATUS |                        | acknowledged | readyReadFromGLink |
+/// |                       | and in between   |                        |              |                    |
+/// | message               | FALLBACK_DEINIT  | handleFallbackDeInit() | acknowledged |                    |
+/// | message               | HEARTBEAT, other |                        | acknowledged |                    |
+/// | acknowledgement       | any              | handleAck()            |              |                    |
+/// | any other             | any              |                        |              |                    |
+///
 /// Threads: an instance is used from the thread that it lives in, and only there; its signals carry copies. The
 /// constructor alone may run in another thread before the move. Configuration and tag database may be null (nobody is
 /// paired then, no base id matches); they are not owned and outlive the transport.
@@ -58,8 +71,10 @@ public:
     virtual void handleFallbackDeInit();
 
     /// Processes all of `m_incomingData`, whatever its size; what remains afterwards is at most one incomplete frame,
-    /// kept in pieces. There is no start mark to search for: after a damaged frame, parsing restarts with the next
-    /// bytes that are received.
+    /// kept in pieces: 65556 bytes at most, however long it takes to come. There is no start mark to search for: after
+    /// a damaged frame, parsing restarts with the next bytes that are received.
+    ///
+    /// A call from within itself, by a handler that got more bytes, returns at once: the call under way takes these.
     void parseStream();
 
     /// Steps of parseStream(): the header is complete; the whole frame is.
@@ -92,12 +107,14 @@ public:
     /// @return false, `result` untouched, when no application for remote units is installed.
     bool getAppChecksum(QByteArray& result);
 
-    /// Makes the list of the installed applications' digests, and waits for it.
+    /// Makes the list of the installed applications' digests, and waits for it: seconds, where large applications have
+    /// not been hashed yet.
     void populateChecksumList();
 
 public slots:
+    /// Opens the pipe, once, when the object is in its thread.
     virtual void run() = 0;
-    /// Sends one message, see send_(). Invoked by name from other threads.
+    /// Sends one message, see send_(). From other threads by a queued call.
     virtual void send(quint16 remoteId, quint8 msgId, const QByteArray& message, quint32 refNr) = 0;
     /// Sends a heartbeat unless one is in flight. Independent of the message in flight.
     virtual void sendHeartbeat();
@@ -112,7 +129,7 @@ signals:
     void readyReadFromGLink(quint16 remoteId, quint8 msgId, const QByteArray& data, GLinkTransportBase* channel);
     /// The message that was sent under this reference number has been acknowledged.
     void messageSent(quint16 remoteId, quint32 refNr, GLinkTransportBase* self);
-    void error(const QString& text);
+    void error(const QString& text); ///< part of the interface; never emitted
 
 protected:
     /// Value of `m_expectedAck` while nothing is in flight; no message id reaches it.

@@ -11,6 +11,14 @@
 /// corrupt, or when the base controller rejects the channel. There are no heartbeats and no time-outs here: the
 /// connections of the units, which alone know what is in flight for whom, see to it that none waits for another.
 ///
+/// Two units are of interest at any moment, and most of what looks odd here comes of that:
+///
+/// | unit                  | changes with                       | decides on                                          |
+/// |-----------------------|------------------------------------|-----------------------------------------------------|
+/// | whose bytes came last | each block of bytes, INIT, close() | whose messages are passed on and acknowledged       |
+/// | of the last send      | send(), INIT of any unit           | who loses its link to a damaged frame or linkDown() |
+/// |                       |                                    | whose name messageSent() bears                      |
+///
 /// Threads and life: made by the hub and moved to a thread of its own; reached by queued calls only. The hub deletes it
 /// in the main thread, after its thread has ended.
 class GLinkTransportFallback : public GLinkTransportBase
@@ -34,12 +42,14 @@ public:
     void handleFallbackDeInit() override;
 
 public slots:
-    void run() override;
-    /// Sends at once, whatever is in flight: the connections of the units take turns among themselves.
+    void run() override; ///< does nothing: there is nothing to open
+    /// Sends at once, whatever is in flight: the connections of the units take turns among themselves. What was in
+    /// flight before is no longer reported by messageSent(), but still by acknowledged().
     void send(quint16 remoteId, quint8 msgId, const QByteArray& message, quint32 refNr) override;
-    void sendHeartbeat() override;
+    void sendHeartbeat() override; ///< does nothing
 
-    /// Bytes of a unit, a whole frame or a part of one. They are never joined with another unit's.
+    /// Bytes of a unit, a whole frame or a part of one, in the order in which it sent them. They are never joined with
+    /// another unit's: what is kept of a frame of that one is dropped.
     void dataFromServiceLayer(quint16 remoteId, const QByteArray& data);
     /// The base controller has rejected the channel: the unit of the last send loses its link.
     void linkDown();
@@ -56,7 +66,7 @@ signals:
     void newConnection(quint16 remoteId);
     /// The same INIT's number among all INITs, behind newConnection(). See GLinkTransportTcp::isIntroducedBefore().
     void introduced(quint16 remoteId, quint64 introduction);
-    void readyRead();
+    void readyRead(); ///< part of the interface; never emitted
     /// That unit has acknowledged a message of that id. Also: one to it could not be sent and is done with.
     void acknowledged(quint16 remoteId, quint8 msgId);
     /// A service message for that unit, which came beside the frames; for the hub.
@@ -74,6 +84,6 @@ private:
     void releaseUnit();
     void closeUnitOfLastSend();
 
-    QHash<quint16, quint64> m_introductions; ///< the last of each unit
+    QHash<quint16, quint64> m_introductions; ///< the last of each unit; kept when it leaves
     quint16 m_incomingPeerId = 0; ///< unit of the partial frame that is kept; m_rxPeerId changes with close() and INIT
 };
