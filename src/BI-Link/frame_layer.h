@@ -8,7 +8,10 @@
 /// | 0x82 | packet, every 0x82, 0x0A and 0x90 in it replaced by 0x90 and the byte XOR 0x80 | 0x0A |
 ///
 /// A frame thus contains the newline only as its last byte, where the serial driver cuts the stream. Stateless; never
-/// fails. Damage is found by the CRC inside (see MessageLayer), not here.
+/// fails. Damage is found by the CRC inside (see MessageLayer), not here. In the worst case a frame is twice as long as
+/// its packet, and two bytes more.
+///
+///     packet 44 82 05 0A    <->    frame 82 44 90 02 05 90 8A 0A
 class FrameLayer : public QObject
 {
     Q_OBJECT
@@ -19,8 +22,8 @@ public:
     static constexpr quint8 dle = 0x90; ///< escape introducer
 
     enum Action {
-        ADD = 0,
-        REMOVE = 1,
+        ADD = 0,    ///< packet to the inside of a frame
+        REMOVE = 1, ///< the reverse
     };
 
     explicit FrameLayer(QObject* parent = nullptr);

@@ -19,6 +19,13 @@ class TransportLayer;
 /// else and in which all of it lives. Deleting the layer, also there, takes the whole internal link down: services,
 /// packets that wait, serial port and reader thread.
 ///
+///     in:  TransportLayer -> readDataFromTransport() -> ServiceBase::readData()
+///     out: ServiceBase::readyReadFromService() -> readDataFromService() -> readyReadFromService() -> TransportLayer
+///
+/// All of that are direct calls in the one thread, so a service has had a packet in its hands when the transport
+/// layer acknowledges it, and one that waits for something holds up the whole link, the judgement on its failure
+/// included. A packet whose handling ends the process has not been acknowledged.
+///
 /// | id  | service              | id  | service             |
 /// |-----|----------------------|-----|---------------------|
 /// | 100 | SystemEventService   | 105 | GfallbackServiceC   |
@@ -34,7 +41,8 @@ public:
     ServiceLayer(RGPCom* rgpCom, Configuration* configuration, TagDatabase* tagDatabase, QObject* parent);
 
     /// The services by id: none before `initialize`, and the seven of the table for ever after. Any thread may ask once
-    /// `initialize` has returned.
+    /// `initialize` has returned; what it gets may be connected to from there, and reached by queued calls only. The
+    /// services stay the layer's.
     QMap<unsigned char, ServiceBase*> getServices() const;
 
 public slots:
@@ -51,6 +59,7 @@ public slots:
     void readDataFromTransport(QByteArray data, Link fromLink, quint8 serviceId, quint8 messageClass);
 
 signals:
+    /// What any of the services sends; for the transport layer. Emitted in the layer's thread.
     void readyReadFromService(QByteArray data, Link toLink, quint8 serviceId, quint8 messageClass);
 
 private:

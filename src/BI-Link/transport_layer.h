@@ -19,6 +19,13 @@ class QTimer;
 /// A packet still unacknowledged 50 ms after its third transmission means that the link has failed: everything that
 /// waits is dropped and `internLinkFail` tells. Nothing else is reset, the next packet is sent as usual.
 ///
+/// | ms  | a packet that nobody acknowledges, and that nothing is in front of                         |
+/// |-----|--------------------------------------------------------------------------------------------|
+/// | 0   | goes out                                                                                   |
+/// | 50  | goes out again                                                                             |
+/// | 100 | goes out for the last time                                                                 |
+/// | 150 | is dropped with all that wait behind it; `internLinkFail`, by which the relay opens in RUN |
+///
 /// Received packets are checked, acknowledged as their message class demands, and handed up. Damaged ones are dropped
 /// without a word, repeated ones are handed up again: the base controller repeats what it has seen no answer to.
 ///
@@ -75,7 +82,8 @@ public slots:
     /// service wait.
     void readDataFromService(QByteArray data, Link toLink, quint8 serviceId, quint8 messageClass);
 
-    /// Drops all waiting packets if `state` is 2, the system event service's STARTING.
+    /// Drops all waiting packets if `state` is 2, the system event service's STARTING. That service tells RUN in its
+    /// place, so that in the server the start of the link drops nothing.
     void clearSendBuffer(quint8 state);
 
     /// Sends the oldest waiting packet if it is due, or declares the link failed if it is overdue.

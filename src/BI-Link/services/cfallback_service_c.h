@@ -5,6 +5,11 @@
 /// Carries short service messages of remote units, one packet each and without flow control. Every packet starts with a
 /// 16-bit id, least significant byte first, that names the remote unit.
 ///
+/// | remote unit 2 LE | service message |
+///
+/// The message is opaque, may be empty, and has no bound of its own: what does not come in one read of the serial line
+/// (see InternalLink) is damaged and dropped. Nobody tells the unit what has become of its message.
+///
 /// Lives in the service-layer thread; signals and slots reach the main thread through queued connections.
 class CFallbackServiceC : public ServiceBase
 {
@@ -18,7 +23,8 @@ public slots:
     /// another message class than 1 are fatal assertions.
     void readData(QByteArray data, Link fromLink, quint8 messageClass) override;
 
-    /// Sends a payload of remote unit `id` to the base controller.
+    /// Sends a payload of remote unit `id` to the base controller. Whether there is such a unit is not looked at.
+    /// Dropped by the transport layer while too many wait there, and when the link fails.
     void CFallbackRx(QByteArray data, unsigned short id);
 
 signals:

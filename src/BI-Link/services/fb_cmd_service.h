@@ -11,6 +11,12 @@ class TagDatabase;
 /// Towards the base controller every command is filled up with zeros to 16 bytes, and goes out only if the app setting
 /// "FMAP" has bit 0 or bit 1 set.
 ///
+///     base controller -> readData() -> sendCmdToRGPCom() -> hub -> every remote unit
+///     remote unit -> hub -> sendCmd() -> | command, up to 16 | zeros | -> base controller
+///
+/// What a command means, and whether its unit may give it, is the base controller's to judge. A command that the base
+/// controller repeats for want of our acknowledgement goes to the units a second time.
+///
 /// Lives in the service-layer thread; the hub is in the main thread and is reached through queued connections, made
 /// where the server is put together.
 class FbCmdService : public ServiceBase
@@ -27,11 +33,14 @@ public slots:
     /// restarts rather than forward malformed field-bus traffic.
     void readData(QByteArray data, Link fromLink, quint8 messageClass) override;
 
-    /// A command for the base controller. A configuration without "FMAP" is a fatal assertion, and so is a command of
-    /// more than 16 bytes.
+    /// A command for the base controller. A configuration without "FMAP", or whose value is no number of four bytes, is
+    /// a fatal assertion, and so is a command of more than 16 bytes, forwarded or not. "FMAP" is looked up for each
+    /// command: a reload counts for the next one. While `TransportLayer::MaxWaitingPackets` commands wait for the line,
+    /// further ones are dropped.
     void sendCmd(QByteArray cmd);
 
 signals:
+    /// A command for all remote units, 0 to 16 bytes. Emitted in the service-layer thread.
     void sendCmdToRGPCom(QByteArray cmd);
 
 private:

@@ -13,6 +13,12 @@ class TagDatabase;
 ///
 /// | "bu_identity" 2 LE | "total_rus" 1 | "eglink_status" 1 |
 ///
+///     identity 0x1234, 3 units, status 0x101: 34 12 03 01
+///
+/// The record is also what a silent base controller is noticed by: when nothing else is sent, it is the packet that
+/// gets no acknowledgement. Its 500 ms are thus part of the time in which the relay opens, and the timer is an exact
+/// one.
+///
 /// Lives in the service-layer thread. The tags belong to the main thread, but may be looked up and read from here.
 class ProcessData : public ServiceBase
 {
@@ -20,7 +26,7 @@ class ProcessData : public ServiceBase
 
 public:
     /// Without a database no status record is ever sent. A tag that the database lacks is reported by one warning each;
-    /// its bytes are sent as 0.
+    /// its bytes are sent as 0. The first record goes out 500 ms after the construction.
     ProcessData(QObject* parent, quint8 serviceId, TagDatabase* tagDatabase);
 
 public slots:
@@ -32,7 +38,9 @@ public slots:
 
 signals:
     /// A process image for the tags, told before it is told to the hub.
+    /// The constructor has connected it to the tag database, which decodes it in the main thread.
     void newProcessData(QByteArray data);
+    /// The same image for the hub. By the time that the hub has it, the tags show it.
     void sendProcessDataToRgp(QByteArray data);
 
 private:

@@ -11,6 +11,14 @@ class QTimer;
 /// runs, until the link fails, or the base controller resets or reconfigures. An event is one byte, sent with message
 /// class 1, in both directions.
 ///
+/// | state      | event                        | becomes    | on entering it                                         |
+/// |------------|------------------------------|------------|--------------------------------------------------------|
+/// | NO_BI_LINK | ACK_RECIEVED                 | STARTING   | no more RESET; has the values fetched; CONFIG_FINISHED |
+/// | STARTING   | CONFIG_FINISHED              | RUN        | –                                                      |
+/// | STARTING   | BI_FAIL                      | NO_BI_LINK | RESET now and every 100 ms                             |
+/// | RUN        | RECONFIG                     | STARTING   | as above; the relay stays closed                       |
+/// | RUN        | RESET, BI_FAIL               | NO_BI_LINK | RESET now and every 100 ms; the relay opens            |
+///
 /// Lives in the service-layer thread; its slots may be reached from the main thread through queued connections.
 class SystemEventService : public ServiceBase
 {
@@ -42,7 +50,8 @@ public:
     /// The event's name for the log, "UNDEF EVENT" for a code without one.
     static QString Events2String(Events event);
 
-    /// Sends an event to the base controller, whatever the state.
+    /// Sends an event to the base controller, whatever the state. Without a link it waits behind a RESET: it
+    /// follows when that is acknowledged, and is dropped with it otherwise.
     void sendData(Events event);
 
     /// Handles an event from wherever it comes. One without a row in the transition table changes nothing; every one is
@@ -74,6 +83,7 @@ public slots:
     void internalLinkFailed();
 
 signals:
+    /// An event has been handled, of whatever origin; `event` is its code.
     void systemNewEvent(quint8 event);
     /// The state after a change. Reaching RUN is told twice, once on behalf of STARTING.
     void systemStateChanged(quint8 state);
