@@ -22,27 +22,44 @@
 ///     .APPLICATION.pairing/old/...            second names of the application's files
 ///     config/.pairing/remotes.csv.new, .old   the same for the remotes file
 ///
+/// What the record says decides on what a start finds, whenever the process ended before:
+///
+/// | record       | written                    | the application and the remotes file are              |
+/// |--------------|----------------------------|-------------------------------------------------------|
+/// | none         |                            | as ever; nothing of an act lies beside them           |
+/// | NAME.undo    | before anything else       | old or new, one by one: the old ones are put back     |
+/// | NAME.archive | as the last step, a rename | new; an archive that nobody has fetched is removed    |
+///
 /// One at a time. Belongs to the thread that writes the configuration's files; waits for the disk. After a failure
 /// `reason` says what was in the way.
 class PairingAct
 {
 public:
+    /// Touches no file.
+    /// @param appPath  a clean absolute path.
+    /// @param records  outlive this object.
     PairingAct(const QString& appPath, const PairingRecords& records);
-    /// Undoes what is not complete.
+    /// Undoes what is not complete. What the disk does not let it undo is tried again by undoPairings().
     ~PairingAct();
     PairingAct(const PairingAct&) = delete;
     PairingAct& operator=(const PairingAct&) = delete;
 
     /// Makes everything but the archive. `application` are files in the application, `remotes` is the remotes file;
     /// an application that is not paired has neither.
+    /// @param application  none, or what prepareApplicationConfig() gives, in its order.
+    /// @return false when something could not be made; then the object is of no use but for its `reason`.
     bool prepare(const QVector<TextFileChange>& application, const std::optional<TextFileChange>& remotes);
-    /// What is to be packed then; the archive belongs beside it.
+    /// What is to be packed then; the archive belongs beside it. Its last part is the application's own name, which the
+    /// archive is to have as its top folder.
     QString folderToPack() const;
-    /// The archive stands: replaces the files and makes it all valid.
+    /// The archive stands: replaces the files and makes it all valid. Once, after `prepare` succeeded.
+    /// @return false when a file is not as `prepare` was told that it is (somebody else has written it meanwhile), or
+    ///         something could not take its place. This object's end then puts back what has changed.
     bool complete();
+    /// The path that was in the way and what the system says of it, for the log; empty before a failure.
     QString reason() const { return m_reason; }
 
-    /// Where the archive lies in the end.
+    /// Where the archive lies in the end: beside the application, under its name and ".tar".
     static QString archiveOf(const QString& appPath);
     /// Puts everything back as it was before an act that did not come to its end. @return false when the disk did not
     /// let it; the record stays, and with it the order to do so.
@@ -53,6 +70,7 @@ public:
     static bool clearAway(const QString& appPath, const PairingRecords& records);
 
 private:
+    /// One file that gets a new content.
     struct Replacement
     {
         TextFileChange change;
@@ -70,8 +88,8 @@ private:
 
     const QString m_appPath;
     const PairingRecords& m_records;
-    QVector<Replacement> m_replacements;
-    QStringList m_leftOut; ///< of the application, when it is packed
+    QVector<Replacement> m_replacements; ///< in the order in which they take their places
+    QStringList m_leftOut;               ///< of the application, when it is packed
     QString m_reason;
-    bool m_begun = false;
+    bool m_begun = false; ///< there is a record, and something to be undone
 };

@@ -43,6 +43,25 @@ struct PairServerPlace
 /// whole conversation. Every request connection is served. Requests that need the archiver are taken in turn, one of a
 /// connection at a time; a tool that leaves gives up its turn, and what was on offer to it goes.
 ///
+/// What a request sets going:
+///
+///     getAppList      sendListOfApps(): the answer at once
+///     getApp          sendApp(): the turn waits for those before it, then ArchiveTurn::prepare(), and tar starts
+///       tar is done   sendAppArchiveReady(): ArchiveTurn::complete(); the archive is offered, and the tool told so
+///     startTransfer   the archive goes to the oldest file connection of the same host
+///       all is sent   the archive is removed; pairingComplete()
+///
+/// | at most                                     | beyond it                                                    |
+/// |---------------------------------------------|--------------------------------------------------------------|
+/// | 64 request connections                      | the oldest that has neither turn nor offer is closed, or the |
+/// |                                             | oldest of all                                                |
+/// | one turn for a connection                   | the request is refused with a log line                       |
+/// | one offer for a connection                  | the new archive takes the place of the old one, which goes   |
+/// | a waiting file connection of a host, or one | the oldest of that host is closed                            |
+/// | for each of its tools with a turn or offer  |                                                              |
+///
+/// What one tool may take in bytes and time stands in PairClient, PairArchive and FileTransfer.
+///
 /// Made and used in one thread, the one that rewrites the configuration store's files. Waits neither for a tool nor for
 /// tar; it does wait for the disk, so that this is no thread that a machine's safety depends on. Whatever goes wrong is
 /// a log line: there is no answer for a refused request.
@@ -51,11 +70,13 @@ class PairServer : public QObject
     Q_OBJECT
 
 public:
-    /// Starts to listen. When the request port cannot be had, the base unit runs without pairing.
+    /// Starts to listen. When the request port cannot be had, the base unit runs without pairing until it is started
+    /// again; without the other port it lists and packs, and sends nothing.
     /// Neither pointer is owned; both objects must outlive this one.
     PairServer(Configuration* configuration, TagDatabase* tagDatabase, QObject* parent);
     PairServer(Configuration* configuration, TagDatabase* tagDatabase, const PairServerPlace& place, QObject* parent);
-    /// Closes all connections; archives that were not fetched are removed, and what is not complete is undone.
+    /// Closes all connections; archives that were not fetched are removed, and what is not complete is undone. Waits a
+    /// second at most for a tar that runs, and for the disk. In the thread in which it was used.
     ~PairServer() override;
 
     /// The ports that are listened on; 0 when there is none.
@@ -67,19 +88,23 @@ public slots:
     void newClientConnection();
     /// Serves the first complete request of every connection. Further ones follow when the event loop has had its turn.
     void readData();
-    /// Searches for the applications and sends their list to the connection that is served.
+    /// Searches for the applications and sends their list to the connection that is served. Walks the whole folder of
+    /// applications each time; when that is missing, the list of the last time is sent.
     void sendListOfApps();
     /// Has `path` packed in its turn; with a user application remote unit `ruId` is paired by this. Refused with a log
-    /// line, before any key is drawn, when the path is not one to hand out or the connection has a turn already.
+    /// line, before any key is drawn, when the path is not one to hand out or the connection has a turn already. The
+    /// unit is that of the last "getApp". Nothing happens when the connection that is served has closed.
     void sendApp(QString path);
-    /// Puts what the archiver has made for the current turn in its place, and offers it.
+    /// Puts what the archiver has made for the current turn in its place, and offers it. What tar was not content with
+    /// is undone instead, and so is what nobody is left to take; either way the next turn begins.
     void sendAppArchiveReady(QString fileName, QString absolutePath);
     /// Offers the archive to the connection whose turn it is, or the one that is served, and sends it name, size and
-    /// MD5.
+    /// MD5: the one that the archiver computed last. The archive goes from the disk with the offer.
     void sendAppStartTransfer(QString fileName, QString absolutePath);
 
 signals:
     /// A transfer has ended, whole or broken off: the application's configuration on disk is a new one since it began.
+    /// Not for an archive that nobody fetched, though its pairing holds.
     void pairingComplete();
 
 private slots:
@@ -105,22 +130,22 @@ private:
     void startTransfer();
     void transferEnded(const QString& path, bool complete);
 
-    QTcpServer* tcpServer;
-    QList<PairClient*> m_clients;          ///< in the order in which they came
-    QPointer<PairClient> clientConnection; ///< whose request is served, otherwise the newest
-    QTcpServer* m_fileTransferServer;
-    QList<QPointer<QTcpSocket>> m_receivers; ///< file connections that wait, in the order in which they came
-    QHostAddress hostAdress;
-    const std::chrono::milliseconds m_stallLimit;
-    PairArchive* archiving;
-    QVector<QString> appsWithManifest;
-    QVector<QMap<QString, QString>> appsWithManifestData;
-    quint16 ruId = 0;
-    Configuration* m_configuration;
-    TagDatabase* tagDatabase;
+    QTcpServer* tcpServer;                        ///< child
+    QList<PairClient*> m_clients;                 ///< children, in the order in which they came
+    QPointer<PairClient> clientConnection;        ///< whose request is served, otherwise the newest
+    QTcpServer* m_fileTransferServer;             ///< child
+    QList<QPointer<QTcpSocket>> m_receivers;      ///< file connections that wait, in the order in which they came
+    QHostAddress hostAdress;                      ///< both servers listen on
+    const std::chrono::milliseconds m_stallLimit; ///< of each transfer
+    PairArchive* archiving;                       ///< child
+    QVector<QString> appsWithManifest;            ///< paths of all manifests that the last search found
+    QVector<QMap<QString, QString>> appsWithManifestData; ///< what the last list said
+    quint16 ruId = 0;                                     ///< of the last "getApp"
+    Configuration* m_configuration;                       ///< not owned
+    TagDatabase* tagDatabase;                             ///< not owned
 
     const PairingRecords m_records;
     std::unique_ptr<ArchiveTurn> m_turn;                 ///< whose application is packed; null when nobody's is
     std::vector<std::unique_ptr<ArchiveTurn>> m_waiting; ///< one of a connection at most
-    QTimer m_nextRequest;
+    QTimer m_nextRequest;                                ///< of interval 0: serves when the sockets had their turn
 };
