@@ -36,6 +36,22 @@ struct EGLinkTuning
 /// is created there, and the link must be deleted there. The slots for other threads are reached through queued
 /// connections; before `run` they only store what they are given.
 ///
+/// A command that nobody acknowledges, and a controller that falls silent, each in an OPERATIONAL link:
+///
+/// | ms          | command                        | ms             | controller                                   |
+/// |-------------|--------------------------------|----------------|----------------------------------------------|
+/// | 0           | sent                           | 0              | last whole set                               |
+/// | 100 to 1900 | the same bytes again, 19 times | 2000           | LINK_ERROR                                   |
+/// | 2000        | given up; LINK_ERROR           | 4000, 6000 ... | still silent: the recovery time begins anew  |
+/// | 7000        | OPERATIONAL                    | 5000 more      | OPERATIONAL, since sets have come again      |
+///
+/// A link that has just begun does not recover by time: it is LINK_ERROR until the first whole set, or OPERATIONAL at
+/// once if VRPO is off. VRPI goes out in every state.
+///
+/// A command of the controller is acknowledged and handed on if its id is one more than the last one's, or if the last
+/// one was refused, or none has come since the channel was switched on. So one whose acknowledgement got lost is
+/// refused when it is repeated, and handed on a second time when it is repeated once more.
+///
 /// Whatever arrives from the network costs at most a debug line and the packet. Fatal are: a port that cannot be bound,
 /// and periodic data too large for a packet. A missing interface is not: the link waits for it.
 class EGLink : public QObject
@@ -44,9 +60,10 @@ class EGLink : public QObject
 
 public:
     /// @param multicastAddr group of both directions.
+    /// Opens nothing, starts nothing.
     /// @param remotePort port of the controller; this side listens on the second port above it.
-    /// @param vrpoByteCount size of the controller's periodic data in bytes.
-    /// @param emap enabled channels, low three bits.
+    /// @param vrpoByteCount size of the controller's periodic data in bytes; with 0 no set is ever whole.
+    /// @param emap enabled channels, low three bits. With none of them the link keeps silent, and never tells a status.
     /// @param baseId the base unit's id, origin of all sent packets.
     EGLink(const QHostAddress& multicastAddr, quint16 remotePort, quint32 vrpoByteCount, quint8 emap, quint16 baseId,
            QObject* parent = nullptr, const EGLinkTuning& tuning = EGLinkTuning());
@@ -54,26 +71,41 @@ public:
 public slots:
     /// Opens the sockets and configures the channels; once, in the link's own thread.
     void run();
-    /// New data for the periodic packets to the controller, at most 492 bytes; more is a fatal assertion.
+    /// New data for the periodic packets to the controller, at most 492 bytes; more is a fatal assertion. They go with
+    /// the next packet and all after it; what is replaced between two packets is never sent. Before the first call the
+    /// packets have no data.
     void receiveFromRGP(const QByteArray& data);
     /// A command for the controller. It supersedes the one before it, acknowledged or not. Empty commands are not sent,
-    /// and commands of more than 486 bytes are dropped with a debug line.
+    /// and commands of more than 486 bytes are dropped with a debug line. One that comes while the channel is off is
+    /// never sent. Nobody is told of the acknowledgement; a command that is given up shows in the status.
     void receiveCmd(const QByteArray& data);
-    /// Enables exactly the channels in the low three bits. From none to some starts the link anew.
+    /// Enables exactly the channels in the low three bits. From none to some starts the link anew. A channel that is
+    /// switched off forgets what it holds: periodic data to send, a command with its counts, an incomplete set.
     void setEmap(quint8 emap);
+    /// From the state machine: keeps the status and tells the outside.
     void setEGLinkStatus(const EGLinkState state);
 
+    // The timers', in the link's own thread.
+
+    /// Sends one VRPI, every 250 ms.
     void sendVRPIMessage();
+    /// Every 100 ms from a command's sending until its acknowledgement: sends it once more, or gives it up.
     void resendVRCIMessage();
     /// Handles what is waiting, but at most a batch: the rest follows in a later turn of the event loop, so that a
     /// flood does not hold up the timers.
     void readPendingDatagrams();
+    /// No whole set for 2000 ms; comes again every 2000 ms until there is one. Counts for the whole process, and writes
+    /// a debug line for the second and each tenth after it.
     void periodicDataTimeout();
 
 signals:
-    /// The status as the outside sees it, an EGLinkState below 256.
+    // All emitted in the link's own thread.
+
+    /// The status as the outside sees it, an EGLinkState below 256. Emitted at each change: the first one is
+    /// LINK_ERROR, when the link begins.
     void EGLinkStatus(quint8 status);
-    /// A complete set of periodic data from the controller that differs from the one before it.
+    /// A complete set of periodic data from the controller that differs from the one before it, which is remembered for
+    /// as long as the link lives.
     void sendToRGP(const QByteArray& data);
     /// A command from the controller, without id and reserved bytes; may be empty.
     void sendCmd(QByteArray command);

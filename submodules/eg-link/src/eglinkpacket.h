@@ -9,6 +9,17 @@
 /// All numbers are little-endian, apart from the CRC (see CrcStd32):
 ///
 ///     | type 4 | revision 2 | origin 2 | serial 2 | data size 2 | spare 4 | payload | CRC 4 |
+///
+/// Base unit 1001 acknowledges command 5 in its packet number 7 (VRAI):
+///
+///     56 52 41 49 | 00 00 | E9 03 | 07 00 | 02 00 | 00 00 00 00 | 05 00 | CRC
+///
+/// | type | to         | payload in bytes                 | answered by                                |
+/// |------|------------|----------------------------------|--------------------------------------------|
+/// | VRPI | controller | periodic data 0 to 492           | nothing                                    |
+/// | VRPO | base unit  | index 1, periodic data 0 to 491  | nothing                                    |
+/// | VRCI | controller | id 2, reserved 4, command to 486 | VRAO, with the same id; repeated until it  |
+/// | VRCO | base unit  | id 2, reserved 4, command to 486 | VRAI, with the same id                     |
 namespace EGLinkPacket {
 
 constexpr int TypeOffset = 0;
@@ -22,7 +33,7 @@ constexpr int SpareSize = 4;
 constexpr int HeaderSize = SpareOffset + SpareSize;
 static_assert(HeaderSize == 16, "machine controllers expect a header of 16 bytes");
 
-constexpr int MaxPayloadSize = 492;
+constexpr int MaxPayloadSize = 492; ///< what the header and the CRC leave of 512 bytes
 constexpr int MaxPacketSize = HeaderSize + MaxPayloadSize + CrcStd32::Size;
 static_assert(MaxPacketSize == 512, "no datagram of the link exceeds 512 bytes");
 
@@ -37,8 +48,8 @@ constexpr int CommandReservedSize = 4;
 constexpr int CommandOffset = CommandIdSize + CommandReservedSize;
 constexpr int MaxCommandSize = MaxPayloadSize - CommandOffset;
 
-constexpr quint16 Revision = 0;
-constexpr quint16 MachineControllerOrigin = 0;
+constexpr quint16 Revision = 0;                ///< the only one there is
+constexpr quint16 MachineControllerOrigin = 0; ///< base units state their id
 
 /// "I" is into the machine controller, "O" out of it.
 enum class Type : quint8 {
@@ -69,10 +80,12 @@ struct Header
 /// Reads the header of a packet whose CRC is stripped. The caller guarantees at least HeaderSize bytes.
 Header parseHeader(const QByteArray& packet);
 
-/// The 16 header bytes of a packet that the base unit sends.
+/// The 16 header bytes of a packet that the base unit sends. Room for the largest packet is reserved with them, so that
+/// payload and CRC can be appended without another allocation.
+/// @param dataSize  bytes of the payload, 0 to MaxPayloadSize; not checked.
 QByteArray header(Type type, quint16 origin, quint16 serial, int dataSize);
 
-/// Payload of a VRCI.
+/// Payload of a VRCI; at most MaxCommandSize bytes of command fit, which is not checked.
 QByteArray commandPayload(quint16 commandId, const QByteArray& command);
 /// Payload of a VRAI.
 QByteArray acknowledgementPayload(quint16 commandId);
