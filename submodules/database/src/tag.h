@@ -36,6 +36,13 @@ Q_DECLARE_METATYPE(tagDataType)
 /// know the tag. The value may be read and set from any thread: bytes and value are published together as one immutable
 /// snapshot, so that a reader sees a whole value, old or new. `valueUpdated` is emitted by the thread that set the
 /// value; receivers in other threads get it queued.
+///
+///     the tag gets the bytes that it holds    nothing happens
+///     it gets others                          they are decoded; bytes and value are published together
+///       and the value is another one          `valueUpdated`, behind that
+///
+/// No lock is held while bytes are decoded or receivers run: of two threads that set a value at the same time both
+/// succeed, one after the other, and the later one's stands. In which order receivers hear of the two is left open.
 class Tag : public Data
 {
     Q_OBJECT
@@ -43,15 +50,15 @@ class Tag : public Data
 public:
     /// The link or process image that a tag belongs to.
     enum HostLinkType {
-        RIIT = 0,
-        RIOT = 1,
+        RIIT = 0, ///< of no tag file
+        RIOT = 1, ///< of no tag file
         ECOT = 2, ///< field-bus (EC) output
         EGOT = 3, ///< machine-controller (EG) output
-        BTRS = 4,
+        BTRS = 4, ///< of no tag file
         BIIT = 5, ///< base internal input: filled from the base controller's process image
         BIOT = 6, ///< base internal output
         NOLK = 7, ///< on no link
-        RICT = 8,
+        RICT = 8, ///< of no tag file
     };
     Q_ENUM(HostLinkType)
 
@@ -60,6 +67,9 @@ public:
 
     /// Replaces the value and announces it, unless `newValue` equals the current value as `QVariant` compares: a
     /// number of another type but of the same magnitude is equal, and leaves value and type as they are.
+    ///
+    /// `newValue` is taken as it is, of whatever type: it is neither converted to that of the definition nor held
+    /// against the limits. Directly connected receivers run within this call.
     void setValue(const QVariant& newValue);
 
     /// Decodes the tag's own bytes, first byte first, and announces the value if it differs from the one before.
@@ -84,8 +94,11 @@ public:
     void insertState(const QVariant& value, const QString& text);
 
     /// Counts the replacements of the raw bytes: who remembers this count and, read after it, the raw bytes knows the
-    /// bytes while the count stands, and may leave out a `setValue` of the same ones.
+    /// bytes while the count stands, and may leave out a `setValue` of the same ones. Wraps at 2^32. Any thread.
     quint32 rawRevision() const { return m_rawRevision.load(std::memory_order_acquire); }
+
+    // The definition, set by whoever makes the tag from its row in a tag file, before other threads know the tag. Its
+    // setters announce nothing and decode nothing: what they change holds from the next other bytes on.
 
     /// What people call the tag; the name is what programs call it.
     Q_INVOKABLE QString getLabel() const { return label; }
@@ -95,7 +108,7 @@ public:
     Q_INVOKABLE quint16 getStartByte() const { return startByte; }
     void setStartByte(const quint16& newStartByte) { startByte = newStartByte; }
 
-    /// How many bytes it takes, those of a bit field included.
+    /// How many bytes it takes, those of a bit field included. Which sizes a type has, see `tagDataType`.
     Q_INVOKABLE quint16 getByteSize() const { return byteSize; }
     void setByteSize(const quint16& newByteSize) { byteSize = newByteSize; }
 
@@ -103,13 +116,17 @@ public:
     Q_INVOKABLE quint16 getStartBit() const { return startBit; }
     void setStartBit(const quint16& newStartBit) { startBit = newStartBit; }
 
-    /// Number of bits; 0 means the whole byte field.
+    /// Number of bits; 0 means the whole byte field. For whole numbers only: a boolean has one bit whatever stands
+    /// here, and the other types have none.
+    ///
+    ///     a UINT of one byte, B4 = 1011 0100; startBit 2, bitSize 3: 101 = 5, and as an INT -3
     Q_INVOKABLE quint16 getBitSize() const { return bitSize; }
     void setBitSize(const quint16& newBitSize) { bitSize = newBitSize; }
 
     Q_INVOKABLE tagDataType getDataType() const { return dataType; }
     void setDataType(tagDataType newDataType) { dataType = newDataType; }
 
+    /// Kept for the tag's users; no tag file sets it.
     Q_INVOKABLE qint16 getPriority() const { return priority; }
     void setPriority(const qint16& newPriority) { priority = newPriority; }
 
@@ -139,6 +156,7 @@ public:
     Q_INVOKABLE Tag::HostLinkType getHostLink() const { return hostLink; }
     void setHostLink(const HostLinkType& newHostLink) { hostLink = newHostLink; }
 
+    /// Kept for the tag's users; neither set by a tag file nor applied to the value.
     Q_INVOKABLE quint32 getBitmask() const { return bitmask; }
     void setBitmask(const quint32& newBitmask) { bitmask = newBitmask; }
 
@@ -173,10 +191,10 @@ private:
     std::atomic<quint32> m_rawRevision{0};
 
     QString label;
-    quint16 startByte = 0;
-    quint16 byteSize = 0;
-    quint16 startBit = 0;
-    quint16 bitSize = 0;
+    quint16 startByte = 0; ///< bytes from the beginning of the image
+    quint16 byteSize = 0;  ///< bytes
+    quint16 startBit = 0;  ///< 0 is the least significant one
+    quint16 bitSize = 0;   ///< 0: all
     tagDataType dataType = TDBT_NOT_SET;
     qint16 priority = 0;
     float minimumValue = 0.0F;
@@ -189,5 +207,5 @@ private:
     HostLinkType hostLink = NOLK;
     quint32 bitmask = 0;
     TagDatabase* relatedTags = nullptr;
-    QMap<QVariant, QString> states;
+    QMap<QVariant, QString> states; ///< texts by value; not changed once other threads know the tag
 };
