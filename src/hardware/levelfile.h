@@ -5,24 +5,33 @@
 /// The file with the level of one GPIO line. It is opened anew for each access; a process that has no descriptor left
 /// for that uses the one that was kept since the start, so that the relay is never the one to go short.
 ///
-/// Accesses may come from any thread once `keep` has returned.
+/// Accesses may come from any thread once `keep` has returned; each is one system call beside those for opening and
+/// closing, always at the start of the file, and waits for nothing but the kernel's driver.
+///
+///     LevelFile drive("/sys/class/gpio/gpio37/value", O_WRONLY);
+///     drive.keep();                                               // behind the export of the line
+///     const bool isOpen = drive.write('0') == LevelFile::Outcome::Done;
 class LevelFile
 {
 public:
+    /// What became of an access. Why it failed is not told.
     enum class Outcome {
         Done,
-        NotOpened,
-        Failed, ///< opened, and then not written or not read
+        NotOpened, ///< not there or not allowed; or no descriptor was left, and none had been kept
+        Failed,    ///< opened, and then not written or not read
     };
 
     /// Nothing is opened yet: the file comes into being when its line is exported.
-    /// @param flags  of each opening: O_RDONLY or O_WRONLY, and what goes with it.
+    /// @param flags  of each opening: O_RDONLY or O_WRONLY, and what goes with it. Child processes never inherit it. A
+    ///               file that is missing is not created unless they say so.
     LevelFile(const QByteArray& path, int flags);
     ~LevelFile();
     LevelFile(const LevelFile&) = delete;
     LevelFile& operator=(const LevelFile&) = delete;
 
-    /// Opens the descriptor for bad times. That it cannot be opened shows at the first access.
+    /// Opens the descriptor for bad times, which the destructor closes. Once. That it cannot be opened shows at the
+    /// first access. It serves only when the process or the system has no descriptor left: a file that cannot be opened
+    /// for any other reason counts as `NotOpened`, whatever was kept.
     void keep();
 
     /// The descriptor for bad times, or -1.
@@ -30,7 +39,8 @@ public:
 
     /// One byte, '0' or '1'. When this returns `Done`, the line has the level.
     Outcome write(char level) const;
-    /// At most `size` bytes; what the file does not have leaves `text` as it is.
+    /// At most `size` bytes; what the file does not have leaves `text` as it is. No zero is put behind them, and how
+    /// many there were is not told: an empty file is `Done`, too. The kernel's file has the level and a line feed.
     Outcome read(char* text, int size) const;
 
 private:
