@@ -70,10 +70,6 @@ QString BuStateToString(int state);
 ///
 /// One per process: it takes the UART, the GPIO lines and fixed ports. The application object exists before it and
 /// outlives it.
-///
-///     QCoreApplication application(argc, argv);
-///     TessaroServer server(nullptr);
-///     return QCoreApplication::exec();
 class TessaroServer : public QObject
 {
     Q_OBJECT

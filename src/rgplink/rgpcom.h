@@ -158,7 +158,8 @@ public slots:
     /// its size. A machine stop while "armed_ru" or "bu_state" holds what is no number is a fatal assertion; a missing
     /// one of them reads as 0.
     void dataFromGLink(quint16 remoteId, quint8 msgId, const QByteArray& data, GLinkTransportBase* const channel);
-    /// The unit has acknowledged the message in flight: its next one goes out. `channel` is not looked at.
+    /// The unit has acknowledged the message in flight, if that has the number `refNr`: its next one goes out.
+    /// `channel` is not looked at.
     void messageSent(quint16 remoteId, quint32 refNr, GLinkTransportBase* channel);
     /// Of the fallback it counts who acknowledged, not whom the transport credits: messageSent would name the unit of
     /// the last send.
@@ -166,7 +167,7 @@ public slots:
 
     /// Hands a message to one unit: out at once if nothing of it is in flight, else queued. For a unit without a link
     /// it is dropped, with all that still waits. Main thread.
-    /// @param data  at most 65535 bytes, which is what a frame can carry.
+    /// @param data  at most 65535 bytes, which is what a frame can carry; more is dropped by the transport.
     void send(quint16 remoteId, quint8 msgId, const QByteArray& data);
     /// The same for every unit that has a connection, by rising id. The bytes are shared and not copied for each.
     void sendToAll(quint8 msgId, const QByteArray& data);
@@ -180,8 +181,8 @@ public slots:
     void receivePeriodicFromEGLink(QByteArray data);
 
     /// Process data from the base controller: passed on to the machine-controller link without its first two bytes,
-    /// with two zero bytes appended. So its size stays the same, and what that link cannot carry (more than 492 bytes)
-    /// is fatal there, if it runs.
+    /// with two zero bytes appended. So its size stays the same, from two bytes on, and what that link cannot carry
+    /// (more than 492 bytes) is fatal there, if it runs.
     void receiveFromService(QByteArray data);
     /// A service message of the base controller for one unit, in a later turn of the event loop. Any thread.
     void recvServiceForward(QByteArray data, quint16 receiverRuId);
