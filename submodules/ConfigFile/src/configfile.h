@@ -17,6 +17,10 @@
 ///
 /// Not thread-safe: an object belongs to the thread that made it. Rewriting replaces the file in one step, so a reader
 /// in another thread or after a power cut finds either the old file or the new one.
+///
+/// The whole table is in memory, and nothing is read again by itself: what others write into the file meanwhile is
+/// unknown here, and lost with the next writeData(), its two header lines apart. Looking up a cell costs little however
+/// many rows there are; keyExists() and setValue() go through all row keys.
 class ConfigFile : public QObject
 {
     Q_OBJECT
