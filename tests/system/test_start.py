@@ -2,7 +2,6 @@
 
 import os
 import re
-import subprocess
 from pathlib import Path
 
 import pytest
@@ -90,21 +89,12 @@ def test_a_restarted_server_finds_the_link_again(running):
     running.wait_for(lambda: running.bc.set(tsaps=6).acked or running.api.tag("TSAPs") == "6")
 
 
-@pytest.fixture(scope="session")
-def slow_connections(tmp_path_factory):
-    library = tmp_path_factory.mktemp("slowconnect") / "slowconnect.so"
-    machine = subprocess.run(["g++", "-print-multiarch"], check=True, capture_output=True, text=True).stdout.strip()
-    headers = Path("/usr/include", machine, "qt5")
-    subprocess.run(["g++", "-std=c++17", "-shared", "-fPIC", "-O1", f"-I{headers}", f"-I{headers}/QtCore", "-o",
-                    str(library), str(Path(__file__).with_name("slowconnect.cpp")), "-ldl"], check=True)
-    return library.read_bytes()
-
-
 @pytest.mark.real_time("a library of its own makes the server slow")
-def test_a_link_that_is_up_before_the_start_is_over_finds_its_receivers(bench, slow_connections):
+def test_a_link_that_is_up_before_the_start_is_over_finds_its_receivers(bench, server_path):
     """The base controller answers at once, and the server takes long to make its connections: the first RESET of the
     link is due long before the last of them. The settings are fetched all the same."""
-    bench.on_board(lambda: Path(SLOW_CONNECTIONS).write_bytes(slow_connections))
+    library = (server_path.parent / "tests" / "slowconnect.so").read_bytes()
+    bench.on_board(lambda: Path(SLOW_CONNECTIONS).write_bytes(library))
     assert bench.bc
     bench.start(env={"LD_PRELOAD": SLOW_CONNECTIONS,
                      "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"})
