@@ -17,40 +17,10 @@
 namespace virtualtime {
 namespace {
 
-/// So many questions in a row, without any wait between them, are a wait in themselves.
-constexpr int SpinningQuestions = 10000;
-
 std::atomic<Page*> sharedPage{nullptr};
 std::atomic<int> attachState{0}; // 0 not yet, 1 under way, 2 done
 
 thread_local int slotOfThread = -1;
-thread_local bool called = false;
-thread_local int questions = 0;
-thread_local sigset_t ownMask;
-thread_local bool ownMaskIsKnown = false;
-
-void onWake(int)
-{
-    called = true;
-}
-
-/// One less runs or will.
-void lessRunning(Page& shared)
-{
-    static const auto real = reinterpret_cast<decltype(&::syscall)>(following("syscall"));
-    if (--shared.running == 0 && shared.conductorWaits) {
-        real(SYS_futex, &shared.running, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
-    }
-}
-
-void changeMask(int how, int signal)
-{
-    sigset_t one;
-    sigemptyset(&one);
-    sigaddset(&one, signal);
-    static const auto real = reinterpret_cast<decltype(&::pthread_sigmask)>(following("pthread_sigmask"));
-    real(how, &one, nullptr);
-}
 
 Page* map(const char* path)
 {
@@ -77,7 +47,7 @@ void attach()
     unsetenv(PageVariable);
     unsetenv("LD_PRELOAD");
     struct sigaction action = {};
-    action.sa_handler = onWake;
+    action.sa_handler = noteCall;
     sigfillset(&action.sa_mask);
     sigaction(found->wakeSignal, &action, nullptr);
     changeMask(SIG_BLOCK, found->wakeSignal);
@@ -146,6 +116,23 @@ std::int64_t deadlineAt(clockid_t clock, const timespec& time)
 bool isOver(std::int64_t deadline)
 {
     return page()->now >= deadline;
+}
+
+void changeMask(int how, int signal)
+{
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, signal);
+    static const auto real = reinterpret_cast<decltype(&::pthread_sigmask)>(following("pthread_sigmask"));
+    real(how, &one, nullptr);
+}
+
+void lessRunning(Page& shared)
+{
+    static const auto real = reinterpret_cast<decltype(&::syscall)>(following("syscall"));
+    if (--shared.running == 0 && shared.conductorWaits) {
+        real(SYS_futex, &shared.running, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    }
 }
 
 int reserveSlot()
@@ -219,139 +206,6 @@ void callWaitersOn(const void* word)
             callThread(slot, state);
         } else if (doing(state) == Running) {
             slot.state.compare_exchange_strong(state, state | Called); // it does not lie down then
-        }
-    }
-}
-
-Wait::Wait(Doing what, std::int64_t deadline, int joinedSlot)
-    : m_slot(slotOfThread)
-{
-    if (m_slot >= 0) {
-        Slot& slot = page()->slots[m_slot];
-        slot.word = 0;
-        slot.joins = joinedSlot + 1;
-        begin(deadline);
-        slot.state = nextTurn(slot.state, what);
-        lessRunning(*page());
-    }
-}
-
-Wait::Wait(std::int64_t deadline, const std::uint32_t* word, std::uint32_t expected)
-    : m_slot(slotOfThread)
-{
-    if (m_slot < 0) {
-        return;
-    }
-    Slot& slot = page()->slots[m_slot];
-    std::uint32_t state = slot.state & ~Called;
-    slot.state = state;
-    slot.word = reinterpret_cast<std::uint64_t>(word); // from here on a waker sees this thread, or this thread the wake
-    slot.joins = 0;
-    begin(deadline);
-    if (__atomic_load_n(word, __ATOMIC_SEQ_CST) == expected &&
-        slot.state.compare_exchange_strong(state, nextTurn(state, Waiting))) {
-        lessRunning(*page());
-    } else {
-        slot.word = 0;
-        slot.state = state & ~Called;
-        m_slot = -1;
-        m_refused = true;
-    }
-}
-
-void Wait::begin(std::int64_t deadline)
-{
-    called = false;
-    restsNow();
-    page()->slots[m_slot].deadline = deadline;
-}
-
-Wait::~Wait()
-{
-    if (m_slot < 0) {
-        return;
-    }
-    Slot& slot = page()->slots[m_slot];
-    slot.word = 0;
-    const std::uint32_t old = slot.state.exchange(nextTurn(slot.state, Running));
-    if (!(old & Called)) {
-        ++page()->running;
-    }
-}
-
-void Wait::hide(bool hidden)
-{
-    if (slotOfThread >= 0) {
-        page()->slots[slotOfThread].hidden = hidden;
-    }
-}
-
-bool Wait::wasCalled()
-{
-    return called;
-}
-
-bool spins()
-{
-    if (++questions < SpinningQuestions) {
-        return false;
-    }
-    questions = 0;
-    return true;
-}
-
-void restsNow()
-{
-    questions = 0;
-}
-
-sigset_t waitMask(const sigset_t* wanted)
-{
-    if (!wanted && !ownMaskIsKnown) {
-        pthread_sigmask(SIG_SETMASK, nullptr, &ownMask);
-        ownMaskIsKnown = true;
-    }
-    sigset_t mask = wanted ? *wanted : ownMask;
-    sigdelset(&mask, page()->wakeSignal);
-    return mask;
-}
-
-void forgetMask()
-{
-    ownMaskIsKnown = false;
-}
-
-bool sleepUntil(std::int64_t deadline)
-{
-    static const auto real = reinterpret_cast<decltype(&::ppoll)>(following("ppoll"));
-    const sigset_t mask = waitMask(nullptr);
-    while (!isOver(deadline)) {
-        const Wait wait(Waiting, deadline);
-        real(nullptr, 0, nullptr, &mask);
-        if (!Wait::wasCalled()) {
-            return false;
-        }
-    }
-    return true;
-}
-
-int waitOnFutex(std::uint32_t* word, int operation, std::uint32_t expected, std::int64_t deadline, std::uint32_t bits)
-{
-    static const auto real = reinterpret_cast<decltype(&::syscall)>(following("syscall"));
-    for (;;) {
-        if (isOver(deadline)) {
-            return __atomic_load_n(word, __ATOMIC_SEQ_CST) == expected ? -ETIMEDOUT : -EAGAIN;
-        }
-        const Wait wait(deadline, word, expected);
-        if (wait.refused()) {
-            return -EAGAIN;
-        }
-        changeMask(SIG_UNBLOCK, page()->wakeSignal);
-        const long result = real(SYS_futex, word, operation, expected, nullptr, nullptr, bits);
-        const int error = result < 0 ? errno : 0;
-        changeMask(SIG_BLOCK, page()->wakeSignal);
-        if (error != EINTR || !Wait::wasCalled()) {
-            return -error;
         }
     }
 }

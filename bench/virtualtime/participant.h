@@ -42,6 +42,15 @@ int ownSlot();
 /// Of a thread that rests, in a state that was just seen: it will run. Nothing happens if it has gone on meanwhile.
 void callThread(Slot& slot, std::uint32_t state);
 
+/// One less runs or will: the conductor is told when that was the last one.
+void lessRunning(Page& shared);
+
+/// Blocks or unblocks one signal for this thread.
+void changeMask(int how, int signal);
+
+/// The handler of the conductor's signal, see `Wait::wasCalled`.
+void noteCall(int signal);
+
 /// Calls all who wait, or are about to wait, on this futex. All of them have to be woken then.
 void callWaitersOn(const void* word);
 

@@ -45,13 +45,13 @@ void EgLinkWorld::check(EGLinkState before, const QString& choice)
     const EGLinkState now = m_machine->currentState();
     const EGLinkState told = now == LINK_ERROR_INITIAL ? LINK_ERROR : now;
     if (m_reported != told) {
-        m_violation = QStringLiteral("the outside was told %1 of state %2").arg(m_reported).arg(now);
+        violate(QStringLiteral("the outside was told %1 of state %2").arg(m_reported).arg(now));
     } else if (choice == "DISABLE" && now != NOT_CONFIGURED) {
-        m_violation = QStringLiteral("disabled, and in state %1").arg(now);
+        violate(QStringLiteral("disabled, and in state %1").arg(now));
     } else if (choice == "5s" && now == LINK_ERROR) {
-        m_violation = QStringLiteral("in error for longer than its time");
+        violate(QStringLiteral("in error for longer than its time"));
     } else if (before == NOT_CONFIGURED && now != NOT_CONFIGURED && choice != "CONFIGURE") {
-        m_violation = QStringLiteral("not configured, and yet in state %1").arg(now);
+        violate(QStringLiteral("not configured, and yet in state %1").arg(now));
     }
 }
 
@@ -62,7 +62,7 @@ void EgLinkWorld::finish()
     m_machine->receiveEvent(PERIODIC_DATA);
     m_time.advance(5000ms);
     if (m_machine->currentState() != OPERATIONAL) {
-        m_violation = QStringLiteral("stays in state %1").arg(m_machine->currentState());
+        violate(QStringLiteral("stays in state %1").arg(m_machine->currentState()));
     }
 }
 

@@ -15,7 +15,6 @@ public:
     QStringList choices() const override;
     void perform(const QString& choice) override;
     QByteArray state() const override;
-    QString violation() const override { return m_violation; }
     void finish() override;
 
 private:
@@ -24,5 +23,4 @@ private:
     VirtualTime& m_time;
     QScopedPointer<StateMachine> m_machine;
     int m_reported = NOT_CONFIGURED;
-    QString m_violation;
 };

@@ -42,7 +42,6 @@ public:
     QStringList choices() const override;
     void perform(const QString& choice) override;
     QByteArray state() const override;
-    QString violation() const override { return m_violation; }
     void finish() override;
 
 private:
@@ -91,7 +90,6 @@ private:
     void checkUnit(const LinkUnit& unit);
     void checkEnd();
     bool isServed(const LinkUnit& unit) const;
-    void violate(const QString& text);
 
     VirtualTime& m_time;
     TagDatabase m_tags;
@@ -110,5 +108,4 @@ private:
     int m_stops = 0;
     int m_stopsHeard = 0;
     int m_mark = 0;
-    QString m_violation;
 };

@@ -15,13 +15,6 @@ bool LinkWorld::isServed(const LinkUnit& unit) const
     return connection != nullptr && connection->activeLinkType() != GLinkConnection::NONE;
 }
 
-void LinkWorld::violate(const QString& text)
-{
-    if (m_violation.isEmpty()) {
-        m_violation = text;
-    }
-}
-
 /// Whom the base unit has on the fallback, it cannot reach while the internal link is silent: nor a unit whose INIT
 /// over the fallback took so long that its INIT over TCP was there first.
 bool LinkWorld::isDisturbed(const LinkUnit& unit) const

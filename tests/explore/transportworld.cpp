@@ -161,13 +161,6 @@ void TransportWorld::linkFailed()
     m_waiting.clear();
 }
 
-void TransportWorld::violate(const QString& text)
-{
-    if (m_violation.isEmpty()) {
-        m_violation = text;
-    }
-}
-
 void TransportWorld::finish()
 {
     m_isMute = m_losesFrame = m_losesAck = false;

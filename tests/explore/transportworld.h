@@ -28,7 +28,6 @@ public:
     QStringList choices() const override;
     void perform(const QString& choice) override;
     QByteArray state() const override;
-    QString violation() const override { return m_violation; }
     void finish() override;
 
 private:
@@ -44,7 +43,6 @@ private:
     void acknowledge(const QByteArray& frame);
     void linkFailed();
     void resetAcknowledged();
-    void violate(const QString& text);
 
     VirtualTime& m_time;
     QScopedPointer<TransportLayer> m_layer;
@@ -58,5 +56,4 @@ private:
     bool m_losesAck = false;
     bool m_isMute = false;
     bool m_isFinishing = false;
-    QString m_violation;
 };

@@ -168,6 +168,13 @@ int tellViolation(Search& search, const QStringList& found, const QString& comma
 
 } // namespace
 
+void World::violate(const QString& text)
+{
+    if (m_violation.isEmpty()) {
+        m_violation = text;
+    }
+}
+
 ExploreOptions exploreOptions(const QStringList& arguments)
 {
     ExploreOptions options;

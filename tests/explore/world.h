@@ -23,9 +23,16 @@ public:
     /// Everything on which the future depends. Worlds with equal states need not both be looked into.
     virtual QByteArray state() const = 0;
     /// What should never have happened, or nothing.
-    virtual QString violation() const = 0;
+    QString violation() const { return m_violation; }
     /// The world turns benign; afterwards violation() also tells what does not come right again. Once.
     virtual void finish() = 0;
+
+protected:
+    /// The first violation stands: what follows may follow from it.
+    void violate(const QString& text);
+
+private:
+    QString m_violation;
 };
 
 using WorldMaker = std::function<std::unique_ptr<World>()>;
