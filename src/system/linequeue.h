@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 /// Lines on their way from any number of threads to the one that writes them: a ring of fixed size without a lock, so
@@ -12,7 +13,8 @@
 /// Each slot carries a number that tells whose turn it is: equal to the position of the next line that may be put
 /// there, or one more once the line is there. Adding threads take positions in order, which is the order of the lines.
 ///
-/// Positions are counted on from 0, and position p belongs to the slot p modulo the capacity:
+/// Positions are counted on from 0, over the largest number back to 0, and position p belongs to the slot p modulo the
+/// capacity:
 ///
 /// | turn of the slot | its state                       | who acts next                                      |
 /// |------------------|---------------------------------|----------------------------------------------------|
@@ -35,16 +37,25 @@
 class LineQueue
 {
 public:
+    /// Of a line among all that have ever been added. At a hundred lines a second it begins anew after 500 days.
+    using Position = std::uint32_t;
+
+    /// Which of two positions comes first, as long as less than half of all numbers lie between them.
+    static constexpr bool isBefore(Position one, Position other) { return static_cast<std::int32_t>(one - other) < 0; }
+
     /// Takes all the memory of the ring at once; the texts bring their own. They are bounded in number and not in size:
     /// who adds long ones counts bytes beside this.
     /// @param capacity  a power of two, and at least 2: with a single slot "holds the line of p" and "is free for
     ///                  p + 1" would be the same number. Not checked.
-    explicit LineQueue(std::size_t capacity)
+    /// @param first     of the first line; another one than 0 is as if so many had been added and taken before.
+    explicit LineQueue(Position capacity, Position first = 0)
         : m_slots(new Slot[capacity])
         , m_mask(capacity - 1)
+        , m_end(first)
+        , m_begin(first)
     {
-        for (std::size_t i = 0; i < capacity; ++i) {
-            m_slots[i].turn.store(i, std::memory_order_relaxed);
+        for (Position position = first; position != first + capacity; ++position) {
+            m_slots[position & m_mask].turn.store(position, std::memory_order_relaxed);
         }
     }
 
@@ -60,10 +71,10 @@ public:
     /// @return false, with `line` untouched, when there is no room.
     bool push(Line& line)
     {
-        std::size_t position = m_end.load(std::memory_order_relaxed);
+        Position position = m_end.load(std::memory_order_relaxed);
         while (true) {
             Slot& slot = m_slots[position & m_mask];
-            const std::size_t turn = slot.turn.load(std::memory_order_acquire);
+            const Position turn = slot.turn.load(std::memory_order_acquire);
             if (turn == position) {
                 // Won: from here on the slot is this thread's alone. Lost: `position` has been read anew.
                 if (m_end.compare_exchange_weak(position, position + 1, std::memory_order_relaxed)) {
@@ -71,7 +82,7 @@ public:
                     slot.turn.store(position + 1, std::memory_order_release);
                     return true;
                 }
-            } else if (turn < position) {
+            } else if (isBefore(turn, position)) {
                 return false; // the line of the round before is still there
             } else {
                 position = m_end.load(std::memory_order_relaxed); // another thread was faster
@@ -100,16 +111,16 @@ public:
 
     /// How many lines have been added so far, those included that are being added just now, and those that have been
     /// taken since. Refused ones do not count. Any thread.
-    std::size_t added() const { return m_end.load(std::memory_order_acquire); }
+    Position added() const { return m_end.load(std::memory_order_acquire); }
 
 private:
     struct Slot
     {
-        std::atomic<std::size_t> turn{0}; ///< as in the table; its store publishes the line, or the empty place
-        Line line;                        ///< of the thread whose turn it is
+        std::atomic<Position> turn{0}; ///< as in the table; its store publishes the line, or the empty place
+        Line line;                     ///< of the thread whose turn it is
     };
     const std::unique_ptr<Slot[]> m_slots;
-    const std::size_t m_mask;          ///< capacity - 1: picks the slot out of a position
-    std::atomic<std::size_t> m_end{0}; ///< position that the next adding thread may win
-    std::size_t m_begin = 0;           ///< position of the next line to take; the taking thread's own
+    const Position m_mask;       ///< capacity - 1: picks the slot out of a position
+    std::atomic<Position> m_end; ///< position that the next adding thread may win
+    Position m_begin;            ///< position of the next line to take; the taking thread's own
 };

@@ -197,9 +197,9 @@ void LogWriter::add(QByteArray line)
 
 bool LogWriter::flush(std::chrono::milliseconds bound)
 {
-    const std::size_t wanted = m_queue.added();
+    const LineQueue::Position wanted = m_queue.added();
     const QDeadlineTimer deadline(bound);
-    while (m_written < wanted) {
+    while (LineQueue::isBefore(m_written, wanted)) {
         if (deadline.hasExpired()) {
             return false;
         }

@@ -31,7 +31,7 @@ class LogWriter
 public:
     /// What waits at most. The second bound is for datagrams of local programs, which are logged whole. A line that
     /// would exceed either is the one that is lost: what waits already stands. A power of two, for the queue's sake.
-    static constexpr std::size_t MaxLines = 8192;
+    static constexpr LineQueue::Position MaxLines = 8192;
     static constexpr std::size_t MaxBytes = 2 * 1024 * 1024;
     /// What the end of the process, an abnormal one included, waits for the lines that are still queued. A fatal
     /// assertion opens the relay only behind this wait, which is why it is short.
@@ -89,13 +89,13 @@ private:
 
     const int m_descriptor; ///< not owned
     LineQueue m_queue{MaxLines};
-    std::atomic<std::size_t> m_queuedBytes{0}; ///< of the texts in the queue, and of those that just try to get in
-    std::atomic<std::size_t> m_lost{0};        ///< refused since the last line that was queued
-    std::atomic<std::size_t> m_written{0};     ///< of the queue's lines
-    std::atomic<bool> m_isAsleep{false};       ///< who changes it to false wakes the writing thread, or is that thread
-    std::atomic<bool> m_isEnding{false};       ///< the thread ends when it finds nothing left to write
-    QSemaphore m_wake;                         ///< what the writing thread sleeps on
-    QByteArray m_batch;                        ///< lines that are written with one system call; the writing thread's
-    std::size_t m_batchLines = 0;              ///< of the queue
+    std::atomic<std::size_t> m_queuedBytes{0};     ///< of the texts in the queue, and of those that just try to get in
+    std::atomic<std::size_t> m_lost{0};            ///< refused since the last line that was queued
+    std::atomic<LineQueue::Position> m_written{0}; ///< of the first line that is not written yet
+    std::atomic<bool> m_isAsleep{false};  ///< who changes it to false wakes the writing thread, or is that thread
+    std::atomic<bool> m_isEnding{false};  ///< the thread ends when it finds nothing left to write
+    QSemaphore m_wake;                    ///< what the writing thread sleeps on
+    QByteArray m_batch;                   ///< lines that are written with one system call; the writing thread's
+    LineQueue::Position m_batchLines = 0; ///< in it
     Thread m_thread{*this};
 };
