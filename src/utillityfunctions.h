@@ -6,7 +6,6 @@
 //
 // `bigEndian` true means that the first byte of the array is the most significant one, false that it is the least
 // significant one. Appenders exist in little-endian form only: no protocol of the base unit sends big-endian integers.
-
 //
 //     appendUint16(data, 0x1234);      // 34 12 behind what `data` holds
 //     toUint16(data, false);           // 0x1234 when these two bytes are the first ones

@@ -161,7 +161,6 @@ private:
     void adoptDescriptor();
     void connectToPeer();
     void setSocketOptions();
-    void stopSupervision();
     void abortSocket();
     void hearTheRest();
     void disconnectFromPeer();
