@@ -54,6 +54,10 @@ LevelFile::Outcome LevelFile::with(Access access) const
 
 LevelFile::Outcome LevelFile::write(char level) const
 {
+    if (level == SafeLevel && m_kept >= 0) {
+        // Opening needs memory of the kernel, and where that is used up it waits. The safe level does not.
+        static_cast<void>(pwrite(m_kept, &level, 1, 0) == 1);
+    }
     return with([level](int file) { return pwrite(file, &level, 1, 0) == 1; });
 }
 

@@ -3,7 +3,8 @@
 #include <QByteArray>
 
 /// The file with the level of one GPIO line. It is opened anew for each access; a process that has no descriptor left
-/// for that uses the one that was kept since the start, so that the relay is never the one to go short.
+/// for that uses the one that was kept since the start, so that the relay is never the one to go short. The safe level
+/// goes out through the kept one first: opening may have to wait for memory.
 ///
 /// Accesses may come from any thread once `keep` has returned; each is one system call beside those for opening and
 /// closing, always at the start of the file, and waits for nothing but the kernel's driver.
@@ -14,6 +15,9 @@
 class LevelFile
 {
 public:
+    /// Of the drive line: the coil without current, the relay open.
+    static constexpr char SafeLevel = '0';
+
     /// What became of an access. Why it failed is not told.
     enum class Outcome {
         Done,
@@ -38,6 +42,7 @@ public:
     int kept() const { return m_kept; }
 
     /// One byte, '0' or '1'. When this returns `Done`, the line has the level.
+    /// Whatever becomes of that, SafeLevel has then been written through the kept descriptor, if there is one.
     Outcome write(char level) const;
     /// At most `size` bytes; what the file does not have leaves `text` as it is. No zero is put behind them, and how
     /// many there were is not told: an empty file is `Done`, too. The kernel's file has the level and a line feed.

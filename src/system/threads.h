@@ -50,11 +50,13 @@ constexpr Claim claimOf(Role role)
     return {0, 0, {}};
 }
 
-/// Gives the calling thread what its role asks for. Threads and processes that it starts do not inherit it.
+/// Gives the calling thread what its role asks for, and a thread that relay or hub depend on some memory in reserve, on
+/// its stack and on its heap. Threads and processes that it starts do not inherit its priority.
 /// @return false where the system does not allow its priority. A slice needs no right.
 bool claimPriority(Role role);
 
-/// Keeps in memory what the process has touched so far and what it will touch, and all code on the ways to the relay.
+/// Keeps in memory what the process has touched so far and what it will touch, and all code on the ways to the relay
+/// with its data.
 /// @return false where the system does not allow it.
 bool lockMemory();
 

@@ -6,6 +6,9 @@
 #include <QThread>
 #include <QtTest>
 
+#include <array>
+#include <cstddef>
+#include <memory>
 #include <thread>
 
 #include <sched.h>
@@ -77,6 +80,34 @@ QString standingOfNewThread()
     return standing;
 }
 
+/// How often this thread had to wait for a page.
+long faultsOfThisThread()
+{
+    rusage usage = {};
+    getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_minflt + usage.ru_majflt;
+}
+
+constexpr std::size_t PageBytes = 4096;
+constexpr std::size_t Needed = 48 * 1024;
+
+__attribute__((noinline)) void needStack()
+{
+    std::array<char, Needed> needed;
+    for (std::size_t i = 0; i < Needed; i += PageBytes) {
+        static_cast<volatile char*>(needed.data())[i] = 0;
+    }
+}
+
+void needHeap()
+{
+    std::array<std::unique_ptr<char[]>, Needed / PageBytes> needed;
+    for (auto& page : needed) {
+        page.reset(new char[PageBytes]);
+        *const_cast<volatile char*>(page.get()) = 0;
+    }
+}
+
 } // namespace
 
 class TestThreads : public QObject
@@ -90,6 +121,8 @@ private slots:
     void aClaimIsGrantedWhereTheSystemAllowsIt();
     void aClaimThatIsRefusedChangesNothing();
     void memoryIsLockedWhereTheSystemAllowsIt();
+    void theRelaysThreadsHaveMemoryInReserve_data();
+    void theRelaysThreadsHaveMemoryInReserve();
 };
 
 void TestThreads::aThreadHasItsNameAndASmallStack()
@@ -175,6 +208,35 @@ void TestThreads::memoryIsLockedWhereTheSystemAllowsIt()
         qDebug() << isOpen << (isLocked != showsNone);
     });
     QCOMPARE(outcome.log, QStringLiteral("true true\n"));
+}
+
+void TestThreads::theRelaysThreadsHaveMemoryInReserve_data()
+{
+    QTest::addColumn<int>("role");
+    QTest::newRow("relay") << static_cast<int>(Threads::Role::Relay);
+    QTest::newRow("reader") << static_cast<int>(Threads::Role::UartReader);
+    QTest::newRow("service layer") << static_cast<int>(Threads::Role::ServiceLayer);
+    QTest::newRow("hub") << static_cast<int>(Threads::Role::Hub);
+}
+
+/// In the reserve of its own heap and stack, a thread waits for no page.
+void TestThreads::theRelaysThreadsHaveMemoryInReserve()
+{
+    QFETCH(int, role);
+    long faults = -1;
+    std::thread thread([&faults, role] {
+        Threads::claimPriority(static_cast<Threads::Role>(role));
+        const long before = faultsOfThisThread();
+        needStack();
+        needHeap();
+        faults = faultsOfThisThread() - before;
+    });
+    thread.join();
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__clang__)
+    QVERIFY(faults >= 0); // sanitizers have an allocator of their own, and a memory beside the memory
+#else
+    QCOMPARE(faults, 0L);
+#endif
 }
 
 QTEST_GUILESS_MAIN(TestThreads)
