@@ -3,6 +3,7 @@
 #include "tessaroserver.h"
 
 #include <QCoreApplication>
+#include <QDir>
 
 namespace {
 
@@ -22,6 +23,9 @@ void prepareEnvironment()
 int runServer(int argc, char* argv[])
 {
     QCoreApplication application(argc, argv);
+    // Where a core dump may land. Set here, as the service manager would have to enter the folder also for what opens the
+    // relay after our end, and the disk may hang.
+    QDir::setCurrent(QCoreApplication::applicationDirPath());
     TerminationSignals terminationSignals;
     QObject::connect(&terminationSignals, &TerminationSignals::terminationRequested, &application,
                      &QCoreApplication::quit);

@@ -14,11 +14,14 @@ import pytest
 import servicemanager
 from conftest import clean_root
 from servicemanager import UNIT, ServiceManager
+from tessarobench import stallingdisk
 from tessarobench.installation import IDENTITY, Installation
 
 APPLICATIONS = "home/root/Applications"
 DOC = "usr/share/doc/tessaroserver"
 OPEN_SECONDS = 2.0  # from the end of the process, on a busy computer; the times are printed
+# The service manager's: a server that gives no sign of life, and then does not end however it is told to.
+HELD_SECONDS = 2.0 + 0.5 + 3.0
 MARGIN_BYTES, CONNECTIONS = 1 << 20, 200
 
 
@@ -32,11 +35,23 @@ def managed(request, tmp_path_factory):
         root.run("cp", "-a", f"/{DOC}/examples/.", f"/{APPLICATIONS}/")
         root.run("systemctl", "disable", UNIT)
         bench.applications = root / APPLICATIONS
+        bench.disk = mounted_disk(bench)
         bench.manager = ServiceManager(bench, root.path)
         try:
             yield bench
         finally:
             bench.manager.close()
+            if bench.disk:
+                bench.on_board(bench.disk.unmount)
+
+
+def mounted_disk(bench):
+    """The one on which the server's folder lies; None where there can be none that stalls."""
+    if not stallingdisk.available():
+        return None
+    disk = stallingdisk.StallingDisk(str(bench.applications))
+    bench.on_board(disk.mount, str(bench.applications))
+    return disk
 
 
 @pytest.fixture
@@ -100,6 +115,26 @@ def test_a_server_that_hangs_is_ended_by_the_watchdog(closed):
     mark, began = end_by(closed, signal.SIGSTOP)
     taken = opened_after(closed, mark, began, f"SIGSTOP, a hang, with a watchdog of {limit:g} s", limit + 10)
     assert taken < limit + OPEN_SECONDS
+
+
+@pytest.mark.parametrize("held, limit", [(False, OPEN_SECONDS), (True, HELD_SECONDS + OPEN_SECONDS)],
+                         ids=["nobody waits for the disk", "a thread waits for the disk"])
+def test_a_disk_that_hangs_keeps_nobody_from_opening_the_relay(closed, held, limit):
+    """The server's own folder does not answer when the server is killed. A thread that waits there does not even die."""
+    if not closed.disk:
+        pytest.skip("NOT TESTED: a server that is killed while its disk hangs. It needs /dev/fuse")
+    closed.disk.stall(stallingdisk.HANG)
+    try:
+        if held:
+            closed.api.send(b"CCHANGE")
+            closed.wait_for(lambda: closed.disk.hung > 0, 5, "the server waits for its disk", poll=0.05)
+        mark, began = end_by(closed, signal.SIGKILL)
+        case = f"SIGKILL while the disk hangs, {'and a thread waits for it' if held else 'and nobody waits for it'}"
+        assert opened_after(closed, mark, began, case, 30) < limit
+    finally:
+        closed.disk.recover()
+    closed.wait_for(lambda: closed.journal.select("gpio", "<", "drive", since=mark, value="1"), 60,
+                    "the server is started again, and takes charge")
 
 
 def note_end(bench, process):
