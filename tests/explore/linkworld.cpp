@@ -17,7 +17,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr quint16 Identity = 0x0405;
-constexpr quint16 ArmedUnit = 21;
 constexpr int LongMessage = 300; ///< more than one block over the fallback
 
 QByteArray initFrameOf(quint16 id)

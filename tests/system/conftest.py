@@ -39,6 +39,13 @@ def server_path(request):
     return path
 
 
+@pytest.fixture(scope="session")
+def sanitized(server_path):
+    """Whether it was built with the address or the thread sanitizer."""
+    program = server_path.read_bytes()
+    return b"__asan_init" in program or b"__tsan_init" in program
+
+
 def unsuitable(config):
     """Why there can be no virtual time; empty when there can."""
     try:
