@@ -86,9 +86,9 @@ void TestServiceLayer::init()
     m_hub = std::make_unique<RGPCom>(m_tags.get(), m_configuration->store(), nullptr);
     m_thread = std::make_unique<QThread>();
     m_layer = new ServiceLayer(m_hub.get(), m_configuration->store(), m_tags.get(), nullptr);
-    m_thread->start(QThread::InheritPriority);
     m_layer->moveToThread(m_thread.get());
     connect(m_thread.get(), &QThread::finished, m_layer.data(), &QObject::deleteLater);
+    m_thread->start(QThread::InheritPriority);
     QVERIFY(QMetaObject::invokeMethod(m_layer.data(), "initialize", Qt::BlockingQueuedConnection));
     m_sent.clear();
     m_received.clear();

@@ -548,8 +548,8 @@ void TestTag::writersInTwoThreadsLoseNoChange()
     constexpr int Rounds = 5000;
     const quint32 before = tag.rawRevision();
     const auto write = [&tag](char mark) {
-        QByteArray bytes(4, mark);
         for (int i = 0; i < Rounds; ++i) {
+            QByteArray bytes(4, mark); // each its own: none is changed that the tag has had
             bytes[0] = static_cast<char>(i);
             bytes[1] = static_cast<char>(i >> 8);
             tag.setValue(bytes);
