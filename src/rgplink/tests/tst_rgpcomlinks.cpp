@@ -245,6 +245,7 @@ void TestRGPComLinks::commandsGoBothWaysOverTcp()
     other.write(initFrame(OtherUnit));
     VERIFY_EVENTUALLY(commands.count() == 1);
     QCOMPARE(commands.at(0).at(0).toByteArray(), QByteArray("from 5"));
+    VERIFY_EVENTUALLY(unit.received.count(InitAck) == 1); // before that it has no link
     VERIFY_EVENTUALLY(other.received.count(InitAck) == 1);
 
     m_plant->hub->sendCmd("to all");
@@ -540,6 +541,7 @@ void TestRGPComLinks::serviceMessagesGoBothWays()
     unit.write(initFrame(Unit) + gLinkFrame(Forward, "question"));
     VERIFY_EVENTUALLY(toController.size() == 1);
     QCOMPARE(toController.first(), QByteArray::fromHex("0500") + "question");
+    VERIFY_EVENTUALLY(unit.received.count(InitAck) == 1); // before that it has no link
 
     const auto answer = [service] {
         service->readData(QByteArray::fromHex("0500") + "answer", Internal, MSG_CLASS_TRANSP_ACK);

@@ -163,9 +163,9 @@ void Workshop::whenReady(const std::shared_future<ApplicationChecksumList>& list
             if (receiver) {
                 onReady(list.get());
             }
+            messenger->deleteLater(); // not before: its deletion must not overtake the report
         };
         QMetaObject::invokeMethod(messenger, report, Qt::QueuedConnection);
-        messenger->deleteLater();
     });
 }
 
