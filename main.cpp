@@ -23,8 +23,8 @@ void prepareEnvironment()
 int runServer(int argc, char* argv[])
 {
     QCoreApplication application(argc, argv);
-    // Where a core dump may land. Set here, as the service manager would have to enter the folder also for what opens the
-    // relay after our end, and the disk may hang.
+    // Where a core dump may land. Set here, as the service manager would have to enter the folder also for what opens
+    // the relay after our end, and the disk may hang.
     QDir::setCurrent(QCoreApplication::applicationDirPath());
     TerminationSignals terminationSignals;
     QObject::connect(&terminationSignals, &TerminationSignals::terminationRequested, &application,
