@@ -34,8 +34,9 @@ public:
     LevelFile& operator=(const LevelFile&) = delete;
 
     /// Opens the descriptor for bad times, which the destructor closes. Once. That it cannot be opened shows at the
-    /// first access. It serves only when the process or the system has no descriptor left: a file that cannot be opened
-    /// for any other reason counts as `NotOpened`, whatever was kept.
+    /// first access. It carries the safe level ahead of every opening, and stands in for an opening when the process or
+    /// the system has no descriptor left: a file that cannot be opened for any other reason counts as `NotOpened`,
+    /// whatever was kept.
     void keep();
 
     /// The descriptor for bad times, or -1.
