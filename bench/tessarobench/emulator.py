@@ -94,7 +94,10 @@ class Uart:
             self._drop_peer()
 
     def _from_peer(self) -> None:
-        data = self._peer.recv(65536)
+        try:
+            data = self._peer.recv(65536)
+        except ConnectionResetError:  # the peer went before it had read all that the board sent
+            data = b""
         if not data:
             self._drop_peer()
             return
