@@ -134,11 +134,14 @@ void RGPCom::connectFallback(GfallbackServiceC* gFallback)
     connect(link, &GLinkTransportFallback::newConnection, gFallback, &GfallbackServiceC::reset, queued);
     connect(link, &GLinkTransportFallback::dataToServiceLayer, gFallback, &GfallbackServiceC::fallbackTxInTurn, queued);
     connect(link, &GLinkTransportFallback::withdrawn, gFallback, &GfallbackServiceC::withdraw, queued);
+    connect(link, &GLinkTransportFallback::givenBack, this, &RGPCom::takeBackFromFallback, queued);
+    m_isFallbackServed = true;
     inThreadOf(gFallback, [gFallback, owner = m_fallbackOwner] {
         const auto toLink = Qt::QueuedConnection;
         connect(gFallback, &GfallbackServiceC::fallbackRx, owner.get(), &GLinkTransportFallback::dataFromServiceLayer,
                 toLink);
         connect(gFallback, &GfallbackServiceC::linkFailed, owner.get(), &GLinkTransportFallback::linkDown, toLink);
+        connect(gFallback, &GfallbackServiceC::givenBack, owner.get(), &GLinkTransportFallback::givenBack, toLink);
     });
 }
 
@@ -207,6 +210,7 @@ void RGPCom::addGLink(quint16 remoteId, GLinkTransportTcp* gLink)
 void RGPCom::insertConnection(quint16 remoteId, GLinkConnection* connection)
 {
     connect(connection, &GLinkConnection::connectionLost, this, &RGPCom::deleteConnection);
+    connection->setTakesBack(m_isFallbackServed);
     m_connection.insert(remoteId, connection);
     showConnectionCount();
 }
@@ -264,14 +268,21 @@ void RGPCom::removeFallbackLink(quint16 remoteId)
     withdrawFromFallback(connection);
 }
 
-/// A unit on TCP does not get late what the base controller has not asked for yet. Behind all that was sent to it over
-/// the fallback.
+/// A unit on TCP does not get late what the base controller has not asked for yet, but first, and there. Asked behind
+/// all that was sent to it over the fallback.
 void RGPCom::withdrawFromFallback(const GLinkConnection* connection)
 {
     if (m_gFallbackLink != nullptr && connection->activeLinkType() == GLinkConnection::TCP) {
         GLinkTransportFallback* const link = m_gFallbackLink;
         QMetaObject::invokeMethod(
             link, [link, remoteId = connection->peerId()] { link->withdraw(remoteId); }, Qt::QueuedConnection);
+    }
+}
+
+void RGPCom::takeBackFromFallback(quint16 remoteId, const QByteArrayList& frames)
+{
+    if (GLinkConnection* const connection = m_connection.value(remoteId)) {
+        connection->takeBack(frames);
     }
 }
 

@@ -241,6 +241,7 @@ private:
 
     void insertConnection(quint16 remoteId, GLinkConnection* connection);
     void withdrawFromFallback(const GLinkConnection* connection);
+    void takeBackFromFallback(quint16 remoteId, const QByteArrayList& frames);
     void handleMachineStop(quint16 remoteId);
     bool belongsHere(const GLinkInitMsg& init) const;
     bool mustAwaitChecksums(const GLinkInitMsg& init);
@@ -255,6 +256,7 @@ private:
     GLinkTransportFallback* m_gFallbackLink = nullptr;
     /// Keeps m_gFallbackLink. Shared with the order to connect the services to it, which their thread carries out.
     std::shared_ptr<GLinkTransportFallback> m_fallbackOwner;
+    bool m_isFallbackServed = false;              ///< there is a service that gives back what is withdrawn
     QMap<quint16, GLinkConnection*> m_connection; ///< by remote id; owned
     TagDatabase* const m_tagDatabase;             ///< not owned; may be null
     GLinkServer* m_gLinkServer = nullptr;         ///< owned; from initialize() on

@@ -38,8 +38,9 @@ std::vector<NamedWorld> worlds(VirtualTime& time)
     return {
         {"eglink", [&time] { return std::make_unique<EgLinkWorld>(time); }, 0.05, 100},
         {"transport", [&time] { return std::make_unique<TransportWorld>(time); }, 0.15, 8},
-        {"links2", links({21, 22}), 0.5, 8},
-        {"links3", links({21, 22, 23}), 0.3, 8},
+        {"links1", links({21}), 0.2, 8},
+        {"links2", links({21, 22}), 0.4, 8},
+        {"links3", links({21, 22, 23}), 0.2, 8},
     };
 }
 

@@ -68,12 +68,14 @@ struct LinkUnit
     bool isPartialWhole = true;
     bool isAwaitingAnswer = false; ///< to its INIT, with which the base unit forgets what it was sending
     bool isRelayNew = false;       ///< the relay has started over, and the base unit has not yet
+    bool isWithdrawn = false;      ///< it is back on TCP, and what the base unit had begun to send it stays half
     QQueue<bool> blocksOnTheirWay; ///< over the fallback; whether something overtook them over TCP
     bool isBlockThere = false;     ///< the one that sets out just now
     bool mayBeLate = false;        ///< what has just come was overtaken
     int tcpTurn = -1;              ///< in which something came over TCP last
     QByteArray stream;             ///< over TCP
     int lastCommand = 0;           ///< number of the last command
+    bool mayMissCommands = false;  ///< something has happened that may cost it some, by a described rule
     int lastForward = 0;
     int lastMark = -1; ///< newest base status
     GLinkClock::TimePoint lastStatus;
@@ -85,7 +87,7 @@ struct LinkUnit
         isPartialWhole = true;
     }
     /// Whether half a message may come: somebody has just forgotten the other half.
-    bool mayTear() const { return isAwaitingAnswer || isRelayNew; }
+    bool mayTear() const { return isAwaitingAnswer || isRelayNew || isWithdrawn; }
     bool isDisturbed() const
     {
         return isDeaf || isHoldingAcks || isFlowHeld || losesNextAck || losesNextBlock || isLinkTaken;

@@ -81,6 +81,7 @@ void LinkWorld::makeHub()
     QObject::connect(m_line->transport(), &TransportLayer::internLinkFail, &m_context, [this] {
         for (LinkUnit& unit : m_units) {
             unit.blocksOnTheirWay.clear();
+            unit.undisturbedSince = VirtualTime::now(); // the promise counts from the link's return
         }
     });
     QObject::connect(m_hub.data(), &RGPCom::machineStopActivatedOnArmedRemote, &m_context, [this] { ++m_stopsHeard; });
@@ -151,12 +152,30 @@ void LinkWorld::perform(const QString& choice)
     const QString what = choice.left(choice.size() - 2);
     const auto unit = m_units.find(static_cast<quint16>(choice.rightRef(2).toUInt()));
     if (unit == m_units.end()) {
+        noteLossesOf(choice);
         performGlobal(choice);
     } else {
+        unit->mayMissCommands = unit->mayMissCommands || mayCostCommands(what, *unit);
         performFor(*unit, what);
     }
     VirtualTime::settle();
     check();
+}
+
+void LinkWorld::noteLossesOf(const QString& what)
+{
+    for (LinkUnit& unit : m_units) {
+        unit.mayMissCommands = unit.mayMissCommands || mayCostCommands(what, unit);
+    }
+}
+
+/// A change of the link costs none, however slowly the base controller asks, if that takes less than a second; and what
+/// befalls one unit costs the others none.
+bool LinkWorld::mayCostCommands(const QString& what, const LinkUnit& unit)
+{
+    static const QStringList harmless{"cmd", "data", "fwd", "big", "stall", "flow", "tcp", "up", "stop"};
+    const bool isTime = what == "tick" || what == "long";
+    return isTime ? unit.isFlowHeld : !harmless.contains(what);
 }
 
 void LinkWorld::performGlobal(const QString& what)

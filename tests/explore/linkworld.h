@@ -58,6 +58,8 @@ private:
     void performGlobal(const QString& what);
     void performFor(LinkUnit& unit, const QString& what);
     void endDisturbance(LinkUnit& unit, const QString& what);
+    void noteLossesOf(const QString& what);
+    static bool mayCostCommands(const QString& what, const LinkUnit& unit);
     void advance(std::chrono::milliseconds time);
     void sendCommand();
     void sendForward(quint16 id, int padding);
@@ -86,7 +88,9 @@ private:
     // What must hold.
     void check();
     void noteTakenLink(LinkUnit& unit);
+    void noteWithdrawal(LinkUnit& unit) const;
     bool isDisturbed(const LinkUnit& unit) const;
+    bool isUpToDate(const LinkUnit& unit) const;
     void checkUnit(const LinkUnit& unit);
     void checkEnd();
     bool isServed(const LinkUnit& unit) const;

@@ -15,6 +15,13 @@ bool LinkWorld::isServed(const LinkUnit& unit) const
     return connection != nullptr && connection->activeLinkType() != GLinkConnection::NONE;
 }
 
+void LinkWorld::noteWithdrawal(LinkUnit& unit) const
+{
+    const GLinkConnection* const connection = m_hub->connectionOf(unit.id);
+    const auto link = connection != nullptr ? connection->activeLinkType() : GLinkConnection::NONE;
+    unit.isWithdrawn = link == GLinkConnection::TCP || (unit.isWithdrawn && link == GLinkConnection::NONE);
+}
+
 /// Whom the base unit has on the fallback, it cannot reach while the internal link is silent: nor a unit whose INIT
 /// over the fallback took so long that its INIT over TCP was there first.
 bool LinkWorld::isDisturbed(const LinkUnit& unit) const
@@ -28,7 +35,9 @@ void LinkWorld::check()
 {
     for (LinkUnit& unit : m_units) {
         noteTakenLink(unit);
+        noteWithdrawal(unit);
         checkUnit(unit);
+        unit.mayMissCommands = unit.mayMissCommands && !isUpToDate(unit);
     }
     if (!m_line->isIdle()) {
         return; // what the base controller has still to send counts when it has
@@ -51,6 +60,15 @@ void LinkWorld::noteTakenLink(LinkUnit& unit)
         unit.isLinkTaken = true;
         --m_rejects;
     }
+}
+
+/// Nothing that befell the unit has still to come to light.
+bool LinkWorld::isUpToDate(const LinkUnit& unit) const
+{
+    const GLinkConnection* const connection = m_hub->connectionOf(unit.id);
+    return m_line->isAtPeace() && m_rejects == 0 && isServed(unit) && !isDisturbed(unit) && !connection->isInFlight() &&
+           connection->waiting().isEmpty() && m_gFallback->waitingMessages(unit.id) == 0 &&
+           unit.lastCommand == m_commands;
 }
 
 void LinkWorld::checkUnit(const LinkUnit& unit)
@@ -130,9 +148,10 @@ QByteArray LinkWorld::state() const
     };
     QByteArray text = m_line->state();
     for (const LinkUnit& unit : m_units) {
-        for (const bool flag : {unit.isOnFallback, !unit.tcp.isNull(), unit.isDeaf, unit.isHoldingAcks, unit.isFlowHeld,
-                                unit.losesNextAck, unit.losesNextBlock, unit.isLinkTaken, unit.isPartialWhole,
-                                unit.partial.isEmpty(), unit.mayTear()}) {
+        for (const bool flag :
+             {unit.isOnFallback, !unit.tcp.isNull(), unit.isDeaf, unit.isHoldingAcks, unit.isFlowHeld,
+              unit.losesNextAck, unit.losesNextBlock, unit.isLinkTaken, unit.isPartialWhole, unit.partial.isEmpty(),
+              unit.mayTear(), unit.mayMissCommands, unit.lastCommand == m_commands}) {
             text += flag ? '1' : '0';
         }
         for (const QByteArray& frame : unit.heldFrames + unit.heldBytes + unit.unheardBytes) {

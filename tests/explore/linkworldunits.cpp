@@ -136,6 +136,7 @@ void LinkWorld::frameToUnit(LinkUnit& unit, const QByteArray& frame, bool isTcp)
         std::fill(unit.blocksOnTheirWay.begin(), unit.blocksOnTheirWay.end(), true);
     }
     if (frame.size() < FrameOverhead || frame.size() != valueOf16(frame, 0) + FrameOverhead) {
+        noteWithdrawal(unit); // it may be of this moment
         if (!unit.mayTear()) {
             violate(QStringLiteral("unit %1 got a torn frame").arg(unit.id));
         }
@@ -170,6 +171,9 @@ void LinkWorld::commandArrived(LinkUnit& unit, const QByteArray& payload)
     }
     if (number <= unit.lastCommand) {
         violate(QStringLiteral("unit %1 got command %2 after %3").arg(unit.id).arg(number).arg(unit.lastCommand));
+    }
+    if (number != unit.lastCommand + 1 && !unit.mayMissCommands) {
+        violate(QStringLiteral("unit %1 got command %2 next to %3").arg(unit.id).arg(number).arg(unit.lastCommand));
     }
     unit.lastCommand = number;
 }

@@ -196,9 +196,12 @@ void UartLine::frameToController(const QByteArray& frame)
     if (m_isMute || std::exchange(m_losesFrame, false) || TransportLayer::getMessageClass(packet) == MSG_CLASS_ACK) {
         return;
     }
+    // Numbers are few: after a long silence a RESET may bear that of the last packet, which it does not repeat.
     const int number = TransportLayer::getPacketNumber(packet);
-    if (std::exchange(m_lastHeard, number) != number) {
-        handle(TransportLayer::getServiceId(packet), TransportLayer::removeHeader(packet));
+    const quint8 serviceId = TransportLayer::getServiceId(packet);
+    const QByteArray payload = TransportLayer::removeHeader(packet);
+    if (std::exchange(m_lastHeard, number) != number || isReset(serviceId, payload)) {
+        handle(serviceId, payload);
     }
     if (!std::exchange(m_losesAck, false)) {
         QMetaObject::invokeMethod(
@@ -222,6 +225,13 @@ void UartLine::acknowledge(const QByteArray& packet)
         toBaseUnit(TransportLayer::addHeader(QByteArray(), MSG_CLASS_ACK, TransportLayer::getServiceId(packet),
                                              TransportLayer::getPacketNumber(packet)));
     }
+}
+
+bool UartLine::isAtPeace() const
+{
+    const bool isSomethingAhead = m_losesFrame || m_losesAck || m_losesPacket || m_repeatsPacket || m_isMute ||
+                                  m_mustRestart || m_repeatTimer.isActive() || m_patience.isActive();
+    return isQuiet() && !isSomethingAhead && m_linkState == SystemEventService::RUN;
 }
 
 QByteArray UartLine::state() const

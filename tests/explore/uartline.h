@@ -58,6 +58,8 @@ public:
     bool isIdle() const { return m_packets.isEmpty(); }
     /// The same of both sides.
     bool isQuiet() const { return isIdle() && m_waiting == 0; }
+    /// Quiet, in RUN, and of what was chosen nothing has still to happen.
+    bool isAtPeace() const;
     QByteArray state() const;
 
 private:

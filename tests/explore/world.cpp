@@ -114,6 +114,22 @@ QStringList Search::walkAtRandom()
     return {};
 }
 
+/// Every walk has some of the words only, but every third has all: what takes several steps of few kinds, and nothing
+/// between them that makes it good again, would hardly ever come up among all of them.
+QStringList someOf(const QStringList& choices, unsigned int seed)
+{
+    const unsigned int share = 1 + seed % 3;
+    QStringList some;
+    for (const QString& choice : choices) {
+        std::minstd_rand ofWord(qHash(choice) + 7919 * seed);
+        ofWord.discard(2);
+        if (ofWord() / 64 % share == 0) {
+            some << choice;
+        }
+    }
+    return some.isEmpty() ? choices : some;
+}
+
 QStringList Search::walk(unsigned int seed)
 {
     std::mt19937 random(seed);
@@ -121,7 +137,7 @@ QStringList Search::walk(unsigned int seed)
     QStringList sequence;
     ++m_walks;
     for (int step = 0; step < m_options.walkLength; ++step) {
-        const QStringList choices = world->choices();
+        const QStringList choices = someOf(world->choices(), seed);
         sequence << choices.at(static_cast<int>(random() % static_cast<unsigned int>(choices.size())));
         world->perform(sequence.last());
         if (!world->violation().isEmpty()) {

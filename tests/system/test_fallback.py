@@ -370,6 +370,25 @@ def test_fallback_and_return_under_load_lose_and_double_nothing(serving, number)
     assert serving.fallback.complaints == [] and serving.fallback.abandoned == 0
 
 
+def test_what_the_base_controller_has_not_asked_for_comes_first_over_tcp(relayed):
+    """Neither lost nor late nor out of order, however slowly the base controller asks."""
+    unit, other = relayed.unit(1001), relayed.unit(1002)
+    relayed.wait_for(lambda: unit.idle and other.idle and relayed.bc.idle)
+    relayed.fallback.hold_flow()
+    commands = [b"command %d" % number for number in range(4)]
+    for command in commands:
+        relayed.bc.command(command)
+    relayed.wait_for(lambda: unit.payloads(glink.CMD))
+    unit.join()
+    relayed.wait_for(lambda: unit.joins == 2 and len(unit.messages(glink.CMD)) == len(commands))
+    assert unit.payloads(glink.CMD) == commands
+    assert [message.path for message in unit.messages(glink.CMD)][-1] == "TCP"
+    relayed.fallback.release_flow()
+    relayed.wait_for(lambda: other.payloads(glink.CMD) == commands)
+    assert unit.payloads(glink.CMD) == commands
+    assert relayed.server.logged("dropped, it is back on TCP") == 0
+
+
 def test_a_network_that_breaks_off_costs_only_what_was_under_way(serving):
     """Out of reach from one moment to the next. What the base controller sent until the unit joined over the fallback
     may be lost, as nobody can know; nothing afterwards, nothing twice, and nothing for the other unit."""

@@ -117,6 +117,12 @@ void GfallbackServiceC::receiveBlock(const QByteArray& block)
 
 void GfallbackServiceC::fallbackTx(unsigned short remoteId, const QByteArray& data)
 {
+    take(remoteId, {data, GLinkClock::now()});
+}
+
+void GfallbackServiceC::take(unsigned short remoteId, const Waiting& message)
+{
+    const QByteArray& data = message.data;
     if (data.isEmpty()) {
         return; // no block would go out, so nothing would ever free the channel again
     }
@@ -128,11 +134,12 @@ void GfallbackServiceC::fallbackTx(unsigned short remoteId, const QByteArray& da
     LinkState& state = m_linkState[remoteId];
     const bool isAck = isAcknowledgement(data);
     if (state.linkStatus != FREE) {
-        keepForLater(state, data, isAck);
+        keepForLater(state, message, isAck);
         return;
     }
     state.linkStatus = isAck ? BUSY_ACK : BUSY_MSG;
-    state.txData = data;
+    state.txData = state.message = data;
+    state.messageSince = message.since;
     qDebug() << "remoteId" << remoteId << "Length" << data.size() << "status" << state.linkStatus;
     sendMessageBlock(remoteId, state);
 }
@@ -143,12 +150,12 @@ void GfallbackServiceC::fallbackTxInTurn(unsigned short remoteId, const QByteArr
         tellOfNoLink();
         return;
     }
-    QQueue<QByteArray>& waiting = m_waiting[remoteId];
+    QQueue<Waiting>& waiting = m_waiting[remoteId];
     const bool isPlaceFree = waiting.isEmpty() && m_linkState.value(remoteId).txData.isEmpty();
     if (isPlaceFree || isAcknowledgement(data) || waiting.size() >= MaxWaitingMessages) {
         fallbackTx(remoteId, data);
     } else {
-        waiting.enqueue(data);
+        waiting.enqueue({data, GLinkClock::now()});
     }
 }
 
@@ -156,24 +163,31 @@ void GfallbackServiceC::letNextTakeItsPlace(unsigned short remoteId)
 {
     const auto waiting = m_waiting.find(remoteId);
     while (waiting != m_waiting.end() && !waiting->isEmpty() && m_linkState.value(remoteId).txData.isEmpty()) {
-        fallbackTx(remoteId, waiting->dequeue());
+        take(remoteId, waiting->dequeue());
     }
 }
 
-void GfallbackServiceC::keepForLater(LinkState& state, const QByteArray& data, bool isAck)
+void GfallbackServiceC::keepForLater(LinkState& state, const Waiting& message, bool isAck)
 {
     QByteArray& place = isAck ? state.ack : state.txData;
     if (!place.isEmpty()) {
         qDebug() << (isAck ? "Link BUSY, ACK LOST!" : "Link BUSY, Tx message LOST!");
         return;
     }
-    place = data;
+    place = message.data;
+    if (!isAck) {
+        state.message = message.data;
+        state.messageSince = message.since;
+    }
     qDebug() << (isAck ? "Link BUSY, ack queued." : "Link BUSY, Tx message queued.");
 }
 
 void GfallbackServiceC::sendMessageBlock(unsigned short remoteId, LinkState& state)
 {
     sendDataBlock(remoteId, state.txData);
+    if (state.txData.isEmpty()) {
+        state.message.clear();
+    }
     if (state.linkStatus == BUSY_MSG && state.txData.isEmpty()) {
         state.linkStatus = BUSY_MSG_LAST_BLOCK;
     }
@@ -206,18 +220,33 @@ void GfallbackServiceC::reset(unsigned short remoteId)
 
 void GfallbackServiceC::withdraw(unsigned short remoteId)
 {
-    int count = m_waiting.take(remoteId).size();
+    QQueue<Waiting> withdrawn = m_waiting.take(remoteId);
     const auto state = m_linkState.find(remoteId);
     if (state != m_linkState.end()) {
-        count += state->txData.isEmpty() ? 0 : 1;
+        if (!state->txData.isEmpty()) {
+            withdrawn.prepend({state->message, state->messageSince});
+        }
         state->txData.clear();
+        state->message.clear();
         state->ack.clear();
         state->linkStatus = state->linkStatus == BUSY_MSG ? BUSY_MSG_LAST_BLOCK : state->linkStatus;
     }
-    if (count != 0) {
-        qDebug() << "GfallbackServiceC:" << count << "messages to remote unit" << remoteId
+    QByteArrayList messages;
+    for (const Waiting& message : qAsConst(withdrawn)) {
+        if (isWorthGivingBack(message.since)) {
+            messages.append(message.data);
+        }
+    }
+    if (messages.size() != withdrawn.size()) {
+        qDebug() << "GfallbackServiceC:" << withdrawn.size() - messages.size() << "messages to remote unit" << remoteId
                  << "dropped, it is back on TCP.";
     }
+    emit givenBack(remoteId, messages);
+}
+
+bool GfallbackServiceC::isWorthGivingBack(GLinkClock::TimePoint since)
+{
+    return GLinkClock::now() - since <= WorthGivingBack;
 }
 
 void GfallbackServiceC::followLinkState(quint8 state)

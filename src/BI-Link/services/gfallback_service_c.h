@@ -1,11 +1,15 @@
 #pragma once
 
+#include "glinkclock.h"
 #include "glinkheader.h"
 #include "service_base.h"
 
+#include <QByteArrayList>
 #include <QHash>
 #include <QMap>
 #include <QQueue>
+
+#include <chrono>
 
 /// Carries whole GLink messages between this base unit and remote units that have lost TCP: the base controller relays
 /// them on its own channel. A message travels in blocks of at most 250 bytes, and for every remote unit the base
@@ -50,8 +54,10 @@ public:
     struct LinkState
     {
         LinkStatus linkStatus = FREE;
-        QByteArray txData; ///< rest of the message that is being sent, or the one message that waits
-        QByteArray ack;    ///< the one acknowledgement that waits
+        QByteArray txData;                  ///< rest of the message that is being sent, or the one message that waits
+        QByteArray ack;                     ///< the one acknowledgement that waits
+        QByteArray message;                 ///< whole, as long as something of it is in `txData`
+        GLinkClock::TimePoint messageSince; ///< when it was handed over; means something with `message`
     };
 
     /// Longest message that can be announced to the base controller: the remaining length has 16 bits.
@@ -63,6 +69,10 @@ public:
 
     /// Messages of one unit that fallbackTxInTurn() keeps. A turn of any unit on the fallback may bring one more.
     static constexpr int MaxWaitingMessages = 64;
+
+    /// What has waited for longer than that is not given back by withdraw(): for its sender, which waits no longer for
+    /// an acknowledgement (GLinkConnection::PatienceOnFallback), it is lost.
+    static constexpr std::chrono::milliseconds WorthGivingBack{1000};
 
     GfallbackServiceC(QObject* parent, serviceId_T id);
 
@@ -94,8 +104,9 @@ public slots:
     /// not called back.
     void reset(unsigned short remoteId);
 
-    /// The unit is back on TCP: what waits for it, the rest of a message under way included, would reach it late and is
-    /// dropped, with a debug line. The base controller's word for the last block is still awaited.
+    /// The unit is back on TCP: what waits for it, the rest of a message under way included, would reach it late here.
+    /// It is given back, in all cases by one givenBack(); what has waited for too long, and acknowledgements, are
+    /// dropped, the former with a debug line. The base controller's word for the last block is still awaited.
     void withdraw(unsigned short remoteId);
 
     /// The state of the internal link (SystemEventService::SEStates). With the link the base controller has lost the
@@ -111,21 +122,33 @@ signals:
     /// The base controller has rejected the fallback channel.
     void linkFailed();
 
+    /// The answer to withdraw(): whole messages in their order, of which the base controller has never got all and
+    /// never will. Often none.
+    void givenBack(unsigned short remoteId, const QByteArrayList& messages);
+
 protected:
     quint16 m_rxId = 0;
     QByteArray m_rxData;
     QMap<unsigned short, LinkState> m_linkState;
 
 private:
+    struct Waiting
+    {
+        QByteArray data;
+        GLinkClock::TimePoint since; ///< when it was handed over
+    };
+
+    void take(unsigned short remoteId, const Waiting& message);
+    static bool isWorthGivingBack(GLinkClock::TimePoint since);
     void receiveDataAck(quint8 reply);
     void sendNext(unsigned short remoteId);
     void receiveBlock(const QByteArray& block);
-    void keepForLater(LinkState& state, const QByteArray& data, bool isAck);
+    void keepForLater(LinkState& state, const Waiting& message, bool isAck);
     void sendMessageBlock(unsigned short remoteId, LinkState& state);
     void letNextTakeItsPlace(unsigned short remoteId);
     void tellOfNoLink();
 
-    QHash<quint16, QQueue<QByteArray>> m_waiting;
+    QHash<quint16, QQueue<Waiting>> m_waiting;
     bool m_isLinkUp = true; ///< as long as nobody says otherwise
     bool m_toldOfNoLink = false;
 };

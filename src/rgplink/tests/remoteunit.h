@@ -53,16 +53,17 @@ struct ReceivedFrames
         }
         return matching;
     }
-    QByteArray lastPayload(quint8 msgId) const
+    QByteArrayList payloads(quint8 msgId) const
     {
-        QByteArray payload;
+        QByteArrayList list;
         for (const QByteArray& frame : frames) {
             if (quint8(frame.at(3)) == msgId && frame.at(4) == 0) {
-                payload = payloadOf(frame);
+                list << payloadOf(frame);
             }
         }
-        return payload;
+        return list;
     }
+    QByteArray lastPayload(quint8 msgId) const { return payloads(msgId).value(payloads(msgId).size() - 1); }
 
     QList<QByteArray> frames;
 };

@@ -73,9 +73,12 @@ void GLinkConnection::enqueueMessage(quint8 msgId, const QByteArray& data, bool 
     if (isOverdue()) {
         giveUpMessageInFlight();
     }
+    if (m_isAwaitingTakeBack && GLinkClock::now() - m_awaitingSince > PatienceOnFallback) {
+        m_isAwaitingTakeBack = false;
+    }
     if (!hasLink()) {
         dropWithoutLink(msgId);
-    } else if (isInFlight() || mustWaitForTcp(msgId)) {
+    } else if (isInFlight() || m_isAwaitingTakeBack || mustWaitForTcp(msgId)) {
         queueMessage(msgId, data, prepend);
     } else if (m_queue.isEmpty() || (prepend && GLinkMessageQueue::isPrependable(msgId))) {
         sendMessage(msgId, data);
@@ -152,6 +155,7 @@ void GLinkConnection::sendMessage(quint8 msgId, const QByteArray& data)
         m_unacknowledgedSince = GLinkClock::now();
     }
     m_msgIdInFlight = msgId;
+    m_hasSentOverFallback = m_hasSentOverFallback || m_activeLinkType == FALLBACK;
     const quint32 refNr = updateRefNr();
     const auto send = [link, peerId = m_peerId, msgId, data, refNr] {
         link->send(peerId, msgId, data, refNr);

@@ -5,6 +5,7 @@
 #include "onceaminute.h"
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QObject>
 #include <QPointer>
 #include <QVector>
@@ -32,7 +33,9 @@ class GLinkTransportTcp;
 /// |                        |               |          | which follows when the fallback has let go of the unit  |
 ///
 /// Nothing is sent twice: a message that was in flight when the link in use changed, or when an INIT came over it, is
-/// lost, and its late acknowledgement means nothing. What waits behind it moves to the new link.
+/// lost, and its late acknowledgement means nothing. What waits behind it moves to the new link. There is one
+/// exception: what was handed to the fallback and never left this base unit is given back when the unit goes over to
+/// TCP, if the owner sees to that (setTakesBack()), and goes out there first.
 ///
 /// All units on the fallback share its one transport. Each has one message in flight, and its own acknowledgement lets
 /// its next one go (acknowledged()). Nothing times out there, but a message that has been in flight for more than
@@ -131,6 +134,17 @@ public:
     /// take the unit back.
     void setFallbackIntroduction(quint64 introduction) { m_fallbackIntroduction = introduction; }
 
+    /// Whether the owner takes back what the fallback still has of this unit's messages, each time when the link in use
+    /// has become TCP, and hands it in by takeBack(). No, until it says so.
+    ///
+    /// Where something may have been sent over the fallback, all other messages wait then, so that none overtakes an
+    /// older one: until takeBack(), or for `PatienceOnFallback`, looked at as above.
+    void setTakesBack(bool isTakingBack) { m_isTakingBack = isTakingBack; }
+    /// Commands, and other messages that nothing newer replaces, go out before all that waits. Those that come too late
+    /// are dropped with a log line.
+    /// @param frames  whole frames as a transport made them, in their order; often none.
+    void takeBack(const QByteArrayList& frames);
+
     /// An INIT came over `channel`: the link becomes usable, and what was in flight on it is forgotten on both sides.
     /// Answers to INITs before this one that still wait are dropped: the caller hands in the one that counts. Whether
     /// the unit is accepted is its business, too; a refused one is served like any other.
@@ -183,6 +197,7 @@ private:
     void sendOwnNextMessage();
     bool supersede(GLinkTransportTcp& link);
     bool isGivenUpForFallback(const GLinkTransportTcp& link) const;
+    void beginTakingBack();
     void logInvalidIndex() const;
 
     static GLinkConnection* takeFromFallbackUsers(int startIndex, RPGComGLinkMessage& out);
@@ -206,9 +221,13 @@ private:
     quint32 m_activeRefNr = REF_NR_INACTIVE;     ///< of the message in flight
     quint8 m_msgIdInFlight = 0;                  ///< means something while a message is in flight
     GLinkClock::TimePoint m_unacknowledgedSince; ///< while a message is in flight
-    bool m_isSilent = false;   ///< on the fallback: a message was given up, and nothing acknowledged since
-    OnceAMinute m_givenUpLine; ///< a message given up on the fallback
-    OnceAMinute m_droppedLine; ///< a message dropped for a newer one
-    OnceAMinute m_refusedLine; ///< a command refused
-    AppLog* m_log;             ///< not owned; may be null
+    bool m_isSilent = false;               ///< on the fallback: a message was given up, and nothing acknowledged since
+    bool m_isTakingBack = false;           ///< the owner does so
+    bool m_hasSentOverFallback = false;    ///< since what was sent there was taken back last
+    bool m_isAwaitingTakeBack = false;     ///< nothing is sent meanwhile
+    GLinkClock::TimePoint m_awaitingSince; ///< means something with the last
+    OnceAMinute m_givenUpLine;             ///< a message given up on the fallback
+    OnceAMinute m_droppedLine;             ///< a message dropped for a newer one
+    OnceAMinute m_refusedLine;             ///< a command refused
+    AppLog* m_log;                         ///< not owned; may be null
 };

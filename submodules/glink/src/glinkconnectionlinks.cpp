@@ -1,11 +1,32 @@
 // Which of its two links a unit's messages take.
 #include "glinkconnection.h"
 
+#include "glinkheader.h"
 #include "glinktransportfallback.h"
 #include "glinktransporttcp.h"
 
 #include <QDateTime>
 #include <QDebug>
+
+#include <utility>
+
+namespace {
+
+constexpr int FrameOverhead = GLinkFrame::HeaderSize + GLinkFrame::CrcSize;
+
+RPGComGLinkMessage messageOf(const QByteArray& frame)
+{
+    return {static_cast<quint8>(frame.at(GLinkFrame::MsgIdOffset)),
+            frame.mid(GLinkFrame::HeaderSize, frame.size() - FrameOverhead)};
+}
+
+/// The unit has introduced itself anew, and gets the answer to that, the last periodic data and the next base status.
+bool isReplaced(quint8 msgId)
+{
+    return msgId == GLINK_MSG_ID_INITACK || msgId == GLINK_MSG_ID_PERIODIC_DATA || msgId == GLINK_MSG_BASE_STATUS;
+}
+
+} // namespace
 
 GLinkConnection::LinkType GLinkConnection::setGLink(GLinkTransportTcp* link)
 {
@@ -118,6 +139,41 @@ void GLinkConnection::takeRoute(const Route& route)
         s_fallbackUser.removeAll(this);
     } else if (!s_fallbackUser.contains(this)) {
         s_fallbackUser.append(this);
+    }
+    if (route.type == TCP && m_isTakingBack && m_hasSentOverFallback) {
+        beginTakingBack();
+    }
+}
+
+void GLinkConnection::beginTakingBack()
+{
+    m_hasSentOverFallback = false;
+    m_isAwaitingTakeBack = true;
+    m_awaitingSince = GLinkClock::now();
+}
+
+void GLinkConnection::takeBack(const QByteArrayList& frames)
+{
+    QVector<RPGComGLinkMessage> messages;
+    for (const QByteArray& frame : frames) {
+        const RPGComGLinkMessage message = frame.size() >= FrameOverhead ? messageOf(frame) : RPGComGLinkMessage();
+        if (message.msgId != 0 && !isReplaced(message.msgId)) {
+            messages.append(message);
+        }
+    }
+    if (!std::exchange(m_isAwaitingTakeBack, false)) {
+        if (!messages.isEmpty()) {
+            qDebug() << "GLinkConnection:" << messages.size() << "messages to RU" << m_peerId
+                     << "dropped, the fallback gave them back too late.";
+        }
+        return;
+    }
+    if (!m_queue.putBack(messages)) {
+        qDebug() << "GLinkConnection: message queue of RU" << m_peerId
+                 << "is full, not all that the fallback gave back is kept.";
+    }
+    if (hasLink() && !isInFlight()) {
+        sendOwnNextMessage();
     }
 }
 

@@ -42,6 +42,9 @@ void GLinkConnection::passTurnOn()
 /// A silent unit would not give back what it is given.
 bool GLinkConnection::mayTakeTurn() const
 {
+    if (m_isAwaitingTakeBack) {
+        return false;
+    }
     return !isInFlight() || (!m_isSilent && !isOverdue());
 }
 
@@ -92,7 +95,7 @@ void GLinkConnection::logInvalidIndex() const
 
 void GLinkConnection::sendNextMessage()
 {
-    if (m_isFallbackClosing) {
+    if (m_isFallbackClosing || m_isAwaitingTakeBack) {
         return; // what waits goes out over TCP in a moment
     }
     RPGComGLinkMessage message;
@@ -105,7 +108,7 @@ void GLinkConnection::sendNextMessage()
 void GLinkConnection::sendOwnNextMessage()
 {
     RPGComGLinkMessage message;
-    if (!m_isFallbackClosing && m_queue.takeNext(message)) {
+    if (!m_isFallbackClosing && !m_isAwaitingTakeBack && m_queue.takeNext(message)) {
         sendMessage(message.msgId, message.data);
     }
 }

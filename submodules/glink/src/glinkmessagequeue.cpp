@@ -77,6 +77,22 @@ bool GLinkMessageQueue::makeRoom()
     return true;
 }
 
+bool GLinkMessageQueue::putBack(const QVector<RPGComGLinkMessage>& messages)
+{
+    const auto firstBehindAnswer =
+        std::find_if_not(m_nonCmdMessageQueue.begin(), m_nonCmdMessageQueue.end(), isInitAck);
+    const auto others = static_cast<int>(firstBehindAnswer - m_nonCmdMessageQueue.begin());
+    for (auto message = messages.crbegin(); message != messages.crend(); ++message) {
+        QQueue<RPGComGLinkMessage>& queue =
+            message->msgId == GLINK_MSG_ID_CMD ? m_cmdMessageQueue : m_nonCmdMessageQueue;
+        if (queue.size() >= Capacity) {
+            return false;
+        }
+        queue.insert(&queue == &m_cmdMessageQueue ? 0 : others, *message);
+    }
+    return true;
+}
+
 bool GLinkMessageQueue::takeNext(RPGComGLinkMessage& out)
 {
     if (hasCommand()) {

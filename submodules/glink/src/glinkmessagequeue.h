@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QQueue>
+#include <QVector>
 
 /// One message that waits for its turn. Copies share the bytes.
 struct RPGComGLinkMessage
@@ -46,6 +47,11 @@ public:
     /// @param prepend  put the message before all others of its kind, if it is prependable. Of two prepended ones the
     ///                 later goes out first.
     Outcome push(quint8 msgId, const QByteArray& data, bool prepend);
+
+    /// Puts messages before all others of their kind, in their order: they are older than what waits. Only the answer
+    /// to INIT stays ahead. Values of periodic data and base status are none of them, since newer ones follow.
+    /// @return false when there was no room for all of them; the oldest are missing then.
+    bool putBack(const QVector<RPGComGLinkMessage>& messages);
 
     /// Takes the next message. Values of periodic data that come from now on queue up at the end again.
     /// @return false, `out` untouched, when there is none.

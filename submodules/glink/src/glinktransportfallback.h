@@ -2,6 +2,7 @@
 
 #include "glinktransportbase.h"
 
+#include <QByteArrayList>
 #include <QHash>
 
 /// GLink through the base controller, for remote units whose TCP link is gone. One instance serves all of them: its
@@ -58,7 +59,7 @@ public slots:
     /// The same because the unit has introduced itself over TCP, by that one of all INITs (0: nobody knows by which).
     /// Ignored when it has introduced itself here since: it would lose the link that it uses.
     void closeForTcp(quint16 remoteId, quint64 introduction);
-    /// The unit is back on TCP: what is behind this transport drops what waits for it.
+    /// The unit is back on TCP: what is behind this transport gives back what waits for it, by givenBack().
     void withdraw(quint16 remoteId);
 
 signals:
@@ -75,6 +76,9 @@ signals:
     void dataToServiceLayer(quint16 remoteId, const QByteArray& data);
     /// Of the frames for that unit that were handed over before, none is to go out any more.
     void withdrawn(quint16 remoteId);
+    /// The answer to that: frames for that unit, handed over before, that never went out whole. From what is behind
+    /// this transport, for the hub.
+    void givenBack(quint16 remoteId, const QByteArrayList& frames);
 
 protected:
     /// What another unit has in flight counts as sent, so that its queue goes on.

@@ -1,8 +1,12 @@
 #include "glinkframes.h"
 #include "joinedlinks.h"
+#include "logspy.h"
+#include "standingclock.h"
 
 #include <QSignalSpy>
 #include <QtTest>
+
+#include <chrono>
 
 class TestGLinkConnectionReturns : public QObject
 {
@@ -32,9 +36,61 @@ private slots:
     void initOverTheFallbackBehindOneOverTcpKeepsTheFallback();
     void initOverTheFallbackIsAnsweredThere();
 
+    // What the fallback gives back
+    void whatTheFallbackGivesBackGoesOutFirst();
+    void whatIsReplacedAnywayIsNotTakenBack_data();
+    void whatIsReplacedAnywayIsNotTakenBack();
+    void nothingIsAwaitedFromAFallbackThatNothingWasSentOver();
+    void unitThatLeavesBeforeItsReturnIsGivenBackToo();
+    void secondEpisodeOnTheFallbackAwaitsItsOwnAnswer();
+    void whatComesBackTooLateIsDropped();
+    void ownerThatTakesNothingBackHoldsNothingUp();
+
 private:
     QScopedPointer<NoApplications> m_noApplications;
 };
+
+namespace {
+
+/// A message as the fallback transport frames it. Nothing looks at its time and its CRCs again.
+QByteArray framed(quint8 msgId, const QByteArray& payload)
+{
+    QByteArray frame(17, '\0');
+    frame[3] = static_cast<char>(msgId);
+    return frame + payload + QByteArray(4, '\0');
+}
+
+/// A unit on the fallback with one command in flight and one behind it, whose owner takes back.
+struct ReturningUnit
+{
+    ReturningUnit()
+    {
+        unit.setTakesBack(true);
+        unit.initChannel(&fallback);
+        unit.enqueueMessage(Command, "1", false);
+        unit.enqueueMessage(Command, "2", false);
+    }
+    void goOverToTcp()
+    {
+        joinTcp(unit, tcp);
+        unit.setFallbackLink(nullptr);
+    }
+    /// What went out over TCP, each message acknowledged.
+    QStringList overTcp()
+    {
+        for (int i = 0; i < 5; ++i) {
+            unit.messageSent(tcp.sent.lastRefNr());
+        }
+        return tcp.sent.texts();
+    }
+
+    StandingClock clock;
+    FakeTcpLink tcp;
+    FakeFallbackLink fallback;
+    GLinkConnection unit{5, &fallback, nullptr, nullptr};
+};
+
+} // namespace
 
 // --- A unit that comes back -----------------------------------------------------------------------------------------
 
@@ -306,6 +362,108 @@ void TestGLinkConnectionReturns::initOverTheFallbackIsAnsweredThere()
     joinFallback(unit, fallback);
     unit.enqueueMessage(InitAck, "answer", true);
     QCOMPARE(fallback.sent.texts(), QStringList{"2:answer"});
+}
+
+// --- What the fallback gives back -----------------------------------------------------------------------------------
+
+void TestGLinkConnectionReturns::whatTheFallbackGivesBackGoesOutFirst()
+{
+    ReturningUnit f;
+    f.goOverToTcp();
+    f.unit.enqueueMessage(Command, "3", false);
+    f.unit.enqueueMessage(InitAck, "answer", true);
+    f.unit.enqueueMessage(Status, "now", false);
+    QCOMPARE(f.overTcp(), QStringList());
+
+    f.unit.takeBack({framed(Forward, "before 1"), framed(Command, "1")});
+    QCOMPARE(f.overTcp(), (QStringList{"3:1", "3:2", "3:3", "2:answer", "5:before 1", "8:now"}));
+    QCOMPARE(f.fallback.sent.texts(), QStringList{"3:1"});
+}
+
+void TestGLinkConnectionReturns::whatIsReplacedAnywayIsNotTakenBack_data()
+{
+    QTest::addColumn<QByteArray>("frame");
+
+    QTest::newRow("answer to an earlier INIT") << framed(InitAck, "old");
+    QTest::newRow("periodic data") << framed(Periodic, "old");
+    QTest::newRow("base status") << framed(Status, "old");
+    QTest::newRow("no frame") << QByteArray(20, '\3');
+    QTest::newRow("nothing") << QByteArray();
+}
+
+void TestGLinkConnectionReturns::whatIsReplacedAnywayIsNotTakenBack()
+{
+    QFETCH(QByteArray, frame);
+    ReturningUnit f;
+    f.goOverToTcp();
+    f.unit.takeBack({frame});
+    QCOMPARE(f.overTcp(), QStringList{"3:2"});
+}
+
+void TestGLinkConnectionReturns::nothingIsAwaitedFromAFallbackThatNothingWasSentOver()
+{
+    FakeTcpLink tcp;
+    FakeFallbackLink fallback;
+    GLinkConnection unit(5, &fallback, nullptr, nullptr);
+    unit.setTakesBack(true);
+    unit.initChannel(&fallback);
+    joinTcp(unit, tcp);
+    unit.setFallbackLink(nullptr);
+    unit.enqueueMessage(InitAck, "answer", true);
+    QCOMPARE(tcp.sent.texts(), QStringList{"2:answer"});
+}
+
+// It said farewell on the fallback, and comes by TCP a moment later.
+void TestGLinkConnectionReturns::unitThatLeavesBeforeItsReturnIsGivenBackToo()
+{
+    ReturningUnit f;
+    f.unit.setFallbackLink(nullptr);
+    QCOMPARE(f.unit.activeLinkType(), GLinkConnection::NONE);
+    joinTcp(f.unit, f.tcp);
+    QCOMPARE(f.overTcp(), QStringList());
+    f.unit.takeBack({framed(Command, "1")});
+    QCOMPARE(f.overTcp(), (QStringList{"3:1", "3:2"}));
+}
+
+void TestGLinkConnectionReturns::secondEpisodeOnTheFallbackAwaitsItsOwnAnswer()
+{
+    ReturningUnit f;
+    f.goOverToTcp();
+    joinFallback(f.unit, f.fallback); // before the first answer
+    QCOMPARE(f.fallback.sent.texts(), QStringList{"3:1"});
+    f.unit.takeBack({framed(Command, "1")});
+    QCOMPARE(f.fallback.sent.texts(), (QStringList{"3:1", "3:1"}));
+
+    f.unit.initChannel(&f.tcp);
+    f.unit.setFallbackLink(nullptr);
+    QCOMPARE(f.overTcp(), QStringList());
+    f.unit.takeBack({});
+    QCOMPARE(f.overTcp(), QStringList{"3:2"});
+}
+
+void TestGLinkConnectionReturns::whatComesBackTooLateIsDropped()
+{
+    LogSpy log;
+    ReturningUnit f;
+    f.goOverToTcp();
+    f.clock.advance(std::chrono::milliseconds(1000));
+    f.unit.enqueueMessage(Status, "first", false);
+    QCOMPARE(f.tcp.sent.texts(), QStringList());
+    f.clock.advance(std::chrono::milliseconds(1));
+    f.unit.enqueueMessage(Status, "second", false);
+    QCOMPARE(f.overTcp(), (QStringList{"3:2", "8:first", "8:second"}));
+
+    f.unit.takeBack({framed(Command, "1")});
+    QCOMPARE(f.overTcp(), (QStringList{"3:2", "8:first", "8:second"}));
+    QCOMPARE(log.count("GLinkConnection: 1 messages to RU 5 dropped, the fallback gave them back too late."), 1);
+}
+
+void TestGLinkConnectionReturns::ownerThatTakesNothingBackHoldsNothingUp()
+{
+    ReturningUnit f;
+    f.unit.setTakesBack(false);
+    f.goOverToTcp();
+    QCOMPARE(f.overTcp(), QStringList{"3:2"});
 }
 
 QTEST_GUILESS_MAIN(TestGLinkConnectionReturns)

@@ -1,6 +1,6 @@
-#include "glinkclock.h"
 #include "joinedlinks.h"
 #include "logspy.h"
+#include "standingclock.h"
 
 #include <QtTest>
 
@@ -9,24 +9,6 @@
 using namespace std::chrono_literals;
 
 namespace {
-
-/// A clock that stands until it is told to go on, for as long as it lives.
-class StandingClock
-{
-public:
-    StandingClock()
-    {
-        GLinkClock::setSource([] { return s_now; });
-    }
-    ~StandingClock() { GLinkClock::setSource(nullptr); }
-    StandingClock(const StandingClock&) = delete;
-    StandingClock& operator=(const StandingClock&) = delete;
-
-    static void advance(std::chrono::milliseconds time) { s_now += time; }
-
-private:
-    static inline GLinkClock::TimePoint s_now{1h};
-};
 
 constexpr char GivenUp[] = "GLinkConnection: message to RU 5 given up, not acknowledged over the fallback.";
 

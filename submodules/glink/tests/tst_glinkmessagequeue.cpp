@@ -21,6 +21,8 @@ private slots:
     void periodicDataThatWentCanBeQueuedAgain();
     void newerPeriodicDataNeedsNoRoom();
     void answersToAnEarlierInitCanBeDropped();
+    void whatIsPutBackComesBeforeItsKindAndBehindTheAnswerToInit();
+    void putBackKeepsTheNewestThatFindRoom();
     void repeatedLinePassesOnceAMinute();
 };
 
@@ -204,6 +206,29 @@ void TestGLinkMessageQueue::answersToAnEarlierInitCanBeDropped()
     queue.dropInitAcks();
     QVERIFY(!queue.hasInitAck());
     QCOMPARE(drained(queue), QStringList{"8:s1"});
+}
+
+void TestGLinkMessageQueue::whatIsPutBackComesBeforeItsKindAndBehindTheAnswerToInit()
+{
+    GLinkMessageQueue queue;
+    queue.push(Command, "3", false);
+    queue.push(Status, "now", false);
+    queue.push(InitAck, "answer", true);
+    QVERIFY(queue.putBack({{Command, "1"}, {Forward, "a"}, {Command, "2"}, {Forward, "b"}}));
+    QCOMPARE(drained(queue), (QStringList{"3:1", "3:2", "3:3", "2:answer", "5:a", "5:b", "8:now"}));
+    QVERIFY(queue.putBack({}));
+    QVERIFY(queue.isEmpty());
+}
+
+void TestGLinkMessageQueue::putBackKeepsTheNewestThatFindRoom()
+{
+    GLinkMessageQueue queue;
+    for (int i = 0; i < 255; ++i) {
+        queue.push(Command, "later", false);
+    }
+    QVERIFY(!queue.putBack({{Command, "1"}, {Command, "2"}}));
+    QCOMPARE(queue.commandCount(), 256);
+    QCOMPARE(drained(queue).first(), QString("3:2"));
 }
 
 void TestGLinkMessageQueue::repeatedLinePassesOnceAMinute()

@@ -1,9 +1,14 @@
 #include "fatalprobe.h"
 #include "gfallback_service_c.h"
 #include "logspy.h"
+#include "standingclock.h"
 
 #include <QSignalSpy>
 #include <QtTest>
+
+#include <chrono>
+
+using namespace std::chrono_literals;
 
 class TestGfallbackServiceC : public QObject
 {
@@ -23,6 +28,10 @@ private slots:
     void messageThatCannotBeSentDoesNotHoldUpTheOthersInTurn();
     void resetForgetsTheMessagesInTurn();
     void withdrawnMessagesNeverGoOut();
+    void withdrawnMessagesAreGivenBackInTheirOrder();
+    void messageOfWhichBlocksAreOutIsGivenBackWhole();
+    void everyWithdrawalIsAnswered();
+    void whatHasWaitedForTooLongIsNotGivenBack();
     void withdrawnRestOfAMessageLetsTheNextAcknowledgementThrough();
     void lostLinkFreesAllChannels();
     void withoutALinkMessagesInTurnAreDropped();
@@ -72,11 +81,13 @@ struct Fixture
 {
     GfallbackServiceC service{nullptr, Id};
     QSignalSpy spy{&service, &ServiceBase::readyReadFromService};
+    QSignalSpy givenBackSpy{&service, &GfallbackServiceC::givenBack};
 
     int count() const { return spy.count(); }
     QByteArray block(int index) const { return spy.at(index).at(0).toByteArray(); }
     QByteArray lastHeader() const { return block(count() - 1).left(4).toHex(); }
     QByteArray lastData() const { return block(count() - 1).mid(4); }
+    QByteArrayList givenBack() const { return givenBackSpy.last().at(1).value<QByteArrayList>(); }
     void next(const char* remoteId = "0700") { service.readData_(QByteArray::fromHex(remoteId)); }
 };
 
@@ -291,7 +302,6 @@ void TestGfallbackServiceC::resetForgetsTheMessagesInTurn()
 
 void TestGfallbackServiceC::withdrawnMessagesNeverGoOut()
 {
-    LogSpy log;
     Fixture f;
     for (const char fill : {'1', '2', '3'}) {
         f.service.fallbackTxInTurn(7, message(100, fill));
@@ -303,7 +313,6 @@ void TestGfallbackServiceC::withdrawnMessagesNeverGoOut()
     f.service.withdraw(7);
     f.service.withdraw(7);
     f.service.withdraw(9);
-    QCOMPARE(log.count("GfallbackServiceC: 2 messages to remote unit 7 dropped, it is back on TCP."), 1);
     QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::BUSY_MSG_LAST_BLOCK);
     QCOMPARE(f.count(), 2);
 
@@ -312,6 +321,68 @@ void TestGfallbackServiceC::withdrawnMessagesNeverGoOut()
     QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
     f.next("0800");
     QCOMPARE(f.lastData(), message(100, 'o'));
+}
+
+void TestGfallbackServiceC::withdrawnMessagesAreGivenBackInTheirOrder()
+{
+    LogSpy log;
+    Fixture f;
+    for (const char fill : {'1', '2', '3'}) {
+        f.service.fallbackTxInTurn(7, message(100, fill));
+    }
+    f.service.fallbackTxInTurn(7, acknowledgement());
+    f.service.withdraw(7);
+    QCOMPARE(f.givenBack(), (QByteArrayList{message(100, '2'), message(100, '3')})); // the first is out
+    QCOMPARE(log.count(" dropped, it is back on TCP."), 0);
+}
+
+void TestGfallbackServiceC::messageOfWhichBlocksAreOutIsGivenBackWhole()
+{
+    Fixture f;
+    f.service.fallbackTx(7, message(600));
+    f.next();
+    f.service.withdraw(7);
+    QCOMPARE(f.givenBack(), QByteArrayList{message(600)});
+
+    f.service.reset(7);
+    f.service.fallbackTx(7, message(600, 'w'));
+    f.next();
+    f.next(); // its last block is out
+    f.service.withdraw(7);
+    QCOMPARE(f.givenBack(), QByteArrayList());
+}
+
+void TestGfallbackServiceC::everyWithdrawalIsAnswered()
+{
+    Fixture f;
+    f.service.fallbackTxInTurn(8, message(100));
+    f.service.fallbackTxInTurn(8, message(100, 'o'));
+    for (const unsigned short remoteId : {7, 7, 8, 8}) {
+        f.service.withdraw(remoteId);
+    }
+    QCOMPARE(f.givenBackSpy.count(), 4);
+    QCOMPARE(f.givenBackSpy.at(1).at(0).toInt(), 7);
+    QCOMPARE(f.givenBackSpy.at(1).at(1).value<QByteArrayList>(), QByteArrayList());
+    QCOMPARE(f.givenBackSpy.at(2).at(0).toInt(), 8);
+    QCOMPARE(f.givenBackSpy.at(2).at(1).value<QByteArrayList>(), QByteArrayList{message(100, 'o')});
+    QCOMPARE(f.givenBack(), QByteArrayList());
+}
+
+void TestGfallbackServiceC::whatHasWaitedForTooLongIsNotGivenBack()
+{
+    LogSpy log;
+    StandingClock clock;
+    Fixture f;
+    f.service.fallbackTxInTurn(7, message(100));
+    for (const char fill : {'2', '3'}) {
+        f.service.fallbackTxInTurn(7, message(100, fill)); // in the unit's place, and behind it
+    }
+    clock.advance(1ms);
+    f.service.fallbackTxInTurn(7, message(100, '4'));
+    clock.advance(1000ms);
+    f.service.withdraw(7);
+    QCOMPARE(f.givenBack(), QByteArrayList{message(100, '4')});
+    QCOMPARE(log.count("GfallbackServiceC: 2 messages to remote unit 7 dropped, it is back on TCP."), 1);
 }
 
 void TestGfallbackServiceC::withdrawnRestOfAMessageLetsTheNextAcknowledgementThrough()
