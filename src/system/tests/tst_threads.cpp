@@ -1,4 +1,5 @@
 #include "fatalprobe.h"
+#include "sanitizer.h"
 #include "schedulingattributes.h"
 #include "threads.h"
 
@@ -17,20 +18,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// Qt sees to it that there is __has_feature.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer) ||                \
-    __has_feature(address_sanitizer)
-#define UNDER_SANITIZER
-#endif
-
 namespace {
-
-/// Sanitizers have an allocator of their own and a memory beside the memory, and lock none of it.
-#ifdef UNDER_SANITIZER
-constexpr bool IsSanitized = true;
-#else
-constexpr bool IsSanitized = false;
-#endif
 
 constexpr uid_t OrdinaryUser = 65534;
 
