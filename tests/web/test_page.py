@@ -23,12 +23,11 @@ class Page:
         wait_for(lambda: wanted in self.text(name), seconds, f"{wanted!r} in {name}")
 
     def level(self, node):
-        return self.driver.find_element(By.CSS_SELECTOR, f"#node-{node}").get_attribute("data-level")
+        """In one step: the page may draw the node anew at any moment."""
+        return self.driver.execute_script("return document.getElementById(arguments[0])?.dataset.level", f"node-{node}")
 
     def wait_level(self, node, level):
-        wait_for(lambda: self.driver.execute_script(
-            "return document.getElementById(arguments[0])?.dataset.level", f"node-{node}") == level,
-            what=f"{node} {level}")
+        wait_for(lambda: self.level(node) == level, what=f"{node} {level}")
 
     def live(self):
         self.wait_text("connection-words", "live")
