@@ -200,7 +200,10 @@ class Soak:
                   f"slope {memory / 1024:+.1f} KiB a minute; descriptors {before.descriptors} -> {after.descriptors}, "
                   f"slope {descriptors:+.2f} a minute; threads {before.threads} -> {after.threads}")
         minutes = samples[-1].when / 60
-        judged = ((memory * minutes < RESIDENT_GROWTH, "resident memory grows"),
+        tells_nothing = self.bench.server.sanitized
+        if tells_nothing:
+            self._say("Resident memory is not judged: the server runs with a sanitizer.")
+        judged = ((tells_nothing or memory * minutes < RESIDENT_GROWTH, "resident memory grows"),
                   (descriptors * minutes < DESCRIPTOR_GROWTH, "descriptors grow"),
                   (after.threads <= before.threads and after.descriptors <= before.descriptors,
                    "threads and descriptors are not back where they were"))
