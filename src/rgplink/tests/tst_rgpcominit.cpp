@@ -173,7 +173,8 @@ void TestRGPComInit::firstInitDoesNotWaitForALargeApplication()
     h.hub.dataFromGLink(Unit, Command, "served meanwhile", &h.link);
     QCOMPARE(ApplicationChecksums::hashCount(), hashed); // all of that before the list is complete
 
-    QTRY_VERIFY_WITH_TIMEOUT(h.link.sent.count(InitAck) >= 1, IsSanitized ? 60000 : 20000);
+    constexpr int hashingLimitMs = IsSanitized ? 60000 : 20000;
+    QTRY_VERIFY_WITH_TIMEOUT(h.link.sent.count(InitAck) >= 1, hashingLimitMs);
     for (const SentMessage& message : qAsConst(h.link.sent.all)) {
         QCOMPARE(message.data.toHex(), initAckPayload(0, "").toHex());
     }
