@@ -13,7 +13,8 @@ pytestmark = pytest.mark.real_time("what is judged is whether the kernel's stall
 
 BESIDE_OTHERS = {"silence": 1.0, "stop": 0.3, "sigterm": 0.3}  # seconds
 HEAVY = {"processors", "memory"}  # they would disturb the other tests; bench/safety tries them
-UNDER_SANITIZER = {"disk-fails": "no memory is locked there, and the program itself is read from the disk that fails",
+NOT_LOCKED = "no memory is locked there, and the program itself is read from that disk"
+UNDER_SANITIZER = {"disk-fails": NOT_LOCKED, "disk-hangs": NOT_LOCKED,
                    "descriptors": "it needs descriptors of its own at the end"}
 
 
