@@ -71,8 +71,9 @@ private:
     void stopPeerReading();
 };
 
-/// From now on little that is written to the peer leaves our side. The peer's receive buffer stays as it is: with one that
-/// is too small for a segment the system drops the acknowledgement in that segment, too, and the connection stands.
+/// From now on little that is written to the peer leaves our side. The peer's receive buffer stays as it is: with one
+/// that is too small for a segment the system drops the acknowledgement in that segment, too, and the connection
+/// stands.
 void TestGLinkTransportTcp::stopPeerReading()
 {
     shrinkBuffer(m_descriptor, SO_SNDBUF);
