@@ -63,10 +63,10 @@ def _bound(table: str, port: int, state: str) -> bool:
     return any(row[1].endswith(f":{port:04X}") and row[3] == state for row in rows)
 
 
-def _is_thread_sanitized(program: str) -> bool:
-    """Whether it has the thread sanitizer in it, which is linked statically."""
+def is_sanitized(program: os.PathLike | str) -> bool:
+    """Whether it was built with the address or the thread sanitizer."""
     with open(program, "rb") as file, mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ) as content:
-        return content.find(b"__tsan_init") >= 0
+        return content.find(b"__asan_init") >= 0 or content.find(b"__tsan_init") >= 0
 
 
 def split_line(raw: str) -> LogLine:
@@ -215,8 +215,7 @@ class ServerProcess:
     def sanitized(self) -> bool:
         """Whether it runs with the address or the thread sanitizer: such a server keeps what it has freed on purpose, or a
         shadow of all that it touches, so that its resident memory tells nothing."""
-        with open(f"/proc/{self.pid}/maps", encoding="ascii") as file:
-            return "libasan" in file.read() or _is_thread_sanitized(f"/proc/{self.pid}/exe")
+        return is_sanitized(f"/proc/{self.pid}/exe")
 
     def memory(self) -> int:
         """Resident bytes, for comparing with later ones; always 0 when `sanitized`."""

@@ -279,6 +279,9 @@ void RGPCom::withdrawFromFallback(const GLinkConnection* connection)
     }
 }
 
+// What one still awaits, the other still gives back.
+static_assert(GfallbackServiceC::WorthGivingBack == GLinkConnection::PatienceOnFallback);
+
 void RGPCom::takeBackFromFallback(quint16 remoteId, const QByteArrayList& frames)
 {
     if (GLinkConnection* const connection = m_connection.value(remoteId)) {

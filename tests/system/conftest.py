@@ -14,6 +14,7 @@ sys.path.insert(0, str(REPOSITORY / "bench"))
 from tessarobench import namespaces, virtualtime  # noqa: E402
 from tessarobench.capturefile import CaptureFile  # noqa: E402
 from tessarobench.installation import APP, CONFIG_VALUES, Installation  # noqa: E402
+from tessarobench.serverprocess import is_sanitized  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -42,8 +43,7 @@ def server_path(request):
 @pytest.fixture(scope="session")
 def sanitized(server_path):
     """Whether it was built with the address or the thread sanitizer."""
-    program = server_path.read_bytes()
-    return b"__asan_init" in program or b"__tsan_init" in program
+    return is_sanitized(server_path)
 
 
 def unsuitable(config):

@@ -185,10 +185,11 @@ void GfallbackServiceC::keepForLater(LinkState& state, const Waiting& message, b
 void GfallbackServiceC::sendMessageBlock(unsigned short remoteId, LinkState& state)
 {
     sendDataBlock(remoteId, state.txData);
-    if (state.txData.isEmpty()) {
-        state.message.clear();
+    if (!state.txData.isEmpty()) {
+        return;
     }
-    if (state.linkStatus == BUSY_MSG && state.txData.isEmpty()) {
+    state.message.clear();
+    if (state.linkStatus == BUSY_MSG) {
         state.linkStatus = BUSY_MSG_LAST_BLOCK;
     }
 }

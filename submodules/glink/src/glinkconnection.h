@@ -185,6 +185,8 @@ private:
     bool hasLink() const { return !m_activeLink.isNull(); }
     bool isOnlyFallbackUser() const;
     bool isOverdue() const;
+    /// What waits goes out in a moment, when the fallback has let go of the unit and given back what it had.
+    bool isHeldBack() const { return m_isFallbackClosing || m_isAwaitingTakeBack; }
     bool mayTakeTurn() const;
     bool mustWaitForTcp(quint8 msgId) const;
     void dropWithoutLink(quint8 msgId);

@@ -14,13 +14,17 @@ namespace {
 
 constexpr int FrameOverhead = GLinkFrame::HeaderSize + GLinkFrame::CrcSize;
 
-RPGComGLinkMessage messageOf(const QByteArray& frame)
+quint8 msgIdOf(const QByteArray& frame)
 {
-    return {static_cast<quint8>(frame.at(GLinkFrame::MsgIdOffset)),
-            frame.mid(GLinkFrame::HeaderSize, frame.size() - FrameOverhead)};
+    return static_cast<quint8>(frame.at(GLinkFrame::MsgIdOffset));
 }
 
-/// The unit has introduced itself anew, and gets the answer to that, the last periodic data and the next base status.
+QByteArray payloadOf(const QByteArray& frame)
+{
+    return frame.mid(GLinkFrame::HeaderSize, frame.size() - FrameOverhead);
+}
+
+/// Newer values follow by themselves; and an answer belongs to the INIT over the link that the unit has left.
 bool isReplaced(quint8 msgId)
 {
     return msgId == GLINK_MSG_ID_INITACK || msgId == GLINK_MSG_ID_PERIODIC_DATA || msgId == GLINK_MSG_BASE_STATUS;
@@ -156,9 +160,8 @@ void GLinkConnection::takeBack(const QByteArrayList& frames)
 {
     QVector<RPGComGLinkMessage> messages;
     for (const QByteArray& frame : frames) {
-        const RPGComGLinkMessage message = frame.size() >= FrameOverhead ? messageOf(frame) : RPGComGLinkMessage();
-        if (message.msgId != 0 && !isReplaced(message.msgId)) {
-            messages.append(message);
+        if (frame.size() >= FrameOverhead && !isReplaced(msgIdOf(frame))) {
+            messages.append({msgIdOf(frame), payloadOf(frame)});
         }
     }
     if (!std::exchange(m_isAwaitingTakeBack, false)) {

@@ -39,13 +39,10 @@ void GLinkConnection::passTurnOn()
     }
 }
 
-/// A silent unit would not give back what it is given.
+/// A silent unit would not give back what it is given, and one that awaits older messages would not send it.
 bool GLinkConnection::mayTakeTurn() const
 {
-    if (m_isAwaitingTakeBack) {
-        return false;
-    }
-    return !isInFlight() || (!m_isSilent && !isOverdue());
+    return !m_isAwaitingTakeBack && (!isInFlight() || (!m_isSilent && !isOverdue()));
 }
 
 // --- Turns ----------------------------------------------------------------------------------------------------------
@@ -95,8 +92,8 @@ void GLinkConnection::logInvalidIndex() const
 
 void GLinkConnection::sendNextMessage()
 {
-    if (m_isFallbackClosing || m_isAwaitingTakeBack) {
-        return; // what waits goes out over TCP in a moment
+    if (isHeldBack()) {
+        return;
     }
     RPGComGLinkMessage message;
     GLinkConnection* const sender = m_gLink ? getNextMessage(message) : getNextFallbackMessage(message);
@@ -108,7 +105,7 @@ void GLinkConnection::sendNextMessage()
 void GLinkConnection::sendOwnNextMessage()
 {
     RPGComGLinkMessage message;
-    if (!m_isFallbackClosing && !m_isAwaitingTakeBack && m_queue.takeNext(message)) {
+    if (!isHeldBack() && m_queue.takeNext(message)) {
         sendMessage(message.msgId, message.data);
     }
 }

@@ -60,7 +60,6 @@ private:
         return act;
     }
     void makeArchive() const { m_unit->write(".ruapp.pairing/ruapp.tar", "archive"); }
-    /// The end of the process: nothing is undone by it.
     /// As if the process had ended: what the act would do at its own end is not done. It stays within reach of the leak
     /// sanitizer, and does not count as one.
     static void cutShort(std::unique_ptr<PairingAct> act)
