@@ -58,7 +58,7 @@ def _load(path: Path) -> ctypes.CDLL:
     return library
 
 
-def library_of(server: os.PathLike) -> Path:
+def preloaded_with(server: os.PathLike) -> Path:
     """Where the library lies that was built with this server."""
     return Path(server).resolve().parent / LIBRARY
 
@@ -66,8 +66,8 @@ def library_of(server: os.PathLike) -> Path:
 def offered(server: os.PathLike) -> Optional[Path]:
     """The library for this server; None, with one line on the standard error, where there can be no virtual time."""
     try:
-        check(library_of(server))
-        return library_of(server)
+        check(preloaded_with(server))
+        return preloaded_with(server)
     except Unsuitable as reason:
         print(f"No virtual time here, so this runs in real time: {reason}", file=sys.stderr)
         return None
@@ -89,7 +89,7 @@ class Page:
     """The memory that server and bench share, as a file."""
 
     def __init__(self, library: ctypes.CDLL, path: Path):
-        self.library, self.path = library, path
+        self._functions, self.path = library, path
         with open(path, "w+b") as file:
             file.truncate(library.virtualtime_page_size())
             self._memory = mmap.mmap(file.fileno(), library.virtualtime_page_size())
@@ -97,12 +97,12 @@ class Page:
         self.prepare(0, 0, 0)
 
     def prepare(self, now: int, monotonic_base: int, realtime_base: int) -> None:
-        self.library.virtualtime_prepare(self.address, now, monotonic_base, realtime_base)
+        self._functions.virtualtime_prepare(self.address, now, monotonic_base, realtime_base)
 
     @property
     def process(self) -> int:
         """The process that has taken part since then, 0: none."""
-        return self.library.virtualtime_process(self.address)
+        return self._functions.virtualtime_process(self.address)
 
     @staticmethod
     def environment(library: Path, page: Path) -> dict[str, str]:

@@ -49,7 +49,7 @@ def sanitized(server_path):
 def unsuitable(config):
     """Why there can be no virtual time; empty when there can."""
     try:
-        virtualtime.check(virtualtime.library_of(config.getoption("--server")))
+        virtualtime.check(virtualtime.preloaded_with(config.getoption("--server")))
         return ""
     except virtualtime.Unsuitable as reason:
         return str(reason)
@@ -66,7 +66,7 @@ def library_of_server(pytestconfig, server_path):
     """The library that makes virtual time; None where all is to run in real time."""
     if pytestconfig.getoption("--real-time") or unsuitable(pytestconfig):
         return None
-    return virtualtime.library_of(server_path)
+    return virtualtime.preloaded_with(server_path)
 
 
 @pytest.fixture

@@ -19,9 +19,9 @@ WAITS = {"poll": 100, "ppoll": 200, "select": 300, "nanosleep": 200, "usleep": 4
 
 @pytest.fixture(scope="module")
 def library(server_path):
-    if not virtualtime.library_of(server_path).exists():
+    if not virtualtime.preloaded_with(server_path).exists():
         pytest.skip("a build with sanitizers has no library for virtual time")
-    return virtualtime.library_of(server_path)
+    return virtualtime.preloaded_with(server_path)
 
 
 @pytest.fixture
@@ -116,7 +116,7 @@ def test_where_there_is_no_library_it_says_so_and_goes_on(tmp_path, capfd):
 
 
 def test_where_the_library_does_not_fit_it_says_so_and_goes_on(tmp_path, capfd):
-    library = virtualtime.library_of(tmp_path / "tessaroserver")
+    library = virtualtime.preloaded_with(tmp_path / "tessaroserver")
     library.parent.mkdir(parents=True)
     library.write_bytes(b"\x7fELF of another kind")
     assert virtualtime.offered(tmp_path / "tessaroserver") is None
