@@ -15,10 +15,12 @@ import signal
 import socket
 import tarfile
 import tempfile
+from functools import cached_property
 from pathlib import Path
 from typing import Any, Callable, Optional
 
 from .apiclient import LOOPBACK
+from .basecontroller import BaseController
 from .board import APPLICATIONS, EXAMPLES, PROGRAM, SERVER_DIRECTORY
 from .closing import Closing
 from .emulator import DRIVE_PIN, HOST_ADDRESSES, MONITOR_PIN, Emulator
@@ -31,6 +33,7 @@ BOARD_ADDRESSES = ("10.42.20.1/24", "192.168.32.1/24")
 GUEST_RELAY = "datagramrelay"
 _UPLOAD_LINE = 900  # characters; the console's line discipline takes 4095
 _GUEST_TICKS, _GUEST_PAGE = 100, 4096
+_PATIENT_SECONDS = 0.5
 
 
 class GuestRelay(Relay):
@@ -243,15 +246,24 @@ class EmulatedBoard(Closing):
         content = self._content()
         if content == self._laid:
             return
+        if content != self.emulator.unpacked:
+            self._upload()
+            self.emulator.unpacked = content
+        self._run("install")
+        self._laid = content
+
+    def _upload(self) -> None:
         packed = io.BytesIO()
         with tarfile.open(fileobj=packed, mode="w:gz") as archive:
             archive.add(self.applications, ".")
         text = base64.b64encode(packed.getvalue()).decode()
         for begin in range(0, len(text), _UPLOAD_LINE):
-            self.console.run(f"receive {text[begin:begin + _UPLOAD_LINE]}")
-        trouble = self.console.run("install")
+            self._run(f"receive {text[begin:begin + _UPLOAD_LINE]}")
+        self._run("unpack")
+
+    def _run(self, command: str) -> None:
+        trouble = self.console.run(command)
         assert not trouble, f"the board's files: {trouble}"
-        self._laid = content
 
     def _end_server(self) -> None:
         self.server.kill()
@@ -262,4 +274,11 @@ class EmulatedBoard(Closing):
 
 
 class EmulatedInstallation(Peers, EmulatedBoard):
-    """An emulated board together with its peers."""
+    """An emulated board together with its peers. Its processor may take longer for a packet than a base controller waits:
+    this one is patient."""
+
+    @cached_property
+    def bc(self) -> BaseController:
+        controller = super().bc
+        controller.retry_seconds = _PATIENT_SECONDS
+        return controller

@@ -233,12 +233,14 @@ class Emulator(Closing):
     """One running emulated board, booted when the constructor returns.
 
     Attributes: `loop`, `peers` (the World at the other end of its network cable), `uart`, `console`, `pins`, `control`,
-    `booted_in` (seconds). `close` pulls the plug; `shut_down` lets the board unmount its card first.
+    `booted_in` (seconds), `unpacked` (the files that lie ready on the board to be installed, None before the first).
+    `close` pulls the plug; `shut_down` lets the board unmount its card first.
     """
 
     def __init__(self, image: BoardImage, card: Path):
         self.loop, self.peers = Loop("emulator"), World("peers")
         super().__init__(self.loop.stop, self.peers.close)
+        self.unpacked: Optional[dict[Path, bytes]] = None
         try:
             self._boot(image, card)
         except BaseException:

@@ -1,12 +1,14 @@
 """Tests on the emulated board: the program for the board, Debian's kernel, and the bench's peers at the devices' ends.
 
-Booting takes far longer than a test, so the tests of a file share one board. Each gets the files laid anew and starts
-the server itself.
+Booting takes far longer than a test, so all tests share one board. Each gets the files laid anew and starts the server
+itself.
 """
 
+import contextlib
 import shutil
 import sys
 from pathlib import Path
+from typing import Optional
 
 import pytest
 
@@ -40,20 +42,40 @@ def image(request, tmp_path_factory):
     shutil.rmtree(folder)
 
 
-@pytest.fixture(scope="module")
-def card(image, tmp_path_factory):
-    """A memory card with the example installation."""
-    path = tmp_path_factory.mktemp("card") / "card.img"
-    yield image.card(path, EXAMPLES)
-    path.unlink()
+class Rack:
+    """One place for a board, with a memory card that holds the example installation."""
+
+    def __init__(self, image: BoardImage, card: Path):
+        self.image, self.card = image, image.card(card, EXAMPLES)
+        self._booted: Optional[Emulator] = None
+
+    @property
+    def emulator(self) -> Emulator:
+        """A board that has booted."""
+        if self._booted is None:
+            self._booted = Emulator(self.image, self.card)
+            print(f"\nthe emulated board was up after {self._booted.booted_in:.1f} s")
+        return self._booted
+
+    def shut_down(self) -> None:
+        """The next one boots from what this one has left on the card."""
+        self.emulator.shut_down()
+        self._booted = None
+
+    def close(self) -> None:
+        if self._booted:
+            self._booted.close()
 
 
-@pytest.fixture(scope="module")
-def emulator(image, card):
-    """A board that has booted."""
-    with Emulator(image, card) as booted:
-        print(f"\nthe emulated board was up after {booted.booted_in:.1f} s")
-        yield booted
+@pytest.fixture(scope="session")
+def rack(image, tmp_path_factory):
+    with contextlib.closing(Rack(image, tmp_path_factory.mktemp("card") / "card.img")) as place:
+        yield place
+
+
+@pytest.fixture
+def emulator(rack):
+    return rack.emulator
 
 
 @pytest.fixture

@@ -2,7 +2,6 @@
 
 from tessarobench import glink
 from tessarobench.emulatedboard import EmulatedInstallation
-from tessarobench.emulator import Emulator
 from tessarobench.installation import REMOTES
 
 SECONDS = 30
@@ -16,22 +15,21 @@ def words_of(bench, unit):
     return [row[word] for word in WORDS]
 
 
-def test_a_pairing_survives_a_restart_of_the_board(image, card):
-    with Emulator(image, card) as first:
-        with EmulatedInstallation(first) as bench:
-            bench.start_to_serve(SECONDS)
-            offer, archive = bench.tool.get(HANDSET, NEW_UNIT)
-            assert len(archive) == offer.size
-            bench.server.kill()  # nothing is written when it ends
-            bench.fetch()
-            words = words_of(bench, NEW_UNIT)
-            assert len(set(words)) == 4 and "0" not in words
-        first.shut_down()
+def test_a_pairing_survives_a_restart_of_the_board(rack):
+    with EmulatedInstallation(rack.emulator) as bench:
+        bench.start_to_serve(SECONDS)
+        offer, archive = bench.tool.get(HANDSET, NEW_UNIT)
+        assert len(archive) == offer.size
+        bench.server.kill()  # nothing is written when it ends
+        bench.fetch()
+        words = words_of(bench, NEW_UNIT)
+        assert len(set(words)) == 4 and "0" not in words
+    rack.shut_down()
 
-    on_card = image.read_from_card(card, f"Applications/{REMOTES}").decode()
+    on_card = rack.image.read_from_card(rack.card, f"Applications/{REMOTES}").decode()
     assert f"{NEW_UNIT};" + ";".join(words) in on_card.replace(" ", "")
 
-    with Emulator(image, card) as second, EmulatedInstallation(second, lay_files=False) as bench:
+    with EmulatedInstallation(rack.emulator, lay_files=False) as bench:
         assert words_of(bench, NEW_UNIT) == words
         bench.start_to_serve(SECONDS)
         unit = bench.unit(NEW_UNIT).join().wait_joined(SECONDS)
