@@ -1,25 +1,13 @@
-#include "baseunit.h"
-#include "cfallback_service_c.h"
 #include "eventually.h"
-#include "gfallback_service_c.h"
-#include "glinkserver.h"
-#include "glinktransporttcp.h"
+#include "linkedhub.h"
 #include "logspy.h"
-#include "remoteunit.h"
-#include "rgpcom.h"
 
 #include <QDir>
 #include <QElapsedTimer>
-#include <QMetaMethod>
-#include <QMutex>
-#include <QSet>
 #include <QSignalSpy>
-#include <QTcpSocket>
-#include <QThread>
 #include <QTimer>
 #include <QtTest>
 
-#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -40,16 +28,6 @@ private slots:
     void unitThatReconnectsKeepsItsNewLink();
     void reconnectStormLeavesNothingBehind();
     void servicesAreConnectedInTheirOwnThread();
-    void unitJoinsOverTheFallback();
-    void longMessageGoesOverTheFallbackInBlocks();
-    void unitLeavesTheFallback();
-    void rejectedFallbackDetachesTheUnit();
-    void unitGoesToTheFallbackAndReturns();
-    void whatWaitsOnTheFallbackComesFirstAfterTheReturn();
-    void initOverTcpWhileTheFallbackIsInUseIsAnsweredOnce();
-    void initOverTcpThatWasGivenUpLeavesTheFallbackInUse();
-    void commandsAreNeitherLostNorDoubledAcrossLinks();
-    void vanishedUnitOnTheFallbackDoesNotStopAHealthyOne();
     void serviceMessagesGoBothWays();
     void checksumsAreRenewedWithoutHoldingUpTheBaseStatus();
     void secondInitializeOnlyLogs();
@@ -57,139 +35,17 @@ private slots:
     void hubEndsWithUnitsOnBothPaths();
 
 private:
-    QScopedPointer<class Plant> m_plant;
+    QScopedPointer<LinkedHub> m_plant;
 };
 
 namespace {
-
-constexpr quint16 Unit = 5;
-constexpr quint16 OtherUnit = 6;
-constexpr quint8 Init = 1;
-constexpr quint8 InitAck = 2;
-constexpr quint8 Command = 3;
-constexpr quint8 Periodic = 4;
-constexpr quint8 Forward = 5;
-constexpr quint8 Status = 8;
-constexpr quint8 DeInit = 9;
-
-/// An address of this test alone, so that other tests may listen on the same port meanwhile.
-const QHostAddress ListenAddress(QStringLiteral("127.0.11.47"));
-
-QByteArray initFrame(quint16 remoteId, const QByteArray& checksum = QByteArray())
-{
-    return gLinkFrame(Init, initPayload(remoteId, BaseUnit::Identity, checksum));
-}
 
 int threadCount()
 {
     return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
 }
 
-/// A remote unit on TCP. Acknowledges what it receives, unless told not to.
-class TcpUnit : public QObject
-{
-public:
-    TcpUnit()
-    {
-        connect(&socket, &QTcpSocket::readyRead, this, &TcpUnit::read);
-        socket.connectToHost(ListenAddress, RGPCom::GLinkPort);
-    }
-    void write(const QByteArray& bytes) { socket.write(bytes); }
-    bool isConnected() const { return socket.state() == QAbstractSocket::ConnectedState; }
-
-    ReceivedFrames received;
-    bool isAcknowledging = true;
-    QTcpSocket socket;
-
-private:
-    void read()
-    {
-        m_rest += socket.readAll();
-        while (m_rest.size() >= 17 && m_rest.size() >= frameSize()) {
-            const QByteArray frame = m_rest.left(frameSize());
-            m_rest.remove(0, frame.size());
-            received.frames << frame;
-            if (isAcknowledging && frame.at(4) == 0) {
-                write(gLinkAck(static_cast<quint8>(frame.at(3))));
-            }
-        }
-    }
-    int frameSize() const { return 17 + quint8(m_rest.at(0)) + 256 * quint8(m_rest.at(1)) + 4; }
-
-    QByteArray m_rest;
-};
-
-/// Notes in which threads its signals are connected.
-template<typename Service>
-class WatchedService : public Service
-{
-public:
-    using Service::Service;
-
-    QSet<QThread*> connectedIn() const
-    {
-        const QMutexLocker lock(&m_mutex);
-        return m_connectedIn;
-    }
-
-protected:
-    void connectNotify(const QMetaMethod& signal) override
-    {
-        const QMutexLocker lock(&m_mutex);
-        if (signal.name() != "destroyed") {
-            m_connectedIn.insert(QThread::currentThread());
-        }
-    }
-
-private:
-    mutable QMutex m_mutex;
-    QSet<QThread*> m_connectedIn;
-};
-
-/// Lives in the service-layer thread, with the services.
-struct Services
-{
-    Services()
-    {
-        gFallback->moveToThread(&thread);
-        cFallback->moveToThread(&thread);
-        QObject::connect(&thread, &QThread::finished, gFallback, &QObject::deleteLater);
-        QObject::connect(&thread, &QThread::finished, cFallback, &QObject::deleteLater);
-        thread.start();
-    }
-    ~Services() { end(); }
-    void end()
-    {
-        thread.quit();
-        thread.wait();
-    }
-    Services(const Services&) = delete;
-    Services& operator=(const Services&) = delete;
-
-    QThread thread;
-    WatchedService<GfallbackServiceC>* const gFallback = new WatchedService<GfallbackServiceC>(nullptr, 105);
-    WatchedService<CFallbackServiceC>* const cFallback = new WatchedService<CFallbackServiceC>(nullptr, 104);
-};
-
 } // namespace
-
-class Plant
-{
-public:
-    Plant()
-        : relay(services.gFallback)
-        , hub(new RGPCom(&unit.tags, unit.configuration.data(), nullptr))
-    {
-        hub->initialize(services.gFallback, services.cFallback);
-    }
-    /// As the server ends: the services, which post to the hub's threads, before the hub.
-    ~Plant() { services.end(); }
-
-    BaseUnit unit;
-    Services services;
-    FallbackRelay relay;
-    QScopedPointer<RGPCom> hub;
-};
 
 void TestRGPComLinks::initTestCase()
 {
@@ -203,7 +59,7 @@ void TestRGPComLinks::cleanupTestCase()
 
 void TestRGPComLinks::init()
 {
-    m_plant.reset(new Plant);
+    m_plant.reset(new LinkedHub);
 }
 
 void TestRGPComLinks::cleanup()
@@ -310,225 +166,6 @@ void TestRGPComLinks::servicesAreConnectedInTheirOwnThread()
         const QSet<QThread*> itsThread{&services.thread};
         VERIFY_EVENTUALLY(services.gFallback->connectedIn() == itsThread);
         VERIFY_EVENTUALLY(services.cFallback->connectedIn() == itsThread);
-    }
-}
-
-void TestRGPComLinks::unitJoinsOverTheFallback()
-{
-    QSignalSpy commands(m_plant->hub.data(), &RGPCom::readyReadCmdFromRGP);
-    FallbackRelay& relay = m_plant->relay;
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
-    QCOMPARE(relay.unit(Unit).count(Init, true), 1);
-    QCOMPARE(relay.unit(Unit).lastPayload(InitAck).toHex(), initAckPayload(0, "").toHex());
-    m_plant->hub->sendBaseStatusToRemote();
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(Status) >= 1);
-
-    relay.deliver(Unit, gLinkFrame(Command, "from 5"));
-    VERIFY_EVENTUALLY(commands.count() == 1);
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(Command, true) == 1);
-}
-
-void TestRGPComLinks::longMessageGoesOverTheFallbackInBlocks()
-{
-    QSignalSpy periodic(m_plant->hub.data(), &RGPCom::readyReadFromRGP);
-    FallbackRelay& relay = m_plant->relay;
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
-    QByteArray values(1000, '\0');
-    for (int i = 0; i < values.size(); ++i) {
-        values[i] = char(i * 7);
-    }
-    m_plant->hub->send(Unit, Forward, values);
-    VERIFY_EVENTUALLY(relay.unit(Unit).lastPayload(Forward) == values);
-    relay.deliver(Unit, gLinkFrame(Periodic, values));
-    VERIFY_EVENTUALLY(periodic.count() == 1);
-    QCOMPARE(periodic.at(0).at(2).toByteArray(), values);
-}
-
-void TestRGPComLinks::unitLeavesTheFallback()
-{
-    FallbackRelay& relay = m_plant->relay;
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
-    relay.deliver(Unit, gLinkFrame(DeInit, QByteArray()));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(DeInit, true) == 1);
-    m_plant->hub->send(Unit, Forward, "dropped");
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 2);
-    QCOMPARE(relay.unit(Unit).count(Forward), 0);
-}
-
-void TestRGPComLinks::rejectedFallbackDetachesTheUnit()
-{
-    LogSpy log;
-    FallbackRelay& relay = m_plant->relay;
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
-    relay.reject();
-    VERIFY_EVENTUALLY(log.count("RGPCom::removeFallbackLink 5") == 1);
-    const int frames = relay.unit(Unit).frames.size();
-    m_plant->hub->send(Unit, Forward, "dropped");
-
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 2);
-    QVERIFY(relay.unit(Unit).frames.size() > frames);
-    QCOMPARE(relay.unit(Unit).count(Forward), 0);
-}
-
-void TestRGPComLinks::unitGoesToTheFallbackAndReturns()
-{
-    FallbackRelay& relay = m_plant->relay;
-    auto tcp = std::make_unique<TcpUnit>();
-    tcp->write(initFrame(Unit));
-    VERIFY_EVENTUALLY(tcp->received.count(InitAck) == 1);
-    tcp.reset();
-
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
-    m_plant->hub->send(Unit, Forward, "over the fallback");
-    VERIFY_EVENTUALLY(relay.unit(Unit).lastPayload(Forward) == QByteArray("over the fallback"));
-
-    tcp = std::make_unique<TcpUnit>();
-    tcp->write(initFrame(Unit));
-    VERIFY_EVENTUALLY(tcp->received.count(InitAck) == 1);
-    m_plant->hub->send(Unit, Forward, "over TCP");
-    VERIFY_EVENTUALLY(tcp->received.lastPayload(Forward) == QByteArray("over TCP"));
-    const int framesOverFallback = relay.unit(Unit).frames.size();
-    m_plant->hub->sendBaseStatusToRemote();
-    VERIFY_EVENTUALLY(tcp->received.count(Status) >= 1);
-    QCOMPARE(relay.unit(Unit).frames.size(), framesOverFallback);
-}
-
-// The base controller is slow to ask, or the unit quick to return: nothing is lost, late or out of order.
-void TestRGPComLinks::whatWaitsOnTheFallbackComesFirstAfterTheReturn()
-{
-    const LogSpy log;
-    FallbackRelay& relay = m_plant->relay;
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
-    relay.isAsking = false;
-    m_plant->hub->send(Unit, Forward, "taken");
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(Forward) == 1);
-    const int queued = log.count("Link BUSY, Tx message queued.");
-    m_plant->hub->sendCmd("not asked for");
-    VERIFY_EVENTUALLY(log.count("Link BUSY, Tx message queued.") > queued);
-    m_plant->hub->sendCmd("behind it");
-
-    TcpUnit tcp;
-    tcp.write(initFrame(Unit));
-    VERIFY_EVENTUALLY(tcp.received.count(InitAck) == 1 && tcp.received.count(Command) == 2);
-    QCOMPARE(tcp.received.payloads(Command), (QByteArrayList{"not asked for", "behind it"}));
-    relay.isAsking = true;
-    relay.ask(Unit);
-    relay.deliver(OtherUnit, initFrame(OtherUnit));
-    VERIFY_EVENTUALLY(relay.unit(OtherUnit).count(InitAck) == 1);
-    QCOMPARE(relay.unit(Unit).count(Command), 0);
-}
-
-// An INIT over TCP while the fallback is in use yields exactly one INITACK, on either path, under load too.
-void TestRGPComLinks::initOverTcpWhileTheFallbackIsInUseIsAnsweredOnce()
-{
-    FallbackRelay& relay = m_plant->relay;
-    for (int round = 1; round <= 20; ++round) {
-        relay.deliver(Unit, initFrame(Unit));
-        VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == round);
-        TcpUnit tcp;
-        tcp.write(initFrame(Unit));
-        for (int i = 0; i < 10; ++i) {
-            m_plant->hub->send(Unit, Forward, "load");
-            QCoreApplication::processEvents();
-        }
-        VERIFY_EVENTUALLY(tcp.received.count(InitAck) + relay.unit(Unit).count(InitAck) == round + 1);
-        m_plant->hub->send(Unit, Forward, "the last one");
-        VERIFY_EVENTUALLY(tcp.received.lastPayload(Forward) == QByteArray("the last one"));
-        QCOMPARE(tcp.received.count(InitAck) + relay.unit(Unit).count(InitAck), round + 1);
-    }
-}
-
-// An INIT over TCP waits for a large application to be hashed. The unit does not, and goes to the fallback meanwhile.
-void TestRGPComLinks::initOverTcpThatWasGivenUpLeavesTheFallbackInUse()
-{
-    ReceivedFrames& received = m_plant->relay.unit(Unit);
-    GLinkTransportTcp givenUp(-1, 0, nullptr, nullptr, nullptr);
-    const QSignalSpy ended(&givenUp, &GLinkTransportTcp::finished);
-    givenUp.handleInitMsg();
-    m_plant->relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(received.count(InitAck) == 1);
-
-    m_plant->hub->addGLink(Unit, &givenUp);
-    m_plant->hub->dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity), &givenUp);
-    m_plant->hub->send(Unit, Forward, "still there");
-
-    VERIFY_EVENTUALLY(received.lastPayload(Forward) == "still there");
-    VERIFY_EVENTUALLY(ended.count() == 1);
-    QCOMPARE(received.count(InitAck), 1);
-}
-
-// Fallback and return under load, without a lost or doubled command. A command is accepted for a unit that has a link,
-// so the test sends while it knows of one.
-void TestRGPComLinks::commandsAreNeitherLostNorDoubledAcrossLinks()
-{
-    FallbackRelay& relay = m_plant->relay;
-    QList<QByteArray> overTcp;
-    int number = 0;
-    const auto sendSome = [&] {
-        for (int i = 0; i < 20; ++i) {
-            m_plant->hub->send(Unit, Command, QByteArray::number(number++));
-        }
-    };
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
-    for (int round = 0; round < 5; ++round) {
-        sendSome();
-        TcpUnit tcp;
-        tcp.write(initFrame(Unit));
-        VERIFY_EVENTUALLY(tcp.received.count(InitAck) == 1);
-        sendSome();
-        m_plant->hub->send(Unit, Forward, "all sent");
-        VERIFY_EVENTUALLY(tcp.received.count(Forward) == 1);
-        for (const QByteArray& frame : qAsConst(tcp.received.frames)) {
-            if (frame.at(3) == Command && frame.at(4) == 0) {
-                overTcp << ReceivedFrames::payloadOf(frame);
-            }
-        }
-        // The unit prefers the fallback again while TCP still stands.
-        const int answers = relay.unit(Unit).count(InitAck);
-        relay.deliver(Unit, initFrame(Unit));
-        VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == answers + 1);
-    }
-    QList<int> arrived;
-    for (const QByteArray& payload : qAsConst(overTcp)) {
-        arrived << payload.toInt();
-    }
-    for (const QByteArray& frame : qAsConst(relay.unit(Unit).frames)) {
-        if (frame.at(3) == Command && frame.at(4) == 0) {
-            arrived << ReceivedFrames::payloadOf(frame).toInt();
-        }
-    }
-    std::sort(arrived.begin(), arrived.end());
-    QList<int> sent;
-    for (int i = 0; i < number; ++i) {
-        sent << i;
-    }
-    QCOMPARE(arrived, sent);
-}
-
-void TestRGPComLinks::vanishedUnitOnTheFallbackDoesNotStopAHealthyOne()
-{
-    FallbackRelay& relay = m_plant->relay;
-    relay.deliver(OtherUnit, initFrame(OtherUnit));
-    VERIFY_EVENTUALLY(relay.unit(OtherUnit).count(InitAck) == 1);
-    relay.isAcknowledging = false;
-    m_plant->hub->send(OtherUnit, Forward, "never acknowledged");
-    VERIFY_EVENTUALLY(relay.unit(OtherUnit).count(Forward) == 1);
-    relay.isAcknowledging = true;
-
-    relay.deliver(Unit, initFrame(Unit));
-    VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
-    for (int i = 1; i <= 5; ++i) {
-        m_plant->hub->sendBaseStatusToRemote();
-        VERIFY_EVENTUALLY(relay.unit(Unit).count(Status) >= i);
     }
 }
 

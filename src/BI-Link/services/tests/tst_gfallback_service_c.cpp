@@ -1,14 +1,10 @@
+#include "fallbackchannel.h"
 #include "fatalprobe.h"
 #include "gfallback_service_c.h"
 #include "logspy.h"
-#include "standingclock.h"
 
 #include <QSignalSpy>
 #include <QtTest>
-
-#include <chrono>
-
-using namespace std::chrono_literals;
 
 class TestGfallbackServiceC : public QObject
 {
@@ -22,19 +18,6 @@ private slots:
     void acknowledgementNeverInterruptsAMessage();
     void typeByteTellsAnAcknowledgementWhateverElseIsThere();
     void onlyOneAcknowledgementAndOneMessageWait();
-    void messagesInTurnWaitInTheirOrder();
-    void acknowledgementDoesNotWaitBehindMessagesInTurn();
-    void messagesInTurnAreBounded();
-    void messageThatCannotBeSentDoesNotHoldUpTheOthersInTurn();
-    void resetForgetsTheMessagesInTurn();
-    void withdrawnMessagesNeverGoOut();
-    void withdrawnMessagesAreGivenBackInTheirOrder();
-    void messageOfWhichBlocksAreOutIsGivenBackWhole();
-    void everyWithdrawalIsAnswered();
-    void whatHasWaitedForTooLongIsNotGivenBack();
-    void withdrawnRestOfAMessageLetsTheNextAcknowledgementThrough();
-    void lostLinkFreesAllChannels();
-    void withoutALinkMessagesInTurnAreDropped();
     void unitsHaveChannelsOfTheirOwn();
     void resetFreesTheChannel();
     void resetOfAnUnknownUnitDoesNothing();
@@ -53,49 +36,9 @@ private slots:
     void otherLinkOrClassIsFatal();
 };
 
-namespace {
-
-constexpr serviceId_T Id = 105;
-
-/// A frame header as a remote unit would see it; the CRCs do not matter to this service.
-QByteArray frame(char msgType, int size, char fill)
-{
-    QByteArray bytes(size, fill);
-    bytes.replace(0, 5, QByteArray::fromHex("0000010300"));
-    bytes[4] = msgType;
-    return bytes;
-}
-
-QByteArray message(int size, char fill = 'm')
-{
-    return frame(0, size, fill);
-}
-
-QByteArray acknowledgement(char fill = 'a')
-{
-    return frame(1, 21, fill);
-}
-
-/// The service with what it has sent, and a base controller that says "next".
-struct Fixture
-{
-    GfallbackServiceC service{nullptr, Id};
-    QSignalSpy spy{&service, &ServiceBase::readyReadFromService};
-    QSignalSpy givenBackSpy{&service, &GfallbackServiceC::givenBack};
-
-    int count() const { return spy.count(); }
-    QByteArray block(int index) const { return spy.at(index).at(0).toByteArray(); }
-    QByteArray lastHeader() const { return block(count() - 1).left(4).toHex(); }
-    QByteArray lastData() const { return block(count() - 1).mid(4); }
-    QByteArrayList givenBack() const { return givenBackSpy.last().at(1).value<QByteArrayList>(); }
-    void next(const char* remoteId = "0700") { service.readData_(QByteArray::fromHex(remoteId)); }
-};
-
-} // namespace
-
 void TestGfallbackServiceC::longMessageGoesInBlocksOnFlowControl()
 {
-    Fixture f;
+    FallbackChannel f;
     const QByteArray data = message(600);
 
     f.service.fallbackTx(7, data);
@@ -122,7 +65,7 @@ void TestGfallbackServiceC::longMessageGoesInBlocksOnFlowControl()
 
 void TestGfallbackServiceC::messageOfOneFullBlockIsItsOwnLastBlock()
 {
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(0x0201, message(250));
 
     QCOMPARE(f.count(), 1);
@@ -139,7 +82,7 @@ void TestGfallbackServiceC::messageOfOneFullBlockIsItsOwnLastBlock()
 
 void TestGfallbackServiceC::blocksCarryTheServicesIdAndClass()
 {
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, message(30));
     QCOMPARE(f.spy.at(0).at(1).value<Link>(), Internal);
     QCOMPARE(f.spy.at(0).at(2).toInt(), 105);
@@ -149,7 +92,7 @@ void TestGfallbackServiceC::blocksCarryTheServicesIdAndClass()
 void TestGfallbackServiceC::acknowledgementWaitsForTheLastBlockAndOvertakesTheWaitingMessage()
 {
     LogSpy log;
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, message(300));
     f.next(); // the last block is out
     f.service.fallbackTx(7, message(40, 'w'));
@@ -175,7 +118,7 @@ void TestGfallbackServiceC::acknowledgementWaitsForTheLastBlockAndOvertakesTheWa
 
 void TestGfallbackServiceC::acknowledgementNeverInterruptsAMessage()
 {
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, message(600));
     f.service.fallbackTx(7, acknowledgement());
 
@@ -193,7 +136,7 @@ void TestGfallbackServiceC::acknowledgementNeverInterruptsAMessage()
 
 void TestGfallbackServiceC::typeByteTellsAnAcknowledgementWhateverElseIsThere()
 {
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, QByteArray::fromHex("0000010301"));
     QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::BUSY_ACK);
     f.service.fallbackTx(8, QByteArray::fromHex("0000010300"));
@@ -205,7 +148,7 @@ void TestGfallbackServiceC::typeByteTellsAnAcknowledgementWhateverElseIsThere()
 void TestGfallbackServiceC::onlyOneAcknowledgementAndOneMessageWait()
 {
     LogSpy log;
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, acknowledgement('1'));
     QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::BUSY_ACK);
     QVERIFY(log.contains("remoteId 7 Length 21 status 1"));
@@ -225,222 +168,9 @@ void TestGfallbackServiceC::onlyOneAcknowledgementAndOneMessageWait()
     QCOMPARE(f.block(2).mid(4), message(30, '4'));
 }
 
-void TestGfallbackServiceC::messagesInTurnWaitInTheirOrder()
-{
-    LogSpy log;
-    Fixture f;
-    for (const char text : {'1', '2', '3', '4', '5'}) {
-        f.service.fallbackTxInTurn(7, message(text == '2' ? 300 : 30, text));
-    }
-    f.service.fallbackTxInTurn(8, message(30, '8'));
-    QCOMPARE(f.count(), 2);
-
-    QByteArray order;
-    for (int flowControls = 0; flowControls < 6; ++flowControls) {
-        f.next();
-        order += f.lastData().right(1);
-    }
-    QCOMPARE(order, QByteArray("223455")); // the second message has two blocks; nothing follows the fifth
-    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
-    QCOMPARE(log.count("Link BUSY, Tx message LOST!"), 0);
-}
-
-void TestGfallbackServiceC::acknowledgementDoesNotWaitBehindMessagesInTurn()
-{
-    Fixture f;
-    for (const char text : {'1', '2', '3'}) {
-        f.service.fallbackTxInTurn(7, message(30, text));
-    }
-    f.service.fallbackTxInTurn(7, acknowledgement());
-    f.next();
-    QCOMPARE(f.lastData(), acknowledgement());
-    f.next();
-    QCOMPARE(f.lastData(), message(30, '2'));
-    f.next();
-    QCOMPARE(f.lastData(), message(30, '3'));
-}
-
-void TestGfallbackServiceC::messagesInTurnAreBounded()
-{
-    LogSpy log;
-    Fixture f;
-    for (int i = 0; i < 100; ++i) { // one under way, one in its place, 64 behind it
-        f.service.fallbackTxInTurn(7, message(30));
-    }
-    QCOMPARE(log.count("Link BUSY, Tx message LOST!"), 100 - 66);
-    for (int i = 0; i < 100; ++i) {
-        f.next();
-    }
-    QCOMPARE(f.count(), 66);
-}
-
-void TestGfallbackServiceC::messageThatCannotBeSentDoesNotHoldUpTheOthersInTurn()
-{
-    Fixture f;
-    f.service.fallbackTxInTurn(7, message(30, '1'));
-    f.service.fallbackTxInTurn(7, message(30, '2'));
-    f.service.fallbackTxInTurn(7, message(65536));
-    f.service.fallbackTxInTurn(7, QByteArray());
-    f.service.fallbackTxInTurn(7, message(30, '3'));
-    f.next();
-    f.next();
-    QCOMPARE(f.lastData(), message(30, '3'));
-}
-
-void TestGfallbackServiceC::resetForgetsTheMessagesInTurn()
-{
-    Fixture f;
-    for (const char text : {'1', '2', '3', '4'}) {
-        f.service.fallbackTxInTurn(7, message(30, text));
-    }
-    f.service.reset(7);
-    f.next();
-    QCOMPARE(f.count(), 1);
-    f.service.fallbackTxInTurn(7, message(30, '5'));
-    QCOMPARE(f.lastData(), message(30, '5'));
-}
-
-void TestGfallbackServiceC::withdrawnMessagesNeverGoOut()
-{
-    Fixture f;
-    for (const char fill : {'1', '2', '3'}) {
-        f.service.fallbackTxInTurn(7, message(100, fill));
-    }
-    f.service.fallbackTxInTurn(7, acknowledgement());
-    f.service.fallbackTxInTurn(8, message(100));
-    f.service.fallbackTxInTurn(8, message(100, 'o'));
-
-    f.service.withdraw(7);
-    f.service.withdraw(7);
-    f.service.withdraw(9);
-    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::BUSY_MSG_LAST_BLOCK);
-    QCOMPARE(f.count(), 2);
-
-    f.next();
-    QCOMPARE(f.count(), 2);
-    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
-    f.next("0800");
-    QCOMPARE(f.lastData(), message(100, 'o'));
-}
-
-void TestGfallbackServiceC::withdrawnMessagesAreGivenBackInTheirOrder()
-{
-    LogSpy log;
-    Fixture f;
-    for (const char fill : {'1', '2', '3'}) {
-        f.service.fallbackTxInTurn(7, message(100, fill));
-    }
-    f.service.fallbackTxInTurn(7, acknowledgement());
-    f.service.withdraw(7);
-    QCOMPARE(f.givenBack(), (QByteArrayList{message(100, '2'), message(100, '3')})); // the first is out
-    QCOMPARE(log.count(" dropped, it is back on TCP."), 0);
-}
-
-void TestGfallbackServiceC::messageOfWhichBlocksAreOutIsGivenBackWhole()
-{
-    Fixture f;
-    f.service.fallbackTx(7, message(600));
-    f.next();
-    f.service.withdraw(7);
-    QCOMPARE(f.givenBack(), QByteArrayList{message(600)});
-
-    f.service.reset(7);
-    f.service.fallbackTx(7, message(600, 'w'));
-    f.next();
-    f.next(); // its last block is out
-    f.service.withdraw(7);
-    QCOMPARE(f.givenBack(), QByteArrayList());
-}
-
-void TestGfallbackServiceC::everyWithdrawalIsAnswered()
-{
-    Fixture f;
-    f.service.fallbackTxInTurn(8, message(100));
-    f.service.fallbackTxInTurn(8, message(100, 'o'));
-    for (const unsigned short remoteId : {7, 7, 8, 8}) {
-        f.service.withdraw(remoteId);
-    }
-    QCOMPARE(f.givenBackSpy.count(), 4);
-    QCOMPARE(f.givenBackSpy.at(1).at(0).toInt(), 7);
-    QCOMPARE(f.givenBackSpy.at(1).at(1).value<QByteArrayList>(), QByteArrayList());
-    QCOMPARE(f.givenBackSpy.at(2).at(0).toInt(), 8);
-    QCOMPARE(f.givenBackSpy.at(2).at(1).value<QByteArrayList>(), QByteArrayList{message(100, 'o')});
-    QCOMPARE(f.givenBack(), QByteArrayList());
-}
-
-void TestGfallbackServiceC::whatHasWaitedForTooLongIsNotGivenBack()
-{
-    LogSpy log;
-    StandingClock clock;
-    Fixture f;
-    f.service.fallbackTxInTurn(7, message(100));
-    for (const char fill : {'2', '3'}) {
-        f.service.fallbackTxInTurn(7, message(100, fill)); // in the unit's place, and behind it
-    }
-    clock.advance(1ms);
-    f.service.fallbackTxInTurn(7, message(100, '4'));
-    clock.advance(1000ms);
-    f.service.withdraw(7);
-    QCOMPARE(f.givenBack(), QByteArrayList{message(100, '4')});
-    QCOMPARE(log.count("GfallbackServiceC: 2 messages to remote unit 7 dropped, it is back on TCP."), 1);
-}
-
-void TestGfallbackServiceC::withdrawnRestOfAMessageLetsTheNextAcknowledgementThrough()
-{
-    Fixture f;
-    f.service.fallbackTxInTurn(7, message(600));
-    f.service.withdraw(7);
-
-    f.service.fallbackTxInTurn(7, acknowledgement('f')); // of the unit's farewell
-    QCOMPARE(f.count(), 1);
-    f.next();
-    QCOMPARE(f.lastData(), acknowledgement('f'));
-    f.next();
-    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
-}
-
-void TestGfallbackServiceC::lostLinkFreesAllChannels()
-{
-    Fixture f;
-    f.service.followLinkState(1);
-    f.service.fallbackTxInTurn(7, message(600));
-    f.service.fallbackTxInTurn(7, message(100, 'w'));
-    f.service.fallbackTxInTurn(8, message(100));
-    f.service.followLinkState(1);
-    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::BUSY_MSG);
-
-    f.service.followLinkState(0);
-    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
-    QCOMPARE(f.service.linkStatus(8), GfallbackServiceC::FREE);
-    QCOMPARE(f.service.waitingMessages(7), 0);
-
-    f.service.followLinkState(1);
-    f.service.fallbackTxInTurn(7, message(100, 'n'));
-    QCOMPARE(f.count(), 3);
-    QCOMPARE(f.lastData(), message(100, 'n'));
-}
-
-/// Else they would stand between the RESETs with which the link starts, and the base controller forget them.
-void TestGfallbackServiceC::withoutALinkMessagesInTurnAreDropped()
-{
-    LogSpy log;
-    Fixture f;
-    f.service.followLinkState(0);
-    f.service.fallbackTxInTurn(7, message(100));
-    f.service.fallbackTxInTurn(8, acknowledgement());
-    QCOMPARE(f.count(), 0);
-    QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
-    QCOMPARE(log.count("GfallbackServiceC: no internal link, messages to remote units are dropped."), 1);
-
-    f.service.followLinkState(1);
-    QCOMPARE(f.count(), 0);
-    f.service.fallbackTxInTurn(7, message(100, 'n'));
-    QCOMPARE(f.count(), 1);
-}
-
 void TestGfallbackServiceC::unitsHaveChannelsOfTheirOwn()
 {
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, message(300, '7'));
     f.service.fallbackTx(8, message(300, '8'));
     QCOMPARE(f.count(), 2);
@@ -454,7 +184,7 @@ void TestGfallbackServiceC::unitsHaveChannelsOfTheirOwn()
 
 void TestGfallbackServiceC::resetFreesTheChannel()
 {
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, message(600));
     f.service.fallbackTx(7, acknowledgement());
     f.service.reset(7);
@@ -469,7 +199,7 @@ void TestGfallbackServiceC::resetFreesTheChannel()
 
 void TestGfallbackServiceC::resetOfAnUnknownUnitDoesNothing()
 {
-    Fixture f;
+    FallbackChannel f;
     f.service.reset(9);
     QCOMPARE(f.count(), 0);
     QCOMPARE(f.service.linkStatus(9), GfallbackServiceC::FREE);
@@ -477,7 +207,7 @@ void TestGfallbackServiceC::resetOfAnUnknownUnitDoesNothing()
 
 void TestGfallbackServiceC::flowControlOfAnUnknownUnitDoesNothing()
 {
-    Fixture f;
+    FallbackChannel f;
     f.next("0900");
     QCOMPARE(f.count(), 0);
     QCOMPARE(f.service.linkStatus(9), GfallbackServiceC::FREE);
@@ -485,7 +215,7 @@ void TestGfallbackServiceC::flowControlOfAnUnknownUnitDoesNothing()
 
 void TestGfallbackServiceC::emptyMessageDoesNotBlockTheChannel()
 {
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, QByteArray());
     QByteArray nothing;
     f.service.sendDataBlock(7, nothing);
@@ -496,7 +226,7 @@ void TestGfallbackServiceC::emptyMessageDoesNotBlockTheChannel()
 void TestGfallbackServiceC::messageTooLongToAnnounceIsDropped()
 {
     LogSpy log;
-    Fixture f;
+    FallbackChannel f;
     f.service.fallbackTx(7, message(65536));
     QCOMPARE(f.count(), 0);
     QCOMPARE(f.service.linkStatus(7), GfallbackServiceC::FREE);
@@ -508,7 +238,7 @@ void TestGfallbackServiceC::messageTooLongToAnnounceIsDropped()
 
 void TestGfallbackServiceC::dataIsHandledFromTheEventLoop()
 {
-    Fixture f;
+    FallbackChannel f;
     QSignalSpy failed(&f.service, &GfallbackServiceC::linkFailed);
     f.service.readData(QByteArray(1, '\0'), Internal, MSG_CLASS_TRANSP_ACK);
     QCOMPARE(failed.count(), 0);
@@ -533,7 +263,7 @@ void TestGfallbackServiceC::oneByteReplies()
     QFETCH(int, failures);
     QFETCH(QStringList, log);
     LogSpy spy;
-    Fixture f;
+    FallbackChannel f;
     QSignalSpy failed(&f.service, &GfallbackServiceC::linkFailed);
 
     f.service.readData_(packet);
@@ -580,7 +310,7 @@ void TestGfallbackServiceC::receivedBlocks()
     QFETCH(QList<QByteArray>, blocks);
     QFETCH(QList<int>, ids);
     QFETCH(QList<QByteArray>, messages);
-    Fixture f;
+    FallbackChannel f;
     QSignalSpy received(&f.service, &GfallbackServiceC::fallbackRx);
 
     for (const QByteArray& block : blocks) {
@@ -597,7 +327,7 @@ void TestGfallbackServiceC::receivedBlocks()
 void TestGfallbackServiceC::partsOfAMessageAreReported()
 {
     LogSpy log;
-    Fixture f;
+    FallbackChannel f;
     f.service.readData_(QByteArray::fromHex("070005006162"));
     f.service.readData_(QByteArray::fromHex("070003006364"));
     QCOMPARE(log.lines(),
@@ -607,7 +337,7 @@ void TestGfallbackServiceC::partsOfAMessageAreReported()
 void TestGfallbackServiceC::endlessMessageIsDiscarded()
 {
     LogSpy log;
-    Fixture f;
+    FallbackChannel f;
     QSignalSpy received(&f.service, &GfallbackServiceC::fallbackRx);
     const QByteArray block = QByteArray::fromHex("0700FFFF") + QByteArray(250, 'x');
     const QString complaint = QStringLiteral("GfallbackServiceC: endless message of remote unit 7 discarded.");
@@ -628,7 +358,7 @@ void TestGfallbackServiceC::endlessMessageIsDiscarded()
 void TestGfallbackServiceC::lastBlockCannotMakeAMessageTooLong()
 {
     LogSpy log;
-    Fixture f;
+    FallbackChannel f;
     QSignalSpy received(&f.service, &GfallbackServiceC::fallbackRx);
     for (int i = 0; i < 262; ++i) {
         f.service.readData_(QByteArray::fromHex("0700FFFF") + QByteArray(250, 'x'));
@@ -641,7 +371,7 @@ void TestGfallbackServiceC::lastBlockCannotMakeAMessageTooLong()
 void TestGfallbackServiceC::randomPacketsAreSurvived()
 {
     LogSpy log;
-    Fixture f;
+    FallbackChannel f;
     quint32 seed = 20240521;
     const auto random = [&seed](quint32 bound) {
         seed = seed * 1664525U + 1013904223U;
