@@ -69,6 +69,13 @@ def is_sanitized(program: os.PathLike | str) -> bool:
         return content.find(b"__asan_init") >= 0 or content.find(b"__tsan_init") >= 0
 
 
+def unusable(program: Path) -> str:
+    """Why no server can be started from this file, for whoever named it; empty when one can."""
+    if not program.exists():
+        return f"There is no server at {program}: build it first (make build)."
+    return "" if program.is_file() and os.access(program, os.X_OK) else f"{program} is no program: nobody can start it."
+
+
 def split_line(raw: str) -> LogLine:
     stamp, separator, text = raw.partition(" - ")
     if separator and len(stamp) == STAMP_LENGTH and stamp[:8].isdigit():
