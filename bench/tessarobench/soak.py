@@ -104,8 +104,11 @@ class Soak:
 
     def _endure(self, seconds: float, period: float) -> list[Sample]:
         bench, began, samples = self.bench, clock.monotonic(), []
-        sampler = bench.loop.call(bench.loop.every, period, lambda: samples.append(
-            Sample(clock.monotonic() - self._began, bench.server.usage())))
+
+        def look() -> None:
+            samples.append(Sample(clock.monotonic() - self._began, bench.server.usage()))
+
+        sampler = bench.loop.call(bench.loop.every, period, look)
         self._pause(OPENING / self._pace)
         faults = (self._mute_controller, self._lose_network, self._reconnect, self._damage_stream,
                   self._silence_machine_controller, self._slow_unit)
@@ -117,6 +120,7 @@ class Soak:
             fault()
             self._pause(self._random.uniform(*PAUSE) / self._pace)
         sampler.cancel()
+        bench.loop.call(look)
         return samples
 
     def _pause(self, seconds: float) -> None:

@@ -53,7 +53,10 @@ def _load(path: Path) -> ctypes.CDLL:
             ("process", ctypes.c_int32, (pointer,)), ("begin", pointer, (pointer, ctypes.c_int32)), ("end", None, (pointer,)),
             ("stride", ctypes.c_int32, (pointer, pointer)), ("look_closely", None, (pointer,)), ("unknown_waits", number, (pointer,)),
             ("line_read", number, (pointer,)), ("line_written", number, (pointer,))):
-        function = getattr(library, f"virtualtime_{name}")
+        try:
+            function = getattr(library, f"virtualtime_{name}")
+        except AttributeError as error:
+            raise Unsuitable(f"{error}; it belongs to another version") from error
         function.restype, function.argtypes = result, arguments
     return library
 

@@ -2,6 +2,7 @@
 
 import select
 import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -11,6 +12,7 @@ from tessarobench import clock, pairwire, virtualtime
 from tessarobench.installation import Installation
 from tessarobench.soak import Soak
 
+SOAK = Path(__file__).resolve().parents[2] / "bench" / "soak"
 WAITS = {"poll": 100, "ppoll": 200, "select": 300, "nanosleep": 200, "usleep": 40, "sleep": 2000, "clock_nanosleep": 60,
          "poll until written": 70, "pthread_join": 0, "condition clockwait": 110, "condition timedwait": 120,
          "condition until notified": 130, "timed mutex": 140, "semaphore": 150, "futex": 160, "futex bitset": 170,
@@ -110,6 +112,17 @@ def test_the_books_of_a_soak_balance_chapter_by_chapter(server_path, library):
     assert int(images.split()[5]) > 60 * 45  # of all chapters together, fifty a second
 
 
+def test_a_soak_may_be_shorter_than_the_time_between_two_looks_at_its_figures(server_path, library):
+    assert Soak(server_path, 3, lambda text: None, library).run(0.1) == []
+
+
+@pytest.mark.parametrize("options", [("--days", "0"), ("--hours", "-1"), ("--minutes", "0"), ("--days", "inf"), ("--days", "week")])
+def test_a_soak_of_no_length_is_refused(server_path, options):
+    """And not taken for one of the usual length in real time."""
+    done = subprocess.run([sys.executable, SOAK, *options, "--server", server_path], capture_output=True, text=True, check=False)
+    assert done.returncode == 2 and f"argument {options[0]}: '{options[1]}' is no length of time" in done.stderr
+
+
 def test_where_there_is_no_library_it_says_so_and_goes_on(tmp_path, capfd):
     assert virtualtime.offered(tmp_path / "tessaroserver") is None
     assert "No virtual time here, so this runs in real time: there is no" in capfd.readouterr().err
@@ -121,3 +134,15 @@ def test_where_the_library_does_not_fit_it_says_so_and_goes_on(tmp_path, capfd):
     library.write_bytes(b"\x7fELF of another kind")
     assert virtualtime.offered(tmp_path / "tessaroserver") is None
     assert "No virtual time here, so this runs in real time: " in capfd.readouterr().err
+
+
+def test_a_library_of_another_version_is_not_used(tmp_path, capfd):
+    """It can be loaded, and has nothing of what the bench asks it for."""
+    library = virtualtime.preloaded_with(tmp_path / "tessaroserver")
+    library.parent.mkdir(parents=True)
+    source = tmp_path / "other.c"
+    source.write_text("int other(void) { return 0; }\n")
+    subprocess.run(["cc", "-shared", "-o", str(library), str(source)], check=True)
+    assert virtualtime.offered(tmp_path / "tessaroserver") is None
+    told = capfd.readouterr().err
+    assert told.startswith("No virtual time here, so this runs in real time: ") and "belongs to another version" in told
