@@ -15,8 +15,10 @@ LINKTYPE_COOKED, LINKTYPE_COOKED_2 = 113, 276  # of "tcpdump -i any"
 KNOWN_LINKS = {LINKTYPE_ETHERNET: "Ethernet", LINKTYPE_USER0: "lines of the UART", LINKTYPE_COOKED: "Linux cooked",
                LINKTYPE_COOKED_2: "Linux cooked, version 2"}
 DISORDER_SECONDS = 0.001  # more than what two processors' packets miss each other by
+LONGEST_SILENCE = 86_400.0  # seconds; more is a clock that was set, or damage, and nobody can wait for its end
 
 _SECTION, _INTERFACE, _SIMPLE, _ENHANCED = 0x0A0D0D0A, 1, 3, 6
+_PACKETS = (_SIMPLE, _ENHANCED)
 _MAGIC = 0x1A2B3C4D
 _PCAP_MAGICS = {0xA1B2C3D4: 1_000, 0xA1B23C4D: 1}  # nanoseconds per unit of the fraction
 _OPTION_NAME, _OPTION_RESOLUTION = 2, 9
@@ -45,6 +47,8 @@ class _Interface(NamedTuple):
 
 def read(path: Path) -> list[Packet]:
     """All packets, in the order of their times. Raises BadCapture, and OSError as open does."""
+    if Path(path).exists() and not Path(path).is_file() and not Path(path).is_dir():
+        raise BadCapture("this is no ordinary file, and a capture has to be one")
     raw = Path(path).read_bytes()
     if len(raw) < 4:
         raise BadCapture(f"the file has {len(raw)} bytes, which is no capture")
@@ -67,6 +71,9 @@ def _check_order(packets: list[Packet]) -> None:
         if packet.time < latest.time - DISORDER_SECONDS:
             raise BadCapture(f"packet {packet.number} is {latest.time - packet.time:.6f} s earlier than packet {latest.number} "
                              "before it: put the packets in order first (reordercap)")
+        if packet.time > latest.time + LONGEST_SILENCE:
+            raise BadCapture(f"packet {packet.number} comes {(packet.time - latest.time) / 86_400:.1f} days after packet "
+                             f"{latest.number} before it: nothing is played across more than one day (editcap takes a part)")
         latest = max(latest, packet, key=lambda each: each.time)
 
 
@@ -94,7 +101,7 @@ def _pcapng(raw: bytes) -> Iterator[Packet]:
                 interfaces = []
             elif kind == _INTERFACE:
                 interfaces.append(_interface(body, order))
-            elif kind in (_ENHANCED, _SIMPLE):
+            elif kind in _PACKETS:
                 number += 1
                 yield _enhanced(number, body, order, interfaces) if kind == _ENHANCED else _without_time(number)
         except (struct.error, IndexError) as error:
@@ -115,10 +122,11 @@ def _byte_order(raw: bytes, place: int, order: str) -> str:
 
 
 def _block(raw: bytes, place: int, order: str, number: int) -> tuple[int, bytes]:
-    after = f"packet {number + 1}" if number else "the block before the first packet"
+    after = f"the block after packet {number}" if number else "a block before the first packet"
     if place + 12 > len(raw):
         raise BadCapture(f"{after}: the file ends within it, at byte {len(raw)}")
     kind, total = struct.unpack_from(order + "II", raw, place)
+    after = f"packet {number + 1}" if kind in _PACKETS else after
     if total < 12 or total % 4 or total > _LARGEST_BLOCK:
         raise BadCapture(f"{after}: the block at byte {place} claims {total} bytes")
     if place + total > len(raw):
@@ -205,16 +213,16 @@ def transport(packet: Packet) -> Optional[Transport]:
     ends = ((addresses[0], ports[0]), (addresses[1], ports[1]))
     if protocol == _UDP:
         return Transport(packet, *ends, body[8:], None, 0)
-    sequence, _, offset, flags = struct.unpack_from(">IIBB", body, 4)
-    return Transport(packet, *ends, body[4 * (offset >> 4):], sequence, flags)
+    sequence, acknowledged, offset, flags = struct.unpack_from(">IIBB", body, 4)
+    return Transport(packet, *ends, body[4 * (offset >> 4):], sequence, flags, acknowledged if flags & _ACK else None)
 
 
 _TCP, _UDP = 6, 17
-_FIN, _SYN, _RST = 1, 2, 4
+_FIN, _SYN, _RST, _ACK = 1, 2, 4, 16
 
 
 class Transport(NamedTuple):
-    """`sequence` is None for UDP."""
+    """`sequence` is None for UDP; `acknowledged` is the number of the next byte that its sender waits for, if it says so."""
 
     packet: Packet
     source: tuple[str, int]
@@ -222,6 +230,7 @@ class Transport(NamedTuple):
     payload: bytes
     sequence: Optional[int]
     flags: int
+    acknowledged: Optional[int] = None
 
     @property
     def opens(self) -> bool:

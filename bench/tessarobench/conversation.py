@@ -16,6 +16,7 @@ from .captureread import BadCapture, Packet, Transport, transport
 from .pairwire import REQUEST_PORT as REQUESTS_PORT, TRANSFER_PORT
 from .pcapng import FROM_BASE_CONTROLLER, LINKTYPE_USER0
 from .remotepaths import ADDRESS
+from .tcpstream import Stream
 
 UART, EGLINK, API = "UART", "EGLink", "API"
 GLINK_PORT, PAIRING_PORTS = ADDRESS[1], (REQUESTS_PORT, TRANSFER_PORT)
@@ -23,6 +24,8 @@ OPEN, DATA, FINISH, RESET, END = "open", "data", "finish", "reset", "end"
 
 _BLOCK_HEAD = 4  # of the fallback: the unit, and how many bytes are still to come
 CAUSE_SECONDS = 0.02  # what a far side does so soon after an answer, it may do because of that
+_COMMAND_HEAD = 6     # of the machine controller's commands: the number and what is reserved
+_UNSAID = ("base controller",)  # the channel of what cannot come when its words are not in the capture
 
 Channel = tuple  # the link, and what tells a series of answers from the others of that link
 Place = tuple    # a channel and a place in that
@@ -104,7 +107,8 @@ def eglink_answer(time: float, number: int, raw: bytes) -> Answer:
 
 def glink_answer(time: float, number: int, link: str, frame: glink.Frame) -> Answer:
     kind = "ack of " + frame.name if frame.is_ack else frame.name
-    return Answer(time, number, (link, kind), frame.payload, frame.time, _words(kind, glink.describe(frame)))
+    origin = frame.payload[:1] if frame.msg_id == glink.PERIODIC_DATA else b""
+    return Answer(time, number, (link, kind, *origin), frame.payload, frame.time, _words(kind, glink.describe(frame)))
 
 
 def api_answer(time: float, number: int, raw: bytes) -> Answer:
@@ -121,6 +125,13 @@ def rules(channel: Channel) -> Rules:
     if link == API:
         return Rules(kind == "status", blend=kind == "status")
     return Rules(kind in ("heartbeat", "ack of heartbeat", "base status", "periodic data"))
+
+
+def follows_images(channel: Channel) -> bool:
+    """Whether such an answer passes on what the base controller says."""
+    link, kind = channel[:2]
+    return (kind == "base status" or channel[1:] == ("periodic data", glink.FROM_BASE_CONTROLLER) or
+            (link, kind) == (EGLINK, "VRPI") or link == API)
 
 
 def parts(answer: Answer) -> dict[str, Any]:
@@ -180,50 +191,10 @@ class Replies:
 # --- a whole capture -----------------------------------------------------------------------------------------------------
 
 
-class _Stream:
-    """One direction of a connection: what came is put in order, once."""
-
-    def __init__(self) -> None:
-        self._next: Optional[int] = None
-        self._early: dict[int, bytes] = {}
-        self.missing = 0
-
-    def begin(self, sequence: int) -> None:
-        self._next = sequence + 1 & 0xFFFFFFFF
-
-    def feed(self, sequence: int, data: bytes) -> bytes:
-        if self._next is None:
-            self._next = sequence
-        self._early[sequence] = max(self._early.get(sequence, b""), data, key=len)
-        out = bytearray()
-        while part := self._take():
-            out += part
-        return bytes(out)
-
-    def _take(self) -> bytes:
-        for sequence in list(self._early):
-            old = self._next - sequence & 0xFFFFFFFF
-            if old < 1 << 31:  # at or before the next byte
-                part = self._early.pop(sequence)[old:]
-                if part:
-                    self._next = self._next + len(part) & 0xFFFFFFFF
-                    return part
-        return b""
-
-    def give_up_hole(self) -> bytes:
-        """At the end of a connection: what stands behind bytes that the capture does not have."""
-        if not self._early:
-            return b""
-        first = min(self._early, key=lambda sequence: sequence - self._next & 0xFFFFFFFF)
-        self.missing += first - self._next & 0xFFFFFFFF
-        self._next = first
-        return self.feed(first, b"")
-
-
 class _Connection:
     def __init__(self, link: str, port: int):
-        self.link = link
-        self.to_base_unit, self.from_base_unit = _Stream(), _Stream()
+        self.link, self.port = link, port
+        self.to_base_unit, self.from_base_unit = Stream(), Stream()
         self.requests = glink.Assembler() if port == GLINK_PORT else None
         self.answers = Replies(link, port)
         self.opened = self.ended = self.answered_end = False
@@ -243,9 +214,12 @@ class Conversation:
         self._counts: collections.Counter = collections.Counter()
         self._last: dict[tuple, tuple[Channel, int, float]] = {}  # the newest answer that may be acknowledged, by its mark
         self._cause: Optional[tuple[Channel, int, float]] = None  # the newest answer that does not come by itself
-        self._connections: dict[tuple, _Connection] = {}
+        self._connections: dict[tuple, _Connection] = {}  # the newest of each pair of ends
+        self._all_connections: list[_Connection] = []
+        self._commands: set[bytes] = set()  # of the machine controller, which go on to the units
         self._inits: dict[str, glink.Init] = {}
-        self.has_uart = self.has_eglink = False
+        packets = list(packets)
+        self.has_uart, self.has_eglink = any(packet.link_type == LINKTYPE_USER0 for packet in packets), False
         for packet in packets:
             if packet.link_type == LINKTYPE_USER0:
                 self._line(packet)
@@ -254,7 +228,9 @@ class Conversation:
                 if segment:
                     self._segment(segment)
         if not self.moves:
-            raise BadCapture(f"among {packet.number} packets there is none that anybody sent to a base unit")
+            raise BadCapture(f"among {len(packets)} packets there is none that anybody sent to a base unit")
+        for connection in self._all_connections:
+            self._close(connection, packets[-1])
 
     @property
     def begins_at_start(self) -> bool:
@@ -263,7 +239,7 @@ class Conversation:
 
     @property
     def ports(self) -> dict[str, int]:
-        return {connection.link: key[2] for key, connection in self._connections.items()}
+        return {connection.link: connection.port for connection in self._all_connections}
 
     def _answer(self, answer: Answer, mark: Optional[tuple] = None) -> None:
         self.answers.append(answer)
@@ -287,7 +263,6 @@ class Conversation:
     # --- UART ------------------------------------------------------------------------------------------------------
 
     def _line(self, packet: Packet) -> None:
-        self.has_uart = True
         if not packet.data:
             raise BadCapture(f"packet {packet.number}: a line of the UART without its direction")
         direction, raw = packet.data[0], packet.data[1:]
@@ -320,6 +295,8 @@ class Conversation:
         elif target == self._port + eglink.BASE_UNIT_PORT_OFFSET:
             parsed = eglink.parse(data)
             acknowledges = parsed and parsed.type == "VRAO"
+            if parsed and parsed.type == "VRCO":
+                self._commands.add(bytes(parsed.payload[_COMMAND_HEAD:]))
             self._move(packet, EGLINK, DATA, data, (EGLINK, bytes(parsed.payload)) if acknowledges else None)
         elif target == self._port:
             self.has_eglink = True
@@ -331,12 +308,18 @@ class Conversation:
     def _stream(self, segment: Transport, key: tuple, to_base_unit: bool) -> None:
         connection = self._connections.get(key)
         if connection is None or (segment.opens and to_base_unit and connection.ended):
-            number = 1 + sum(each[2] == key[2] for each in self._connections)
+            number = 1 + sum(each.port == key[2] for each in self._all_connections)
             name = "GLink" if key[2] == GLINK_PORT else f"port {key[2]}"
             connection = self._connections[key] = _Connection(f"{name}, connection {number}", key[2])
-        stream = connection.to_base_unit if to_base_unit else connection.from_base_unit
+            self._all_connections.append(connection)
+        self._send(connection, segment.packet, connection.to_base_unit.pass_holes(segment.packet))
+        self._hear(connection, segment.packet, connection.from_base_unit.pass_holes(segment.packet))
+        streams = (connection.to_base_unit, connection.from_base_unit)
+        stream, other = streams if to_base_unit else streams[::-1]
         if segment.opens:
             stream.begin(segment.sequence)
+        if segment.acknowledged is not None:
+            other.acknowledge(segment.packet, segment.acknowledged)
         if to_base_unit:
             self._ask(connection, segment)
         else:
@@ -353,15 +336,20 @@ class Conversation:
             self._send(connection, packet, connection.to_base_unit.feed(segment.sequence, segment.payload))
         if (segment.finishes or segment.resets) and not connection.ended:
             connection.ended = True
-            self._send(connection, packet, self._behind_hole(connection, packet))
+            self._send(connection, packet, connection.to_base_unit.finish(packet))
             self._move(packet, connection.link, RESET if segment.resets else FINISH)
 
-    def _behind_hole(self, connection: _Connection, packet: Packet) -> bytes:
-        data = connection.to_base_unit.give_up_hole()
-        if connection.to_base_unit.missing:
-            self.notes.append(f"packet {packet.number}: {connection.to_base_unit.missing} bytes of {connection.link} towards the "
-                              "base unit are missing in the capture, and are missing here")
-        return data
+    def _close(self, connection: _Connection, last: Packet) -> None:
+        """At the end of the capture: what is still to be said, and what is missing."""
+        to, back = connection.to_base_unit, connection.from_base_unit
+        self._send(connection, last, to.finish(last))
+        self._hear(connection, last, back.finish(last))
+        if to.missing:
+            self.notes.append(f"packet {to.hole_at}: before it {to.missing} bytes of {connection.link} towards the base unit "
+                              "are missing in the capture, and are missing here")
+        if back.missing:
+            self.notes.append(f"packet {back.hole_at}: before it {back.missing} bytes of {connection.link} from the base unit "
+                              "are missing in the capture, and come in addition here")
 
     def _send(self, connection: _Connection, packet: Packet, data: bytes) -> None:
         """Whole frames one by one, so that each acknowledgement finds what it belongs to; anything else as it came."""
@@ -395,15 +383,23 @@ class Conversation:
 
     def _reply(self, connection: _Connection, segment: Transport) -> None:
         packet = segment.packet
-        data = connection.from_base_unit.feed(segment.sequence, segment.payload) if segment.payload else b""
+        if segment.payload:
+            self._hear(connection, packet, connection.from_base_unit.feed(segment.sequence, segment.payload))
+        if (segment.finishes or segment.resets) and not connection.answered_end:
+            connection.ended = connection.answered_end = True
+            self._hear(connection, packet, connection.from_base_unit.finish(packet))
+            for answer in connection.answers.end(packet.time, packet.number):
+                self._answer(answer)
+
+    def _hear(self, connection: _Connection, packet: Packet, data: bytes) -> None:
         for answer in connection.answers.feed(packet.time, packet.number, data) if data else []:
             kind = answer.channel[1]
             ids = [msg_id for msg_id, name in glink.NAMES.items() if name == kind]
-            self._answer(answer, (connection.link, ids[0]) if ids else None)
+            mark = (connection.link, ids[0]) if ids else None
+            if kind == "command" and not self.has_uart and answer.value not in self._commands:
+                self._last[mark] = _UNSAID, 0, packet.time
+                continue
+            self._answer(answer, mark)
             if kind == "INITACK" and answer.value[:2] == b"\0\0" and connection.link in self._inits:
                 init = self._inits[connection.link]
                 self.accepted[init.unit] = init.checksum
-        if (segment.finishes or segment.resets) and not connection.answered_end:
-            connection.ended = connection.answered_end = True
-            for answer in connection.answers.end(packet.time, packet.number):
-                self._answer(answer)

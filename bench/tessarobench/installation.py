@@ -7,6 +7,7 @@ from functools import cached_property
 from pathlib import Path
 from typing import Any, Optional
 
+from . import eglink
 from .apiclient import REPLY_PORT, REQUEST_PORT, ApiClient
 from .basecontroller import BaseController
 from .board import Board
@@ -32,6 +33,22 @@ LISTENING = "GLinkServer listening to address"
 
 # What the base controller of the example answers when the base unit asks for its settings.
 CONFIG_VALUES = {"BCSR": 30201, "BUID": 400, "IFTY": 2, "IVL1": 1500, "IVL2": 70000, "IVL3": -5}
+
+
+def missing_in(applications: Path) -> str:
+    """Why this folder cannot take the place of /home/root/Applications; empty when it can."""
+    lacking = next((file for file in (APP, REMOTES) if not (applications / file).is_file()), None)
+    return f"{applications} is no copy of a base unit's Applications: there is no {lacking} in it." if lacking else ""
+
+
+def controller_group(applications: Path) -> tuple[str, int]:
+    """The multicast group and the port on which a base unit with these files speaks to its machine controller."""
+    values: dict[str, str] = {}
+    for file in (APP, KEYS):
+        if (applications / file).is_file():
+            values.update({row.get("tag", ""): row.get("value", "") for row in Table.load(applications / file)})
+    port = values.get("MCPT", "")
+    return values.get("MCIP") or eglink.GROUP, int(port) if port.isdecimal() else eglink.PORT
 
 
 class Peers:

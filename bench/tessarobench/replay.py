@@ -6,6 +6,7 @@ that answer as it did then. An answer is compared with the one that stands at it
     identical    the same bytes
     allowed      another number, serial or time stamp; a value of the base unit's own rhythm that was told a moment before
                  or after; a transfer of the same size
+    not judged   what passes on the words of the base controller, when the capture does not hold those
     different    anything else, one that is missing, one that is too many, one that is more than the tolerance off its time
 """
 
@@ -20,19 +21,22 @@ from . import clock, glink, internallink as il
 from .apiclient import LINK as API_LINK
 from .capturefile import CaptureFile
 from .conversation import (API, DATA, EGLINK, END, FINISH, OPEN, RESET, UART, Answer, Channel, Conversation, Move,
-                           Replies, api_answer, eglink_answer, parts, rules, uart_answer)
-from .installation import APP, REMOTES, Installation
+                           Replies, api_answer, eglink_answer, follows_images, parts, rules, uart_answer)
+from .installation import APP, REMOTES, Installation, controller_group
 from .journal import FROM_BASE_UNIT, Event
 from .machinecontroller import MachineController
 from .remotepaths import ADDRESS, TcpPath
 from .serialline import SerialLine
+from .serverprocess import LINK as SERVER
 
 TOLERANCE, REAL_TOLERANCE = 0.06, 0.3  # seconds; the base unit's shortest time is its 50 ms repetition
 MOMENT = 0.6         # a value of its rhythm may be told so much earlier or later: the longest period is 500 ms
 AFTERWARDS = 0.1     # for what is under way at the end of the recording
 TICK = 0.001         # of the virtual clock
 FAR_SIDE = "far side"
+EXIT = (SERVER, "exit")  # the channel of its end
 IDENTICAL, ALLOWED = "identical", "allowed"
+NOT_JUDGED = "not judged, as they follow a base controller whose words the capture does not hold"
 
 
 class Difference(NamedTuple):
@@ -53,14 +57,16 @@ def _side(name: str, answer: Optional[Answer]) -> str:
     if answer is None:
         return f"  {name}  nothing"
     origin = f" (packet {answer.packet})" if answer.packet else ""
-    return f"  {name}  {answer.time:9.3f} s  {answer.words}{origin}\n  {'':{len(name)}}             {answer.value.hex(' ')}"
+    value = f"\n  {'':{len(name)}}             {answer.value.hex(' ')}" if answer.value else ""
+    return f"  {name}  {answer.time:9.3f} s  {answer.words}{origin}{value}"
 
 
 class Judge:
-    """Compares answers as they come; all times are seconds since the base unit's first word."""
+    """Compares answers as they come; all times are seconds since the base unit's first word. Without the UART in the capture
+    (`has_uart`) nobody knows what the base controller said, nor what should be passed on of that."""
 
-    def __init__(self, recorded: list[Answer], tolerance: float):
-        self._tolerance = tolerance
+    def __init__(self, recorded: list[Answer], tolerance: float, has_uart: bool = True):
+        self._tolerance, self._has_uart = tolerance, has_uart
         self._expected: dict[Channel, list[Answer]] = collections.defaultdict(list)
         for answer in recorded:
             self._expected[answer.channel].append(answer)
@@ -72,9 +78,15 @@ class Judge:
         """Judges one answer; returns its place among those of its kind."""
         place = len(self._came[answer.channel])
         self._came[answer.channel].append(answer)
+        if not self._judges(answer.channel):
+            self.counts[NOT_JUDGED] += 1
+            return place
         judge = self._in_rhythm if rules(answer.channel).rhythm else self._in_turn
         judge(answer, place)
         return place
+
+    def _judges(self, channel: Channel) -> bool:
+        return self._has_uart or not follows_images(channel)
 
     def _in_turn(self, answer: Answer, place: int) -> None:
         expected = self._expected[answer.channel]
@@ -123,6 +135,8 @@ class Judge:
     def finish(self) -> None:
         """What is recorded and did not come."""
         for channel, expected in self._expected.items():
+            if not self._judges(channel):
+                continue
             came = self._came[channel]
             if not rules(channel).rhythm:
                 for recorded in expected[len(came):]:
@@ -155,6 +169,7 @@ class Player:
         self._began: Optional[float] = None  # on the clock, the base unit's first word
         self._zero = 0.0                     # the same in the capture
         self._last = 0.0                     # the end of the recording, from then on
+        self._ended_at = 0.0                 # the same of the server, if it does
         self._waiting: dict[tuple[Channel, int], list[Move]] = collections.defaultdict(list)
         self._numbers: dict[tuple, int] = {}  # the base unit's packet numbers then -> now
         self._splitter = il.Splitter()
@@ -172,9 +187,10 @@ class Player:
             self._zero = self._first_word()
             self._last = max(each.time for each in (*self._talk.moves, *self._talk.answers)) - self._zero
             self.judge = Judge([answer._replace(time=answer.time - self._zero) for answer in self._talk.answers],
-                               self._patience)
+                               self._patience, self._talk.has_uart)
             self._connect()
             self._wait_for_end()
+            self._judge_life()
             self._close()
             bench.loop.raise_failure()
             self.judge.finish()
@@ -202,7 +218,7 @@ class Player:
         """The far sides take their places, and the server starts."""
         bench = self._bench
         self._controller = MachineController(bench.loop, bench.peer_socket(socket.SOCK_DGRAM), bench.journal,
-                                             bench.eth0.far_host, link=FAR_SIDE)
+                                             bench.eth0.far_host, *controller_group(bench.applications), link=FAR_SIDE)
         self._controller.acknowledges = False
         bench.closing(self._controller)
         bench.loop.call(bench.journal.listeners.append, self._hears)
@@ -319,6 +335,8 @@ class Player:
 
     def _hears(self, event: Event) -> None:
         """A listener of the journal, for the links on which a peer of the bench is the far side's ear."""
+        if event.link == SERVER and event.kind == "ended":
+            self._ended_at = self._now if self._began is not None else 0.0
         if event.direction != FROM_BASE_UNIT or self._began is None:
             return
         if event.link == FAR_SIDE:
@@ -340,6 +358,13 @@ class Player:
         last = self._last
         self._bench.wait_for(lambda: self._began is not None, 30, "the first word of the base unit")
         self._bench.wait_for(lambda: self._now >= last + AFTERWARDS, last + 30, "the end of the recording", poll=0.1)
+
+    def _judge_life(self) -> None:
+        """A server that has ended is different, whatever it answered before."""
+        status = self._bench.server.exit_status
+        if status is not None:
+            end = Answer(self._ended_at, 0, EXIT, b"", None, f"it ends with status {status}")
+            self.judge.differences.append(Difference("it does not last", EXIT, None, end))
 
     def _close(self) -> None:
         self._bench.loop.call(self._close_on_loop)

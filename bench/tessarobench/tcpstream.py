@@ -1,0 +1,82 @@
+"""One direction of a TCP connection in a capture: what came is put in order, once.
+
+At a hole the rest waits for the retransmission, until the receiver acknowledges what lies behind: then the bytes have
+crossed, and it is the capture that lacks them.
+"""
+
+from __future__ import annotations
+
+from typing import Optional
+
+from .captureread import DISORDER_SECONDS, Packet
+
+
+class Stream:
+    """`missing` counts the bytes that the capture lacks, and `hole_at` is the packet that first showed it (0: none)."""
+
+    def __init__(self) -> None:
+        self._next: Optional[int] = None
+        self._early: dict[int, bytes] = {}
+        self._acknowledged: Optional[tuple[Packet, int]] = None  # by which, and up to where; ahead of what is here
+        self._finished = False
+        self.missing = self.hole_at = 0
+
+    def begin(self, sequence: int) -> None:
+        self._next = sequence + 1 & 0xFFFFFFFF
+
+    def feed(self, sequence: int, data: bytes) -> bytes:
+        if self._next is None:
+            self._next = sequence
+        self._early[sequence] = max(self._early.get(sequence, b""), data, key=len)
+        return self._in_order()
+
+    def acknowledge(self, packet: Packet, number: int) -> None:
+        """The receiver says in it that it has everything before this byte."""
+        ahead = self._next is not None and self._ahead(number) > 0
+        if ahead and not self._finished and self._acknowledged is None:
+            self._acknowledged = packet, number
+
+    def pass_holes(self, packet: Packet) -> bytes:
+        """What stands behind bytes that were acknowledged and are not in the capture, when this packet comes."""
+        if self._acknowledged is None or packet.time <= self._acknowledged[0].time + DISORDER_SECONDS:
+            return b""
+        (shows, number), self._acknowledged = self._acknowledged, None
+        return self._skip_to(number, shows)
+
+    def finish(self, packet: Packet) -> bytes:
+        """At the end of a connection or of the capture: what stands behind holes. The end has a number of its own, which is
+        acknowledged like a byte and is none."""
+        self._finished = True
+        out = b""
+        while self._early:
+            out += self._skip_to(min(self._early, key=self._ahead), packet)
+        return out
+
+    def _ahead(self, number: int) -> int:
+        """Bytes from the next one; negative behind it."""
+        return (number - self._next + (1 << 31) & 0xFFFFFFFF) - (1 << 31)
+
+    def _skip_to(self, number: int, packet: Packet) -> bytes:
+        out = b""
+        while self._ahead(number) > 0:
+            first = min((number, *self._early), key=self._ahead)
+            self.missing += self._ahead(first)
+            self.hole_at = self.hole_at or packet.number
+            self._next = first
+            out += self._in_order()
+        return out
+
+    def _in_order(self) -> bytes:
+        out = bytearray()
+        while part := self._take():
+            out += part
+        return bytes(out)
+
+    def _take(self) -> bytes:
+        for sequence in list(self._early):
+            if self._ahead(sequence) <= 0:
+                part = self._early.pop(sequence)[-self._ahead(sequence):]
+                if part:
+                    self._next = self._next + len(part) & 0xFFFFFFFF
+                    return part
+        return b""
