@@ -27,8 +27,10 @@ _END_OF_LINE = b"\n"
 # By then, with room to spare, the kernel has handed over what had arrived, if the computer is not busy.
 _HANDED_OVER_SECONDS = 5 * RETIRE_MILLISECONDS / 1000
 _PATIENCE_SECONDS = 2.0  # more of them, if it is
-# The kernel takes the time of a packet before it finds a place for it: two of them on two processors may come in the wrong order.
-_STAMPED_NANOSECONDS = 100_000_000
+# The kernel takes the time of a packet before it finds a place for it: two of them on two processors may come in the wrong order,
+# and one may wait meanwhile for a thread of the kernel that nobody lets run. A tenth of a second was too little beside four busy
+# loops a processor.
+_STAMPED_NANOSECONDS = 1_000_000_000
 
 
 class Capture:

@@ -93,7 +93,7 @@ class PairingTrial:
         self.bench.wait_for(lambda: tool.has_ended, UP_SECONDS, "the end of server or transfer", poll=0.005)
         archive = tool.end()
         tracer.end()
-        if not tracer.injected:
+        if not tracer.injected and self._answers():
             return None
         self.bench.server.wait_exit(UP_SECONDS)
         return self._judge_after_the_next_start(before, archive)
@@ -190,6 +190,16 @@ class PairingTrial:
         if not self.bench.server.running:
             self.bench.start()
         self.bench.server.wait_log(READY, UP_SECONDS)
+
+    def _answers(self) -> bool:
+        """Whether the server is still there: a tracer that is asked to end may not come to say that it killed, and who was
+        killed takes its time to end."""
+        try:
+            with self.bench.service_tool(UP_SECONDS) as tool:
+                tool.list()
+            return True
+        except (ServiceToolError, OSError):
+            return False
 
     def _pair_anew(self) -> State:
         """A whole pairing, with a new setting; the base unit has another one after that, for the pairing that follows."""

@@ -179,7 +179,7 @@ def test_a_changed_application_that_is_being_hashed_holds_up_no_machine_stop(ser
     times.append(heard_after(serving, there.machine_stop))
     tell("2 GiB being hashed", times)
     assert max(times) < PROMPT
-    assert newcomer.wait_verdict(30).code == glink.OTHER_APPLICATION, "judged by the application as it was"
+    assert newcomer.wait_verdict(120).code == glink.OTHER_APPLICATION, "judged by the application as it was"
 
 
 def test_an_end_while_an_application_is_being_hashed_comes_in_time(serving):

@@ -5,7 +5,7 @@ import os
 
 import pytest
 
-from tessarobench.pairingtrial import PairingTrial, kills, summary
+from tessarobench.pairingtrial import PairingTrial, Tracer, kills, summary
 
 pytestmark = pytest.mark.real_time("kills and tracers come at moments of real time")
 
@@ -46,6 +46,14 @@ def test_killed_at_random_moments(bench):
 @pytest.mark.parametrize("call", CHANGING)
 def test_killed_at_each_call(trial, call):
     assert each_in_turn(lambda number: trial.kill_at(call, number)) == {}
+
+
+def test_a_kill_of_which_the_tracer_did_not_come_to_tell_is_judged_too(trial, monkeypatch):
+    """On a busy computer it is asked to end before it has seen the end of the server."""
+    monkeypatch.setattr(Tracer, "injected", False)
+    outcome = trial.kill_at("write", 1)
+    assert outcome is not None and outcome.faults == []
+    assert trial.kill_at("write", AT_MOST) is None
 
 
 @pytest.mark.parametrize("call", CHANGING + READING)
