@@ -331,7 +331,8 @@ class Conversation:
             connection.opened = True
             self._move(packet, connection.link, OPEN)
             if not segment.opens:
-                self.notes.append(f"packet {packet.number}: {connection.link} was open before the capture began")
+                self.notes.append(f"packet {packet.number}: {connection.link} was open before the capture began; what went "
+                                  "before is missing here, and who does not introduce himself is not served")
         if segment.payload:
             self._send(connection, packet, connection.to_base_unit.feed(segment.sequence, segment.payload))
         if (segment.finishes or segment.resets) and not connection.ended:

@@ -51,7 +51,9 @@ class SerialLine:
         self._loop.call(self._close)
 
     def _close(self) -> None:
-        if self._traffic and self._fd >= 0:
+        if self._fd < 0:
+            return
+        if self._traffic:
             self._traffic.readers -= 1
         self._loop.watch(self._fd)
         os.close(self._fd)

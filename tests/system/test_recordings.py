@@ -163,6 +163,17 @@ def test_a_site_with_its_machine_controller_elsewhere_is_played(server_path, vir
     assert any(answer.channel == ("EGLink", "VRAI") for answer in conversation.answers)
 
 
+@pytest.mark.parametrize("name, after", [("machine-controller", 0.5), ("settings", 0.1)])
+def test_a_capture_that_begins_in_the_middle_is_played(played, name, after):
+    """The bench's base controller brings the base unit up, and the recorded one goes on."""
+    packets = read(REPOSITORY / "tests" / "recordings" / f"{name}.pcapng")
+    conversation = Conversation(packet for packet in packets if packet.time > packets[0].time + after)
+    assert conversation.has_uart and not conversation.begins_at_start
+    judge = played(conversation)
+    assert not judge.differences, told(judge)
+    assert sum(judge.counts.values()) >= 5
+
+
 def on_the_way(towards_base_unit):
     """The packets of the networks in a recording, and those of them that carry bytes of a unit's connection."""
     packets = [packet for packet in read(REMOTE_UNIT) if packet.interface == "wlan0"]
