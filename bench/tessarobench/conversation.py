@@ -44,7 +44,8 @@ class Answer(NamedTuple):
 
 class Move(NamedTuple):
     """One thing that a far side did. It `acknowledges` an answer (a channel and a place in that), or comes `after` one that
-    was there a moment before it, by `delay` seconds in both cases."""
+    was there a moment before it, by `delay` seconds in both cases. Of what comes by the base unit's rhythm, places are
+    counted by the changes of its value (see Changes)."""
 
     time: float
     packet: int
@@ -54,6 +55,22 @@ class Move(NamedTuple):
     acknowledges: Optional[Place] = None
     after: Optional[Place] = None
     delay: float = 0.0
+
+
+class Changes:
+    """Counts how often each channel of a rhythm has said something else than before."""
+
+    def __init__(self) -> None:
+        self._counts: collections.Counter = collections.Counter()
+        self._values: dict[Channel, bytes] = {}
+
+    def place(self, answer: Answer) -> Optional[Place]:
+        """Of an answer that is a change; None when it is none."""
+        if not rules(answer.channel).rhythm or self._values.get(answer.channel) == answer.value:
+            return None
+        self._values[answer.channel] = answer.value
+        self._counts[answer.channel] += 1
+        return (*answer.channel, "change"), self._counts[answer.channel]
 
 
 class Rules(NamedTuple):
@@ -214,6 +231,8 @@ class Conversation:
         self._counts: collections.Counter = collections.Counter()
         self._last: dict[tuple, tuple[Channel, int, float]] = {}  # the newest answer that may be acknowledged, by its mark
         self._cause: Optional[tuple[Channel, int, float]] = None  # the newest answer that does not come by itself
+        self._change: Optional[tuple[Channel, int, float]] = None  # the newest one that does, and says something new
+        self._changes = Changes()
         self._connections: dict[tuple, _Connection] = {}  # the newest of each pair of ends
         self._all_connections: list[_Connection] = []
         self._commands: set[bytes] = set()  # of the machine controller, which go on to the units
@@ -246,17 +265,21 @@ class Conversation:
         place = answer.channel, self._counts[answer.channel], answer.time
         if mark:
             self._last[mark] = place
+        change = self._changes.place(answer)
+        if change:
+            self._change = *change, answer.time
         if not rules(answer.channel).rhythm:
             self._cause = place
         self._counts[answer.channel] += 1
 
     def _move(self, packet: Packet, link: str, what: str, data: bytes = b"", mark: Optional[tuple] = None) -> None:
-        acknowledged, cause = self._last.get(mark), self._cause
+        acknowledged = self._last.get(mark)
+        fresh = [each for each in (self._cause, self._change) if each and packet.time - each[2] <= CAUSE_SECONDS]
         if acknowledged:
             self.moves.append(Move(packet.time, packet.number, link, what, data, acknowledged[:2], None,
                                    packet.time - acknowledged[2]))
-        elif cause and packet.time - cause[2] <= CAUSE_SECONDS:
-            self.moves.append(Move(packet.time, packet.number, link, what, data, None, cause[:2], packet.time - cause[2]))
+        elif fresh:
+            self.moves.append(Move(packet.time, packet.number, link, what, data, None, fresh[0][:2], packet.time - fresh[0][2]))
         else:
             self.moves.append(Move(packet.time, packet.number, link, what, data))
 

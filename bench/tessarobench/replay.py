@@ -20,8 +20,8 @@ from typing import Any, NamedTuple, Optional
 from . import clock, glink, internallink as il
 from .apiclient import LINK as API_LINK
 from .capturefile import CaptureFile
-from .conversation import (API, DATA, EGLINK, END, FINISH, OPEN, RESET, UART, Answer, Channel, Conversation, Move,
-                           Replies, api_answer, eglink_answer, follows_images, parts, rules, uart_answer)
+from .conversation import (API, DATA, EGLINK, END, FINISH, OPEN, RESET, UART, Answer, Changes, Channel, Conversation,
+                           Move, Replies, api_answer, eglink_answer, follows_images, parts, rules, uart_answer)
 from .installation import APP, REMOTES, Installation, controller_group
 from .journal import FROM_BASE_UNIT, Event
 from .machinecontroller import MachineController
@@ -172,7 +172,7 @@ class Player:
         self._ended_at = 0.0                 # the same of the server, if it does
         self._waiting: dict[tuple[Channel, int], list[Move]] = collections.defaultdict(list)
         self._numbers: dict[tuple, int] = {}  # the base unit's packet numbers then -> now
-        self._splitter = il.Splitter()
+        self._splitter, self._changes = il.Splitter(), Changes()
         self._recorded_links = {answer.channel[0] for answer in conversation.answers}
         self._done: dict[int, list[Move]] = collections.defaultdict(list)
         self._patience = TOLERANCE if virtual_time else REAL_TOLERANCE
@@ -320,6 +320,8 @@ class Player:
         if answer.identity is not None:
             self._numbers[key] = answer.identity
         moves, now = self._waiting.pop(key, []), self._now
+        if change := self._changes.place(answer):
+            moves += self._waiting.pop(change, [])
         for move in moves:
             if move.acknowledges:
                 self._act_later(now + move.delay, move)
