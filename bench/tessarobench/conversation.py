@@ -220,13 +220,15 @@ class _Connection:
 class Conversation:
     """`moves` and `answers` in the order of their times; `notes` says what the capture lacks. `begins_at_start` tells
     whether it holds the internal link from its first word on, `has_uart` whether it holds it at all. `accepted` are the
-    remote units that the base unit took in, and the checksum of the application that each showed."""
+    remote units that the base unit took in, and the checksum of the application that each showed; `paired_here` those of them
+    that were strangers to it before."""
 
     def __init__(self, packets: Iterable[Packet], port: int = eglink.PORT):
         self.moves: list[Move] = []
         self.answers: list[Answer] = []
         self.notes: list[str] = []
         self.accepted: dict[int, bytes] = {}
+        self.paired_here: set[int] = set()
         self._port = port
         self._counts: collections.Counter = collections.Counter()
         self._last: dict[tuple, tuple[Channel, int, float]] = {}  # the newest answer that may be acknowledged, by its mark
@@ -424,6 +426,11 @@ class Conversation:
                 self._last[mark] = _UNSAID, 0, packet.time
                 continue
             self._answer(answer, mark)
-            if kind == "INITACK" and answer.value[:2] == b"\0\0" and connection.link in self._inits:
-                init = self._inits[connection.link]
-                self.accepted[init.unit] = init.checksum
+            if kind == "INITACK" and connection.link in self._inits:
+                self._note_verdict(self._inits[connection.link], int.from_bytes(answer.value[:2], "little"))
+
+    def _note_verdict(self, init: glink.Init, code: int) -> None:
+        if code == glink.ACCEPTED:
+            self.accepted[init.unit] = init.checksum
+        elif code == glink.NOT_PAIRED and init.unit not in self.accepted:
+            self.paired_here.add(init.unit)  # if it is ever taken in

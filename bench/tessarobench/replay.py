@@ -133,10 +133,13 @@ class Judge:
         return min(self._expected[answer.channel], key=lambda each: abs(each.time - answer.time), default=None)
 
     def finish(self) -> None:
-        """What is recorded and did not come."""
-        for channel, expected in self._expected.items():
+        """What is recorded and did not come. Connections that end behind the base unit's last word end with the server, or with
+        the recording."""
+        last = max((each.time for every in self._expected.values() for each in every if each.channel[1] != END), default=0.0)
+        for channel, recorded_here in self._expected.items():
             if not self._judges(channel):
                 continue
+            expected = [each for each in recorded_here if channel[1] != END or each.time <= last]
             came = self._came[channel]
             if not rules(channel).rhythm:
                 for recorded in expected[len(came):]:
@@ -202,7 +205,7 @@ class Player:
         """What the capture shows of the configuration: the units that belong to the base unit, and whether it spoke to a
         machine controller."""
         bench, table = self._bench, self._bench.table(REMOTES)
-        for row, unit in enumerate(sorted(self._talk.accepted)):
+        for row, unit in enumerate(sorted(self._talk.accepted.keys() - self._talk.paired_here)):
             table.set(str(row), RUID=unit, **{f"PKY{word}": 0 for word in range(1, 5)})
         if not self._installation:
             table.save(bench.applications / REMOTES)

@@ -9,10 +9,10 @@ from pathlib import Path
 
 import pytest
 
-from tessarobench import captureread
+from tessarobench import captureread, glink
 from tessarobench.board import EXAMPLES
 from tessarobench.captureread import BadCapture, read
-from tessarobench.conversation import OPEN, Conversation
+from tessarobench.conversation import END, OPEN, Answer, Conversation
 from tessarobench.csvfile import Table
 from tessarobench.installation import APP, controller_group
 from tessarobench.pcapng import LINKTYPE_ETHERNET, LINKTYPE_USER0
@@ -161,6 +161,31 @@ def test_a_site_with_its_machine_controller_elsewhere_is_played(server_path, vir
     judge = Player(conversation, server_path, virtual_time, site).run()
     assert not judge.differences, told(judge)
     assert any(answer.channel == ("EGLink", "VRAI") for answer in conversation.answers)
+
+
+def test_a_connection_that_ends_with_the_recording_is_no_difference(played):
+    """A server that is ended at last takes its connections with it; here it runs on."""
+    conversation = Conversation(read(REMOTE_UNIT))
+    recorded, last = conversation.answers, max(answer.time for answer in conversation.answers)
+    one_more = Answer(last + 0.01, 0, ("GLink, connection 1", END), b"", None, "the connection's end")
+    conversation.answers = [*recorded, one_more]
+    assert not played(conversation).differences
+    conversation.answers = [*recorded, one_more._replace(time=last - 0.5)]
+    assert [difference.what for difference in played(conversation).differences] == ["it does not come"]
+
+
+def test_a_unit_that_is_paired_in_the_recording_is_a_stranger_before():
+    def verdict(packet, code):
+        """The answer to the unit's INIT, with another code."""
+        raw = glink.Frame(glink.INITACK, code.to_bytes(2, "little") + bytes(40), glink.MESSAGE, glink.DATA_STREAM, 0).pack()
+        return packet._replace(data=packet.data[:-len(raw)] + raw)
+
+    packets = [packet for packet in read(REMOTE_UNIT) if packet.interface == "wlan0"]
+    initack = next(packet for packet in packets if packet.number == 34)
+    refused = [verdict(packet, glink.NOT_PAIRED) if packet is initack else packet for packet in packets]
+    later = [packet._replace(time=packet.time + 10) for packet in packets]
+    assert Conversation(packets).paired_here == set()
+    assert Conversation(refused + later).paired_here == {1001}
 
 
 @pytest.mark.parametrize("name, after", [("machine-controller", 0.5), ("settings", 0.1)])
