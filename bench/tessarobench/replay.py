@@ -237,7 +237,14 @@ class Player:
             bench.loop.call(self._begin)
 
     def _take_line(self) -> SerialLine:
-        return self._bench.closing(SerialLine(self._bench.loop, self._bench.serial(), self._line_says))
+        """Tapped before anything is read from it."""
+        return self._bench.closing(self._bench.loop.call(self._make_line))
+
+    def _make_line(self) -> SerialLine:
+        line = SerialLine(self._bench.loop, self._bench.serial(), self._line_says)
+        if self._bench.capture:
+            line.taps.append(self._bench.capture.line)
+        return line
 
     # --- what far sides do -----------------------------------------------------------------------------------------
 

@@ -11,6 +11,7 @@ import pytest
 
 from tessarobench import captureread, glink
 from tessarobench.board import EXAMPLES
+from tessarobench.capturefile import CaptureFile
 from tessarobench.captureread import BadCapture, read
 from tessarobench.conversation import END, OPEN, Answer, Conversation
 from tessarobench.csvfile import Table
@@ -161,6 +162,17 @@ def test_a_site_with_its_machine_controller_elsewhere_is_played(server_path, vir
     judge = Player(conversation, server_path, virtual_time, site).run()
     assert not judge.differences, told(judge)
     assert any(answer.channel == ("EGLink", "VRAI") for answer in conversation.answers)
+
+
+def test_what_is_played_can_be_captured_and_played_again(server_path, virtual_time, tmp_path):
+    if virtual_time is None:
+        pytest.skip("recordings are compared in virtual time")
+    file = CaptureFile(tmp_path / "again.pcapng")
+    assert not Player(Conversation(read(REMOTE_UNIT)), server_path, virtual_time, capture=file).run().differences
+    conversation = Conversation(read(tmp_path / "again.pcapng"))
+    assert conversation.begins_at_start and len(conversation.accepted) == 1
+    judge = Player(conversation, server_path, virtual_time).run()
+    assert not judge.differences, told(judge)
 
 
 def test_a_connection_that_ends_with_the_recording_is_no_difference(played):
