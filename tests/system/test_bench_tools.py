@@ -99,3 +99,12 @@ def test_an_interrupted_tour_ends_quickly(server_path, number, status):
         os.killpg(tour.pid, number)
         assert tour.wait(20) == status
         assert "Traceback" not in tour.stdout.read()
+
+
+@pytest.mark.parametrize("tool, options", [("run", []), ("soak", []), ("safety", []), ("pairing-kills", []), ("fleet", []),
+                                           ("scenario", [BENCH / "scenarios" / "pieces.scn"])])
+def test_a_server_that_is_none_is_refused_in_one_line(tool, options, tmp_path):
+    for server, told in ((tmp_path / "none", "There is no server at {}: build it first (make build).\n"),
+                         (tmp_path, "{} is no program: nobody can start it.\n")):
+        done = run(BENCH / tool, *options, "--server", server)
+        assert (done.returncode, done.stdout, done.stderr) == (2, "", told.format(server))
