@@ -60,3 +60,14 @@ def test_the_times_of_a_run_are_told_once(step):
     told = step("times").stdout
     assert told.startswith("Took: Compiling ") and ", the tour " in told and "; together " in told
     assert step("times").stdout == ""
+
+
+def test_times_that_were_never_told_go_with_their_run(step):
+    cache = step.folder / ".cache"
+    cache.mkdir()
+    ended = subprocess.Popen(["true"])
+    ended.wait()
+    for run in (ended.pid, os.getpid()):
+        (cache / f"times-{run}").write_text("3\tCompiling\n")
+    step("step", "compile", "Compiling", "true")
+    assert {path.name for path in cache.glob("times-*")} == {"times-7", f"times-{os.getpid()}"}
