@@ -1,7 +1,7 @@
 #include "archiveturn.h"
 
 #include "applicationconfig.h"
-#include "applications.h"
+#include "applicationmanifest.h"
 #include "configuration.h"
 #include "tag.h"
 #include "tagdatabase.h"
@@ -17,6 +17,11 @@ const QString CopiedSettings[] = {
     QStringLiteral("CCH1"), QStringLiteral("CCH2"), QStringLiteral("CCH3"),
     QStringLiteral("SID1"), QStringLiteral("WPA1"),
 };
+
+bool isUserApp(const ApplicationManifest::Entries& manifest)
+{
+    return manifest.value(QStringLiteral("type")) == QLatin1String("user");
+}
 
 unsigned int baseUnitId(const TagDatabase& tags)
 {
@@ -51,7 +56,13 @@ bool ArchiveTurn::prepare(Configuration& configuration, const TagDatabase& tags,
 {
     QVector<TextFileChange> application;
     std::optional<TextFileChange> remotes;
-    if (isUserApp(m_appPath) && !preparePairing(configuration, tags, application, remotes)) {
+    const auto manifest = ApplicationManifest::read(m_appPath + QStringLiteral("/manifest.csv"));
+    if (!manifest) {
+        // Nobody knows whether to pair then, and the keys in there belong to another unit.
+        qWarning() << "pairserver: Could not prepare" << m_appPath << "- its manifest cannot be read";
+        return false;
+    }
+    if (isUserApp(*manifest) && !preparePairing(configuration, tags, application, remotes)) {
         return false;
     }
     m_act = std::make_unique<PairingAct>(m_appPath, records);

@@ -47,7 +47,7 @@ public:
     /// configuration is read anew first, so that it gets the settings that stand in the files now.
     /// @param records  outlive this object.
     /// @return false, with a log line, when that cannot be done: unit 0, settings that cannot be read, an application
-    ///         without its two files, a full disk. What had been made goes with this object.
+    ///         without its manifest or its two files, a full disk. What had been made goes with this object.
     bool prepare(Configuration& configuration, const TagDatabase& tags, const PairingRecords& records);
     /// Only after `prepare` succeeded. The archive is to lie beside that folder, under its name and ".tar".
     QString folderToPack() const { return m_act->folderToPack(); }

@@ -33,6 +33,7 @@ private slots:
     void toolsThatAskAtOnceAreServedInTurn();
     void toolThatLeavesGivesUpItsTurn();
     void toolThatWaitsIsRefusedAFurtherArchive();
+    void applicationThatLosesItsManifestMeanwhileIsNotHandedOut();
     void offerBelongsToOneConnection();
     void offerGoesWithItsConnection();
     void whoNeverFetchesHoldsUpNobody();
@@ -256,6 +257,26 @@ void TestPairServerConnections::toolThatWaitsIsRefusedAFurtherArchive()
                 2);
     QCOMPARE(m_log->count(QStringLiteral("pairarchive: Unable to create tar. Another process is running.")), 99);
     QCOMPARE(tar.calls().size(), 2);
+}
+
+/// Nobody knows any more that it is to be paired; packed as it is, it would bring another unit's keys.
+void TestPairServerConnections::applicationThatLosesItsManifestMeanwhileIsNotHandedOut()
+{
+    const FakeTar tar(FakeTar::Waiting);
+    m_tool->send(getAppRequest(9, m_unit->path("rusys")));
+    QTRY_COMPARE(tar.calls().size(), 1);
+    const std::unique_ptr<ToolConnection> newer = connectTool();
+    newer->send(getAppRequest(10, m_unit->path("ruapp")));
+    QTRY_COMPARE(linesWith("has to wait for its turn"), 1);
+    QVERIFY(QFile::remove(m_unit->path("ruapp/manifest.csv")));
+
+    tar.release();
+
+    QTRY_COMPARE(m_log->lines(QtWarningMsg),
+                 QStringList{QStringLiteral("pairserver: Could not prepare \"%1\" - its manifest cannot be read")
+                                 .arg(m_unit->path("ruapp"))});
+    QCOMPARE(tar.calls().size(), 1);
+    QCOMPARE(newer->received(), QByteArray());
 }
 
 void TestPairServerConnections::offerBelongsToOneConnection()
