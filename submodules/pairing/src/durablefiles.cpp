@@ -7,7 +7,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -41,6 +43,16 @@ public:
 
 private:
     const int m_number;
+};
+
+struct FolderCloser
+{
+    void operator()(DIR* folder) const
+    {
+        const int error = errno;
+        ::closedir(folder);
+        errno = error;
+    }
 };
 
 bool writeAll(int descriptor, const char* data, qint64 size)
@@ -158,6 +170,23 @@ bool DurableFiles::sync(const QString& path)
 {
     const Descriptor entry(::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     return entry.isOpen() && ::fsync(entry.number()) == 0;
+}
+
+bool DurableFiles::namesIn(const QString& folder, QStringList& names)
+{
+    const std::unique_ptr<DIR, FolderCloser> entries(::opendir(QFile::encodeName(folder).constData()));
+    if (entries == nullptr) {
+        return false;
+    }
+    errno = 0;
+    while (const dirent* entry = ::readdir(entries.get())) {
+        const QString name = QFile::decodeName(entry->d_name);
+        if (name != QLatin1String(".") && name != QLatin1String("..")) {
+            names.append(name);
+        }
+        errno = 0;
+    }
+    return errno == 0;
 }
 
 bool DurableFiles::isGone(const QString& path)

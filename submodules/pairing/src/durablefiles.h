@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 /// File operations of which each has reached the disk, or can be made to, before the next one builds on it.
 ///
@@ -24,6 +25,10 @@ bool rename(const QString& path, const QString& to);
 
 /// Waits until a file's content, or a folder's list of names, is on the disk.
 bool sync(const QString& path);
+
+/// The names in a folder, hidden ones included; false when they could not all be read: a list that is too short would
+/// go unnoticed.
+bool namesIn(const QString& folder, QStringList& names);
 
 /// Whether nothing is there, which is not the same as that nothing could be seen.
 bool isGone(const QString& path);

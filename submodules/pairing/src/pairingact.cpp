@@ -5,7 +5,9 @@
 
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 namespace {
 
@@ -51,6 +53,14 @@ bool removeTraces(const QString& appPath, const PairingRecords& records)
 {
     return DurableFiles::remove(records.folder() + RemotesOld) &&
            DurableFiles::remove(records.folder() + RemotesFresh) && DurableFiles::remove(workFolder(appPath));
+}
+
+/// What was removed beside the application stays so after a power cut. Only then its record, which may lie on another
+/// disk, has to go.
+bool syncRemovals(const QString& appPath)
+{
+    const QString folder = folderOf(appPath);
+    return DurableFiles::isGone(folder) || DurableFiles::sync(folder);
 }
 
 bool holdTheSame(const QString& path, const QString& other)
@@ -118,8 +128,11 @@ bool PairingAct::prepare(const QVector<TextFileChange>& application, const std::
         m_replacements.append({*remotes, m_records.folder() + RemotesFresh, m_records.folder() + RemotesOld});
     }
     // Archives of applications in this one are for whom they were made for.
-    const QStringList others = m_records.archives();
-    for (const QString& other : others) {
+    const std::optional<QStringList> others = m_records.archives();
+    if (!attempt(others.has_value(), m_records.folder())) {
+        return false;
+    }
+    for (const QString& other : *others) {
         m_leftOut.append(archiveOf(other));
     }
     return begin() && stageApplication() && stageReplacements();
@@ -187,16 +200,18 @@ bool PairingAct::nothingHasChanged()
     return true;
 }
 
+/// They have reached the disk, and so have all folders that lead to them, before anything is replaced.
 bool PairingAct::nameTheOld()
 {
     for (const Replacement& replacement : qAsConst(m_replacements)) {
-        if (!attempt(DurableFiles::addName(replacement.change.path, replacement.old) &&
-                         DurableFiles::sync(folderOf(replacement.old)),
-                     replacement.old)) {
+        if (!attempt(DurableFiles::addName(replacement.change.path, replacement.old), replacement.old)) {
             return false;
         }
     }
-    return true;
+    const QString work = workFolder(m_appPath);
+    const QString folders[] = {oldFolder(m_appPath), work, folderOf(work), m_records.folder()};
+    return std::all_of(std::begin(folders), std::end(folders),
+                       [this](const QString& folder) { return attempt(DurableFiles::sync(folder), folder); });
 }
 
 bool PairingAct::replaceAll()
@@ -234,13 +249,14 @@ bool PairingAct::clearAway(const QString& appPath, const PairingRecords& records
 {
     // A folder of that name is nobody's archive.
     const QString archive = archiveOf(appPath);
-    return removeTraces(appPath, records) && (QFileInfo(archive).isDir() || DurableFiles::remove(archive));
+    return removeTraces(appPath, records) && (QFileInfo(archive).isDir() || DurableFiles::remove(archive)) &&
+           syncRemovals(appPath);
 }
 
 void PairingAct::forgetArchive(const QString& archive, const PairingRecords& records)
 {
     const QString appPath = archive.chopped(ArchiveSuffix.size());
-    if (DurableFiles::isGone(workFolder(appPath))) {
+    if (DurableFiles::isGone(workFolder(appPath)) && syncRemovals(appPath)) {
         records.forgetArchive(appPath);
     }
 }

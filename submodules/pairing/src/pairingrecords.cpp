@@ -4,6 +4,7 @@
 #include "textfile.h"
 
 #include <QCryptographicHash>
+#include <QDebug>
 #include <QDir>
 #include <QFileInfo>
 
@@ -65,12 +66,12 @@ void PairingRecords::forgetArchive(const QString& appPath) const
     forget(appPath, Archive);
 }
 
-QStringList PairingRecords::begun() const
+std::optional<QStringList> PairingRecords::begun() const
 {
     return pathsOf(Begun);
 }
 
-QStringList PairingRecords::archives() const
+std::optional<QStringList> PairingRecords::archives() const
 {
     return pathsOf(Archive);
 }
@@ -87,16 +88,27 @@ QString PairingRecords::fileOf(const QString& appPath, const QString& kind) cons
     return m_folder + QLatin1Char('/') + QString::fromLatin1(name) + kind;
 }
 
-QStringList PairingRecords::pathsOf(const QString& kind) const
+/// A record that cannot be read must not be taken for none: what it speaks of would stay as it is for good.
+std::optional<QStringList> PairingRecords::pathsOf(const QString& kind) const
 {
+    QStringList names;
+    if (!DurableFiles::isGone(m_folder) && !DurableFiles::namesIn(m_folder, names)) {
+        qWarning() << "pairserver: Could not read" << m_folder << "-" << qPrintable(qt_error_string(errno));
+        return std::nullopt;
+    }
     QStringList paths;
-    const QStringList names = QDir(m_folder).entryList({QLatin1Char('*') + kind}, QDir::Files | QDir::Hidden);
-    for (const QString& name : names) {
+    for (const QString& name : qAsConst(names)) {
         QByteArray content;
         QString error;
-        if (readTextFile(m_folder + QLatin1Char('/') + name, content, error)) {
-            paths.append(QString::fromUtf8(content));
+        const QString file = m_folder + QLatin1Char('/') + name;
+        if (!name.endsWith(kind)) {
+            continue;
         }
+        if (!readTextFile(file, content, error)) {
+            qWarning() << "pairserver: Could not read" << file << "-" << qPrintable(error);
+            return std::nullopt;
+        }
+        paths.append(QString::fromUtf8(content));
     }
     return paths;
 }

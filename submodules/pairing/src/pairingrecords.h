@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 /// What has been begun with applications and is not over, on the disk: the next start of the server reads it, however
 /// this one ends.
 ///
@@ -35,16 +37,16 @@ public:
     /// The archive is gone.
     void forgetArchive(const QString& appPath) const;
 
-    /// The applications of either kind.
-    QStringList begun() const;
-    QStringList archives() const;
+    /// The applications of either kind; nothing, with a log line, when the disk does not let all of them be read.
+    std::optional<QStringList> begun() const;
+    std::optional<QStringList> archives() const;
 
     /// Removes whatever is left of the folder, once everything is cleared away.
     void clear() const;
 
 private:
     QString fileOf(const QString& appPath, const QString& kind) const;
-    QStringList pathsOf(const QString& kind) const;
+    std::optional<QStringList> pathsOf(const QString& kind) const;
     void forget(const QString& appPath, const QString& kind) const;
 
     QString m_remotesFile;

@@ -1,16 +1,19 @@
 #include "pairingrecovery.h"
 
+#include "durablefiles.h"
 #include "pairingact.h"
 #include "pairingrecords.h"
 
 #include <QDebug>
-#include <QDir>
 
 bool undoPairings(const PairingRecords& records)
 {
+    const std::optional<QStringList> begun = records.begun();
+    if (!begun) {
+        return false;
+    }
     bool undone = true;
-    const QStringList begun = records.begun();
-    for (const QString& appPath : begun) {
+    for (const QString& appPath : *begun) {
         if (PairingAct::undo(appPath, records)) {
             qInfo() << "pairserver: Undid what had been begun with" << appPath;
         } else {
@@ -24,15 +27,18 @@ bool undoPairings(const PairingRecords& records)
 bool recoverPairings(const QString& remotesFile)
 {
     const PairingRecords records(remotesFile);
-    if (!QDir(records.folder()).exists()) {
+    if (DurableFiles::isGone(records.folder())) {
         return true;
     }
     if (!undoPairings(records)) {
         return false;
     }
+    const std::optional<QStringList> archives = records.archives();
+    if (!archives) {
+        return false;
+    }
     bool cleared = true;
-    const QStringList archives = records.archives();
-    for (const QString& appPath : archives) {
+    for (const QString& appPath : *archives) {
         if (PairingAct::clearAway(appPath, records)) {
             qInfo() << "pairserver: Removed the archive that was left of" << appPath;
         } else {

@@ -1,5 +1,6 @@
 #include "pairingact.h"
 
+#include "diskspy.h"
 #include "durablefiles.h"
 #include "logspy.h"
 #include "pairinginstallation.h"
@@ -37,6 +38,10 @@ private slots:
     void nextStartHasNothingToSayAfterAnOrderlyEnd();
     void removedApplicationIsNoReasonNotToUndo();
     void oldNamesOfAnEarlierActAreNotPutBack();
+    void recordThatCannotBeReadKeepsEverything();
+    void secondNamesAreOnTheDiskBeforeAnythingIsReplaced();
+    void whatIsUndoneIsOffTheDiskBeforeItsRecord();
+    void archiveIsOffTheDiskBeforeItsRecord();
     void archivesOfInnerApplicationsAreNotPacked();
     void filesOnAnotherFileSystemAreCopied();
     void permissionsStay();
@@ -138,8 +143,8 @@ void TestPairingAct::leavesOnlyTheArchiveAndItsRecord()
     QVERIFY(act->complete());
     act.reset();
 
-    QCOMPARE(m_records->begun(), QStringList());
-    QCOMPARE(m_records->archives(), QStringList{app()});
+    QCOMPARE(*m_records->begun(), QStringList());
+    QCOMPARE(*m_records->archives(), QStringList{app()});
     QVERIFY(QFile::remove(m_unit->path("ruapp.tar")));
     m_records->forgetArchive(app());
     QCOMPARE(m_unit->everything().keys(), m_atFirst.keys());
@@ -276,6 +281,74 @@ void TestPairingAct::oldNamesOfAnEarlierActAreNotPutBack()
     QVERIFY(recoverPairings(remotes()));
 
     QCOMPARE(m_unit->everything(), m_atFirst);
+}
+
+/// Taken for none, it would let the only way back be cleared away.
+void TestPairingAct::recordThatCannotBeReadKeepsEverything()
+{
+    cutShort(prepared());
+    QVERIFY(DurableFiles::addName(m_unit->path("ruapp/config/keys.csv"), m_unit->path(".ruapp.pairing/old/keys.csv")));
+    QVERIFY(DurableFiles::rename(m_unit->path(".ruapp.pairing/ruapp/config/keys.csv"),
+                                 m_unit->path("ruapp/config/keys.csv")));
+    const QString name = QDir(m_records->folder()).entryList({QStringLiteral("*.undo")}, QDir::Files).value(0);
+    QFile record(m_records->folder() + '/' + name);
+    const qint64 size = record.size();
+    QVERIFY(record.resize(MaxTextFileBytes + 1));
+
+    QVERIFY(!recoverPairings(remotes()));
+
+    QCOMPARE(m_log->lines(QtWarningMsg).size(), 1);
+    QVERIFY(m_log->lines(QtWarningMsg).first().startsWith(QStringLiteral("pairserver: Could not read")));
+    QVERIFY(record.resize(size));
+    QVERIFY(recoverPairings(remotes()));
+    QCOMPARE(m_unit->everything(), m_atFirst);
+}
+
+/// After a power cut there would be new files, and nothing to put back.
+void TestPairingAct::secondNamesAreOnTheDiskBeforeAnythingIsReplaced()
+{
+    const std::unique_ptr<PairingAct> act = prepared();
+    makeArchive();
+    DiskSpy disk;
+
+    QVERIFY(act->complete());
+
+    const int replaced = disk.first("rename", m_unit->path("ruapp/config/keys.csv"));
+    QVERIFY(replaced > 0);
+    for (const QString& folder :
+         {m_unit->path(".ruapp.pairing/old"), m_unit->path(".ruapp.pairing"), m_unit->root(), m_records->folder()}) {
+        const int synced = disk.first("fsync", folder);
+        QVERIFY2(synced >= 0 && synced < replaced, qPrintable(folder));
+    }
+}
+
+void TestPairingAct::whatIsUndoneIsOffTheDiskBeforeItsRecord()
+{
+    std::unique_ptr<PairingAct> act = prepared();
+    makeArchive();
+    DiskSpy disk;
+
+    act.reset();
+
+    const int removed = disk.first("rmdir", m_unit->path(".ruapp.pairing"));
+    QVERIFY(removed > 0);
+    QVERIFY(disk.last("fsync", m_unit->root()) > removed);
+    QVERIFY(disk.last("unlink", m_records->folder() + QStringLiteral("/*.undo")) > disk.last("fsync", m_unit->root()));
+}
+
+void TestPairingAct::archiveIsOffTheDiskBeforeItsRecord()
+{
+    const std::unique_ptr<PairingAct> act = prepared();
+    makeArchive();
+    QVERIFY(act->complete());
+    QVERIFY(QFile::remove(m_unit->path("ruapp.tar")));
+    DiskSpy disk;
+
+    PairingAct::forgetArchive(m_unit->path("ruapp.tar"), *m_records);
+
+    const int forgotten = disk.first("unlink", m_records->folder() + QStringLiteral("/*.archive"));
+    QVERIFY(forgotten > 0);
+    QCOMPARE(disk.first("fsync", m_unit->root()), forgotten - 1);
 }
 
 void TestPairingAct::archivesOfInnerApplicationsAreNotPacked()

@@ -28,7 +28,7 @@ private:
     {
         QVERIFY(m_records.begin(m_folder.filePath(QStringLiteral("app"))));
         QVERIFY(m_records.settle(m_folder.filePath(QStringLiteral("app"))));
-        QCOMPARE(m_records.archives(), QStringList{m_folder.filePath(QStringLiteral("app"))});
+        QCOMPARE(*m_records.archives(), QStringList{m_folder.filePath(QStringLiteral("app"))});
     }
 
     QTemporaryDir m_folder;
@@ -89,7 +89,7 @@ void TestTemporaryArchive::takesItsRecordWithIt()
         TemporaryArchive archive(m_path, m_records);
         QVERIFY(archive.open(QIODevice::ReadOnly));
     }
-    QCOMPARE(m_records.archives(), QStringList());
+    QCOMPARE(*m_records.archives(), QStringList());
     QVERIFY(!QFile::exists(m_records.folder()));
 }
 
@@ -103,7 +103,7 @@ void TestTemporaryArchive::leavesTheRecordOfAFileThatTookItsPlace()
         QVERIFY(QFile::remove(m_path));
         write("second");
     }
-    QCOMPARE(m_records.archives().size(), 1);
+    QCOMPARE(m_records.archives()->size(), 1);
 }
 
 QTEST_APPLESS_MAIN(TestTemporaryArchive)
