@@ -2,9 +2,9 @@
 
 #include "applicationmanifest.h"
 #include "configuration.h"
+#include "filereceivers.h"
 #include "filetransfer.h"
 #include "pairarchive.h"
-#include "pairingrecovery.h"
 #include "regularfile.h"
 #include "temporaryarchive.h"
 
@@ -33,18 +33,20 @@ PairServer::PairServer(Configuration* configuration, TagDatabase* tags, QObject*
 PairServer::PairServer(Configuration* configuration, TagDatabase* tags, const PairServerPlace& place, QObject* parent)
     : QObject(parent)
     , tcpServer(new QTcpServer(this))
-    , m_fileTransferServer(new QTcpServer(this))
+    , m_receivers(new FileReceivers(this))
     , hostAdress(place.address)
     , m_stallLimit(place.stallLimit)
     , archiving(new PairArchive(this))
     , m_configuration(configuration)
     , tagDatabase(tags)
     , m_records(configuration->remotesFile())
+    , m_turns(archiving, configuration, tags, m_records)
 {
     // A timer and not a posted event, so that the sockets of everyone else get their turn between two requests.
     m_nextRequest.setInterval(0);
     m_nextRequest.setSingleShot(true);
     connect(&m_nextRequest, &QTimer::timeout, this, &PairServer::readData);
+    connect(m_receivers, &FileReceivers::came, this, &PairServer::limitReceivers);
     archiving->limitPatience(place.tarPatience);
     connect(archiving, &PairArchive::createdTarReady, this, &PairServer::sendAppArchiveReady);
     connect(archiving, &PairArchive::couldNotStart, this, &PairServer::archiverCouldNotStart, Qt::QueuedConnection);
@@ -65,7 +67,7 @@ quint16 PairServer::requestPort() const
 
 quint16 PairServer::fileTransferPort() const
 {
-    return m_fileTransferServer->serverPort();
+    return m_receivers->port();
 }
 
 void PairServer::listen(const PairServerPlace& place)
@@ -77,18 +79,7 @@ void PairServer::listen(const PairServerPlace& place)
     }
     qDebug() << "pairserver: The pair server is running on IP:" << place.address << "and Port:" << requestPort();
     connect(tcpServer, &QTcpServer::newConnection, this, &PairServer::newClientConnection);
-    listenForFileTransfers(place.fileTransferPort);
-}
-
-void PairServer::listenForFileTransfers(quint16 port)
-{
-    if (!m_fileTransferServer->listen(hostAdress, port)) {
-        qWarning() << "pairserver: Unable to start file transfer server:" << m_fileTransferServer->errorString();
-        return;
-    }
-    qDebug() << "PairServer::PairServer(Configuration*, TagDatabase*, QObject*)"
-             << "file transfer server running.";
-    connect(m_fileTransferServer, &QTcpServer::newConnection, this, &PairServer::newFileTransferConnection);
+    m_receivers->listen(hostAdress, place.fileTransferPort);
 }
 
 void PairServer::newClientConnection()
@@ -113,7 +104,7 @@ void PairServer::limitClients()
     }
     qWarning() << "pairserver: Too many request connections, closing the oldest";
     const auto idle = std::find_if(m_clients.begin(), m_clients.end(), [this](const PairClient* client) {
-        return client->offer() == nullptr && !hasTurn(client);
+        return client->offer() == nullptr && !m_turns.has(client);
     });
     (idle != m_clients.end() ? *idle : m_clients.first())->close();
 }
@@ -123,22 +114,8 @@ void PairServer::forgetClient(PairClient* client)
 {
     m_clients.removeOne(client);
     client->setOffer(nullptr);
-    const auto isItsTurn = [client](const std::unique_ptr<ArchiveTurn>& turn) {
-        return turn->client() == client;
-    };
-    m_waiting.erase(std::remove_if(m_waiting.begin(), m_waiting.end(), isItsTurn), m_waiting.end());
-    if (m_turn != nullptr && isItsTurn(m_turn)) {
-        archiving->endTar();
-    }
+    m_turns.giveUp(client);
     client->deleteLater();
-}
-
-bool PairServer::hasTurn(const PairClient* client) const
-{
-    const auto isItsTurn = [client](const std::unique_ptr<ArchiveTurn>& turn) {
-        return turn != nullptr && turn->client() == client;
-    };
-    return isItsTurn(m_turn) || std::any_of(m_waiting.begin(), m_waiting.end(), isItsTurn);
 }
 
 bool PairServer::isClientOpen() const
@@ -224,66 +201,36 @@ void PairServer::sendApp(QString path)
         qWarning() << "pairserver: Refused to send" << path << "-" << qPrintable(refusal);
         return;
     }
-    if (hasTurn(clientConnection)) {
+    if (m_turns.has(clientConnection)) {
         // The archiver is at work for it, or for one before it, and refuses by itself, with a line that says so.
         archiving->createTar(path);
         return;
     }
-    if (m_turn != nullptr) {
-        qInfo() << "pairserver:" << path << "has to wait for its turn";
-    }
-    m_waiting.push_back(std::make_unique<ArchiveTurn>(clientConnection, ruId, path));
-    takeTurns();
-}
-
-void PairServer::takeTurns()
-{
-    while (m_turn == nullptr && !m_waiting.empty()) {
-        m_turn = std::move(m_waiting.front());
-        m_waiting.erase(m_waiting.begin());
-        if (!begin(*m_turn)) {
-            m_turn.reset();
-        }
-    }
-}
-
-/// What an earlier turn could not undo comes first: the files in its way are needed again.
-bool PairServer::begin(ArchiveTurn& turn)
-{
-    if (!undoPairings(m_records) || !turn.prepare(*m_configuration, *tagDatabase, m_records)) {
-        return false;
-    }
-    archiving->createTar(turn.folderToPack());
-    return true;
+    m_turns.add(clientConnection, ruId, path);
 }
 
 void PairServer::archiverCouldNotStart()
 {
     archiving->giveUp();
-    endTurn();
-}
-
-void PairServer::endTurn()
-{
-    m_turn.reset();
-    takeTurns();
+    m_turns.next();
 }
 
 void PairServer::sendAppArchiveReady(QString fileName, QString absolutePath)
 {
     qDebug() << "SendAppArchiveReady()";
-    if (m_turn == nullptr) {
+    ArchiveTurn* turn = m_turns.current();
+    if (turn == nullptr) {
         sendAppStartTransfer(fileName, absolutePath);
         return;
     }
-    const QString archive = PairingAct::archiveOf(m_turn->appPath());
-    const PairClient* client = m_turn->client();
+    const QString archive = PairingAct::archiveOf(turn->appPath());
+    const PairClient* client = turn->client();
     if (client == nullptr || !client->isOpen()) {
         qWarning() << "pairserver: Nobody is left to take" << archive;
-    } else if (isMade(absolutePath, archive) && m_turn->complete(*m_configuration)) {
+    } else if (isMade(absolutePath, archive) && turn->complete(*m_configuration)) {
         sendAppStartTransfer(fileName, archive);
     }
-    endTurn();
+    m_turns.next();
 }
 
 bool PairServer::isMade(const QString& made, const QString& archive) const
@@ -307,7 +254,7 @@ void PairServer::sendAppStartTransfer(QString fileName, QString absolutePath)
         qWarning() << "pairserver: No archive" << absolutePath << error;
         return;
     }
-    PairClient* client = m_turn != nullptr ? m_turn->client() : clientConnection.data();
+    PairClient* client = m_turns.current() != nullptr ? m_turns.current()->client() : clientConnection.data();
     if (client == nullptr || !client->isOpen()) {
         qWarning() << "pairserver: Nobody is left to take" << absolutePath;
         return;
@@ -322,43 +269,14 @@ void PairServer::sendAppStartTransfer(QString fileName, QString absolutePath)
     client->send(metadata);
 }
 
-void PairServer::newFileTransferConnection()
-{
-    QTcpSocket* receiver = m_fileTransferServer->nextPendingConnection();
-    if (receiver == nullptr) {
-        return;
-    }
-    qDebug() << "Got connection from" << receiver->peerAddress().toString();
-    connect(receiver, &QTcpSocket::disconnected, receiver, &QTcpSocket::deleteLater);
-    FileTransfer::discardReceived(receiver);
-    m_receivers.append(receiver);
-    limitReceivers(receiver->peerAddress());
-}
-
-QList<QTcpSocket*> PairServer::receiversFrom(const QHostAddress& address) const
-{
-    QList<QTcpSocket*> receivers;
-    for (QTcpSocket* receiver : m_receivers) {
-        if (receiver != nullptr && receiver->state() == QAbstractSocket::ConnectedState &&
-            receiver->peerAddress() == address) {
-            receivers.append(receiver);
-        }
-    }
-    return receivers;
-}
-
 /// Of a host with one tool the newest waits alone: it takes the place of one before it. Where several tools of a host
 /// have asked for archives, as many wait as they are, and are told apart by their order.
-void PairServer::limitReceivers(const QHostAddress& address)
+void PairServer::limitReceivers(const QHostAddress& host)
 {
-    m_receivers.removeAll(nullptr);
     const auto tools = std::count_if(m_clients.begin(), m_clients.end(), [&](const PairClient* client) {
-        return client->address() == address && (client->offer() != nullptr || hasTurn(client));
+        return client->address() == host && (client->offer() != nullptr || m_turns.has(client));
     });
-    QList<QTcpSocket*> waiting = receiversFrom(address);
-    while (waiting.size() > std::max(1, int(tools))) {
-        waiting.takeFirst()->abort();
-    }
+    m_receivers->keepNewest(host, std::max(1, int(tools)));
 }
 
 void PairServer::startTransfer()
@@ -370,14 +288,11 @@ void PairServer::startTransfer()
     }
     // The tool has opened its file connection before it sent this request, yet both may have arrived together and the
     // request been looked at first.
-    m_fileTransferServer->waitForNewConnection(0);
-    const QList<QTcpSocket*> receivers = receiversFrom(clientConnection->address());
-    if (receivers.isEmpty()) {
+    QTcpSocket* receiver = m_receivers->take(clientConnection->address());
+    if (receiver == nullptr) {
         qWarning() << "pairserver: No file connection to send the application over";
         return;
     }
-    QTcpSocket* receiver = receivers.first();
-    m_receivers.removeAll(receiver);
     const QString path = clientConnection->offer()->fileName();
     auto* transfer = new FileTransfer(clientConnection->takeOffer(), receiver, m_stallLimit, this);
     connect(transfer, &FileTransfer::finished, this, [this, path](bool complete) { transferEnded(path, complete); });

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "applications.h"
-#include "archiveturn.h"
+#include "archiveturns.h"
 #include "pairclient.h"
 #include "pairrequest.h"
 
@@ -12,15 +12,13 @@
 #include <QPointer>
 #include <QString>
 #include <QTcpServer>
-#include <QTcpSocket>
 #include <QTimer>
 #include <QVector>
 
 #include <chrono>
-#include <memory>
-#include <vector>
 
 class Configuration;
+class FileReceivers;
 class PairArchive;
 class TagDatabase;
 
@@ -108,44 +106,35 @@ signals:
     void pairingComplete();
 
 private slots:
-    void newFileTransferConnection();
     void archiverCouldNotStart();
+    void limitReceivers(const QHostAddress& host);
 
 private:
     void listen(const PairServerPlace& place);
-    void listenForFileTransfers(quint16 port);
     void limitClients();
     void forgetClient(PairClient* client);
-    bool hasTurn(const PairClient* client) const;
     bool isClientOpen() const;
     void serve(const PairRequest& request);
     void serveGetApp(const QString& path);
     void getListOfApps();
-    void takeTurns();
-    bool begin(ArchiveTurn& turn);
     bool isMade(const QString& made, const QString& archive) const;
-    void endTurn();
-    void limitReceivers(const QHostAddress& address);
-    QList<QTcpSocket*> receiversFrom(const QHostAddress& address) const;
     void startTransfer();
     void transferEnded(const QString& path, bool complete);
 
-    QTcpServer* tcpServer;                        ///< child
-    QList<PairClient*> m_clients;                 ///< children, in the order in which they came
-    QPointer<PairClient> clientConnection;        ///< whose request is served, otherwise the newest
-    QTcpServer* m_fileTransferServer;             ///< child
-    QList<QPointer<QTcpSocket>> m_receivers;      ///< file connections that wait, in the order in which they came
-    QHostAddress hostAdress;                      ///< both servers listen on
-    const std::chrono::milliseconds m_stallLimit; ///< of each transfer
-    PairArchive* archiving;                       ///< child
-    QVector<QString> appsWithManifest;            ///< paths of all manifests that the last search found
+    QTcpServer* tcpServer;                                ///< child
+    QList<PairClient*> m_clients;                         ///< children, in the order in which they came
+    QPointer<PairClient> clientConnection;                ///< whose request is served, otherwise the newest
+    FileReceivers* m_receivers;                           ///< child
+    QHostAddress hostAdress;                              ///< both servers listen on
+    const std::chrono::milliseconds m_stallLimit;         ///< of each transfer
+    PairArchive* archiving;                               ///< child
+    QVector<QString> appsWithManifest;                    ///< paths of all manifests that the last search found
     QVector<QMap<QString, QString>> appsWithManifestData; ///< what the last list said
     quint16 ruId = 0;                                     ///< of the last "getApp"
     Configuration* m_configuration;                       ///< not owned
     TagDatabase* tagDatabase;                             ///< not owned
 
     const PairingRecords m_records;
-    std::unique_ptr<ArchiveTurn> m_turn;                 ///< whose application is packed; null when nobody's is
-    std::vector<std::unique_ptr<ArchiveTurn>> m_waiting; ///< one of a connection at most
-    QTimer m_nextRequest;                                ///< of interval 0: serves when the sockets had their turn
+    ArchiveTurns m_turns;
+    QTimer m_nextRequest; ///< of interval 0: serves when the sockets had their turn
 };
