@@ -212,6 +212,13 @@ def test_a_second_user_application_is_reported(tmp_path):
                                   f"{tmp_path}/{MANIFEST}: only one is compared"]
 
 
+def test_applications_in_hidden_folders_are_left_alone(tmp_path):
+    """Nobody finds them: a copy that is just being packed is no second application."""
+    write(tmp_path, clean_files())
+    write(tmp_path, {".handheld.pairing/handheld/manifest.csv": "target;ru\ntype;user\n"})
+    assert findings(tmp_path) == []
+
+
 def test_explain_tells_what_a_key_does():
     result = run("--explain", "FMAP")
     assert result.returncode == 0

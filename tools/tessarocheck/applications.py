@@ -12,7 +12,7 @@ PAIRING_FILES = ("config/app.csv", "config/keys.csv")
 def check_applications(root, report):
     users = []
     for folder, folders, names in sorted(os.walk(root)):
-        if MANIFEST not in names and MANIFEST not in folders:
+        if MANIFEST not in names and MANIFEST not in folders or is_hidden(Path(folder).relative_to(root)):
             continue
         path = Path(folder) / MANIFEST
         kind = check_manifest(path, report)
@@ -22,6 +22,11 @@ def check_applications(root, report):
             users.append(path)
     for extra in users[1:]:
         report.add(extra, 1, 1, f"second user application for remote units, first {users[0]}: only one is compared")
+
+
+def is_hidden(path):
+    """Whether the server's search does not come there: it enters no hidden folder."""
+    return any(part.startswith(".") for part in path.parts)
 
 
 def check_contents(application, report):
