@@ -241,8 +241,7 @@ bool PairingAct::undo(const QString& appPath, const PairingRecords& records)
         return false;
     }
     records.forgetArchive(appPath);
-    records.forgetBegun(appPath);
-    return true;
+    return records.forgetBegun(appPath);
 }
 
 bool PairingAct::clearAway(const QString& appPath, const PairingRecords& records)

@@ -56,9 +56,9 @@ bool PairingRecords::settle(const QString& appPath) const
     return false;
 }
 
-void PairingRecords::forgetBegun(const QString& appPath) const
+bool PairingRecords::forgetBegun(const QString& appPath) const
 {
-    forget(appPath, Begun);
+    return forget(appPath, Begun);
 }
 
 void PairingRecords::forgetArchive(const QString& appPath) const
@@ -113,11 +113,12 @@ std::optional<QStringList> PairingRecords::pathsOf(const QString& kind) const
     return paths;
 }
 
-void PairingRecords::forget(const QString& appPath, const QString& kind) const
+bool PairingRecords::forget(const QString& appPath, const QString& kind) const
 {
     const QString file = fileOf(appPath, kind);
-    DurableFiles::remove(file);
-    DurableFiles::remove(file + Unfinished);
-    DurableFiles::sync(m_folder);
+    const bool forgotten =
+        DurableFiles::isGone(m_folder) ||
+        (DurableFiles::remove(file) && DurableFiles::remove(file + Unfinished) && DurableFiles::sync(m_folder));
     QDir().rmdir(m_folder); // which the file system refuses while there is anything in it
+    return forgotten;
 }

@@ -32,8 +32,8 @@ public:
     bool begin(const QString& appPath) const;
     /// It is complete from here on. @return false, and it is not, when that could not be put down.
     bool settle(const QString& appPath) const;
-    /// It has been undone.
-    void forgetBegun(const QString& appPath) const;
+    /// It has been undone. @return false when the disk does not let it be forgotten; then it is to be undone again.
+    bool forgetBegun(const QString& appPath) const;
     /// The archive is gone.
     void forgetArchive(const QString& appPath) const;
 
@@ -47,7 +47,7 @@ public:
 private:
     QString fileOf(const QString& appPath, const QString& kind) const;
     std::optional<QStringList> pathsOf(const QString& kind) const;
-    void forget(const QString& appPath, const QString& kind) const;
+    bool forget(const QString& appPath, const QString& kind) const;
 
     QString m_remotesFile;
     QString m_folder;

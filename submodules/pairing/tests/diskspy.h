@@ -5,13 +5,15 @@
 #include <QString>
 #include <QVector>
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/// Notes, as long as it lives, the calls that change names on the disk or wait for them to be there, in their order.
-/// One at a time, and included by one file of a test: the calls are defined here, in place of the C library's.
+/// Notes, as long as it lives, the calls that change names on the disk or wait for them to be there, in their order,
+/// and lets one of them fail. One at a time, and included by one file of a test: the calls are defined here, in place
+/// of the C library's.
 class DiskSpy
 {
 public:
@@ -25,11 +27,19 @@ public:
     int first(const char* call, const QString& path) const { return m_steps.indexOf(Step{call, path}); }
     int last(const char* call, const QString& path) const { return m_steps.lastIndexOf(Step{call, path}); }
 
-    static void note(const char* call, const QString& path)
+    int count() const { return m_steps.size(); }
+    /// The call of this number, from 0 on, changes nothing and fails.
+    void failAt(int number) { m_failing = number; }
+
+    /// Notes a call. @return whether it is to fail; `errno` says why.
+    static bool fails(const char* call, const QString& path)
     {
-        if (current() != nullptr) {
-            current()->m_steps.append({call, path});
+        if (current() == nullptr) {
+            return false;
         }
+        current()->m_steps.append({call, path});
+        errno = EIO;
+        return current()->m_steps.size() - 1 == current()->m_failing;
     }
 
 private:
@@ -51,32 +61,34 @@ private:
     }
 
     QVector<Step> m_steps;
+    int m_failing = -1;
 };
 
 extern "C" {
 
 int fsync(int descriptor)
 {
-    DiskSpy::note("fsync", QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(descriptor)));
-    return int(::syscall(SYS_fsync, descriptor));
+    const QString path = QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(descriptor));
+    return DiskSpy::fails("fsync", path) ? -1 : int(::syscall(SYS_fsync, descriptor));
 }
 
 int rename(const char* path, const char* to) noexcept
 {
-    DiskSpy::note("rename", QFile::decodeName(to));
-    return int(::syscall(SYS_renameat2, AT_FDCWD, path, AT_FDCWD, to, 0));
+    return DiskSpy::fails("rename", QFile::decodeName(to))
+               ? -1
+               : int(::syscall(SYS_renameat2, AT_FDCWD, path, AT_FDCWD, to, 0));
 }
 
 int unlink(const char* path) noexcept
 {
-    DiskSpy::note("unlink", QFile::decodeName(path));
-    return int(::syscall(SYS_unlinkat, AT_FDCWD, path, 0));
+    return DiskSpy::fails("unlink", QFile::decodeName(path)) ? -1 : int(::syscall(SYS_unlinkat, AT_FDCWD, path, 0));
 }
 
 int rmdir(const char* path) noexcept
 {
-    DiskSpy::note("rmdir", QFile::decodeName(path));
-    return int(::syscall(SYS_unlinkat, AT_FDCWD, path, AT_REMOVEDIR));
+    return DiskSpy::fails("rmdir", QFile::decodeName(path))
+               ? -1
+               : int(::syscall(SYS_unlinkat, AT_FDCWD, path, AT_REMOVEDIR));
 }
 
 } // extern "C"

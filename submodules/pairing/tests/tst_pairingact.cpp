@@ -34,6 +34,7 @@ private slots:
     void refusesWhatChangedMeanwhile();
     void isUndoneAtTheNextStart_data();
     void isUndoneAtTheNextStart();
+    void isUndoneLaterWhenTheDiskFails();
     void nextStartRemovesAnArchiveThatNobodyFetched();
     void nextStartHasNothingToSayAfterAnOrderlyEnd();
     void removedApplicationIsNoReasonNotToUndo();
@@ -72,6 +73,9 @@ private:
         static auto* const left = new std::vector<PairingAct*>;
         left->push_back(act.release());
     }
+
+    /// A pairing that ended when so many of its files had their places; with -1, before the old ones had a second name.
+    void cutShortWith(int renamed);
 
     std::unique_ptr<LogSpy> m_log;
     std::unique_ptr<PairingInstallation> m_unit;
@@ -206,9 +210,8 @@ void TestPairingAct::isUndoneAtTheNextStart_data()
 }
 
 /// The steps of the end one by one, as they are on the disk.
-void TestPairingAct::isUndoneAtTheNextStart()
+void TestPairingAct::cutShortWith(int renamed)
 {
-    QFETCH(int, renamed);
     cutShort(prepared());
     makeArchive();
     const QString places[] = {m_unit->path("ruapp/config/keys.csv"), m_unit->path("ruapp/config/app.csv"), remotes()};
@@ -224,12 +227,38 @@ void TestPairingAct::isUndoneAtTheNextStart()
         QVERIFY(DurableFiles::rename(fresh[i], places[i]));
     }
     QVERIFY(renamed < 4 || DurableFiles::rename(m_unit->path(".ruapp.pairing/ruapp.tar"), m_unit->path("ruapp.tar")));
+}
+
+void TestPairingAct::isUndoneAtTheNextStart()
+{
+    QFETCH(int, renamed);
+    cutShortWith(renamed);
 
     QVERIFY(recoverPairings(remotes()));
 
     QCOMPARE(m_unit->everything(), m_atFirst);
     QCOMPARE(m_log->lines(),
              QStringList{QStringLiteral("pairserver: Undid what had been begun with \"%1\"").arg(app())});
+}
+
+/// A start whose disk fails leaves it to the next one, at whatever call that was.
+void TestPairingAct::isUndoneLaterWhenTheDiskFails()
+{
+    int failing = 0;
+    for (bool reached = true; reached; ++failing) {
+        cleanup();
+        init();
+        cutShortWith(4);
+        {
+            DiskSpy disk;
+            disk.failAt(failing);
+            recoverPairings(remotes());
+            reached = disk.count() > failing;
+        }
+        QVERIFY(recoverPairings(remotes()));
+        QVERIFY2(m_unit->everything() == m_atFirst, qPrintable(QString::number(failing)));
+    }
+    QVERIFY(failing > 10);
 }
 
 void TestPairingAct::nextStartRemovesAnArchiveThatNobodyFetched()
