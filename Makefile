@@ -13,6 +13,8 @@ CONFIGURE = scripts/step configure "Configuring" cmake -S . -B $(BUILD) -G Ninja
 COMPILE   = scripts/step compile "Compiling" cmake --build $(BUILD)
 
 .DEFAULT_GOAL := help
+# Whatever -j says: two targets at once would install packages at once, and be in the way of each other's tests.
+.NOTPARALLEL:
 .PHONY: help build run test unit-test tool-test system-test web-test screenshots fleet fleet-test soak safety pairing-kills explore tsan sanitize fuzz coverage bench format lint clean
 .PHONY: test-packages cross cross-build package release-build package-test board systemd-test
 
