@@ -116,6 +116,46 @@ def test_no_form_and_no_script_of_a_foreign_page_can_change_anything(server, tmp
 
 # --- bad requests ------------------------------------------------------------------------------------------------------
 
+def status_of(agent, request):
+    """The status of the answer to raw bytes."""
+    with socket.create_connection((HOST, agent.port), 10) as connection:
+        connection.sendall(request)
+        return int(connection.recv(65536).split(maxsplit=2)[1])
+
+
+def post(path, body, *headers):
+    lines = [f"POST {path} HTTP/1.1", f"Content-Length: {len(body)}", *headers]
+    return "\r\n".join(lines).encode() + b"\r\n\r\n" + body
+
+
+JSON, LOCAL = "Content-Type: application/json", f"Host: {HOST}"
+LONE = b'{"confirm": "\\ud800", "token": "\\ud800"}'  # half of a character
+
+
+@pytest.mark.parametrize("request_bytes, status", [
+    (b"GET /api/status HTTP/1.1\r\nHost: [\r\n\r\n", 403),
+    (post("/api/session", b"{}", JSON, LOCAL, "Origin: http://["), 403),
+    (post("/api/session", b"{}", JSON + "; charset=nobody-knows", LOCAL), 400),
+    (post("/api/session", b"{}", JSON, LOCAL, "Content-Encoding: gzip"), 400),
+    (post("/api/control/disarm", LONE, JSON, LOCAL), 409),
+    (b"HEAD /api/events HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", 405),
+    (b"HEAD /api/history HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", 200),
+    (b"GET /api/events HTTP/1.1\r\nHost: 127.0.0.1\r\nLast-Event-ID: " + b"9" * 5000 + b"\r\n\r\n", 200),
+], ids=["name", "origin", "character set", "packing", "half a character", "head of a stream", "head", "long number"])
+def test_a_strange_request_is_the_fault_of_who_sent_it(server, tmp_path, request_bytes, status):
+    agent = Agent(server, tmp_path, "--allow-control")
+    with agent:
+        assert status_of(agent, request_bytes) == status
+        assert agent.get("/api/status")[0] == 200
+    assert "Error handling request" not in agent.said
+
+
+def test_a_token_may_be_wrong_in_every_way(server, tmp_path):
+    with guarded(server, tmp_path) as agent:
+        for header in (b"Authorization: Bearer \xff\xfe", b"Cookie: tessaro_session=\xff\xfe"):
+            assert status_of(agent, b"GET /api/status HTTP/1.1\r\nHost: 127.0.0.1\r\n" + header + b"\r\n\r\n") == 401
+        assert status_of(agent, post("/api/session", LONE, JSON, LOCAL)) == 403
+
 def test_bad_requests_are_answered_as_http_says(agent):
     assert agent.get("/nothing")[0] == 404
     assert agent.get("/../../etc/passwd")[0] == 404
@@ -221,6 +261,30 @@ def test_a_reader_that_takes_nothing_is_dropped_and_disturbs_nobody(agent, serve
     assert agent.metrics()["tessaro_agent_watchers"] == 1
     slow.close()
     quick.close()
+
+
+def test_readers_who_leave_the_history_lying_do_not_fill_the_memory(server, tmp_path):
+    agent = Agent(server, tmp_path)
+    entries = [{"id": number, "key": "log", "time": time.time(), "event": "x", "words": "w" * 400} for number in range(1, 1501)]
+    (agent.state / "history.jsonl").write_text("".join(json.dumps(line) + "\n" for line in (
+        {"version": 1, "written": time.time()}, *entries)))
+    with agent:
+        assert [change["id"] for change in agent.events_of_log()] == list(range(1, 1501))
+        before, lying = agent.resident(), []
+        for number in range(100):
+            reader = socket.socket()
+            reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
+            reader.connect((HOST, agent.port))
+            path = "/api/history" if number % 2 else "/api/events"
+            reader.sendall(f"GET {path} HTTP/1.1\r\nHost: {HOST}\r\nLast-Event-ID: 0\r\n\r\n".encode())
+            lying.append(reader)
+        for reader in lying:
+            reader.settimeout(10)
+            assert reader.recv(1)
+        assert agent.get("/api/status")[0] == 200
+        assert agent.resident() - before < 25 << 20
+        for reader in lying:
+            reader.close()
 
 
 def test_connections_that_ask_for_nothing_are_ended_and_streams_are_not(server, tmp_path):

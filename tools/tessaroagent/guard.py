@@ -28,6 +28,19 @@ def is_loopback(address):
         return False
 
 
+def parts(address):
+    """The parts of what a header names, or of nothing for what is no address."""
+    try:
+        return urlsplit(address)
+    except ValueError:
+        return urlsplit("")
+
+
+def same(given, known):
+    """Whether what somebody sent is the secret; it may be anything that JSON or a header can hold."""
+    return hmac.compare_digest(str(given).encode(errors="replace"), known.encode())
+
+
 def read_token(path):
     """The token in a file. Raises ValueError for one that can be guessed."""
     with open(path, encoding="ascii") as file:
@@ -56,13 +69,13 @@ class Guard:
         if self._token is None:
             return True
         kind, _, given = request.headers.get("Authorization", "").partition(" ")
-        if kind.lower() == "bearer" and hmac.compare_digest(given.strip().encode(), self._token.encode()):
+        if kind.lower() == "bearer" and same(given.strip(), self._token):
             return True
-        return hmac.compare_digest(request.cookies.get(COOKIE, "").encode(), self._session.encode())
+        return same(request.cookies.get(COOKIE, ""), self._session)
 
     async def open_session(self, request, given):
         """The answer to who gives a token: a cookie, or 403 after a while."""
-        if self._token is not None and not hmac.compare_digest(str(given).encode(), self._token.encode()):
+        if self._token is not None and not same(given, self._token):
             await asyncio.sleep(WRONG_TOKEN_SECONDS)
             raise web.HTTPForbidden(text="wrong token\n")
         answer = web.Response(status=204)
@@ -72,11 +85,11 @@ class Guard:
 
     def check(self, request):
         """Raises the HTTP error that the request deserves."""
-        host = urlsplit(f"//{request.headers.get('Host', '')}").hostname or ""
+        host = parts(f"//{request.headers.get('Host', '')}").hostname or ""
         if self._token is None and host not in LOCAL_NAMES and not is_loopback(host):
             raise web.HTTPForbidden(text="not by this name\n")  # a foreign name that points here: somebody else's page
         origin = request.headers.get("Origin")
-        if request.method != "GET" and origin is not None and urlsplit(origin).netloc != request.headers.get("Host"):
+        if request.method != "GET" and origin is not None and parts(origin).netloc != request.headers.get("Host"):
             raise web.HTTPForbidden(text="not from this page\n")
         if request.path not in self._open_paths and not self.knows(request):
             raise web.HTTPUnauthorized(text="a token is needed\n", headers={"WWW-Authenticate": 'Bearer realm="tessaro"'})

@@ -38,9 +38,6 @@ class Client:
         """Bytes that the connection has not taken yet."""
         return self.transport.get_write_buffer_size()
 
-    def put(self, data):
-        self.transport.write(framed(data) if self.chunked else data)
-
     def is_stuck(self, tick):
         """Whether it has taken nothing for too long; to be asked now and then."""
         if not self.waiting or self.waiting < self._left:

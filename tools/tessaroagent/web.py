@@ -11,6 +11,7 @@ from pathlib import Path
 from aiohttp import HttpVersion11, web
 
 from . import fields
+from .guard import same
 from .hub import Client, encoded
 
 PAGE_FILES = {"/": ("index.html", "text/html"), "/page.css": ("page.css", "text/css"),
@@ -22,6 +23,8 @@ BEAT_SECONDS = 2.0
 HISTORY_SECONDS, MOST_HISTORY = 3600.0, 2000
 CONFIRM_SECONDS = 30.0
 STREAM_BUFFER = 64 << 10
+LOT = 64  # entries that are written together
+LONGEST_NUMBER = 15
 METRICS_TYPE = "text/plain; version=0.0.4"
 
 # What may be asked of the server: its word, and what happens then.
@@ -56,7 +59,7 @@ class Control:
             self._offered[action] = (code, time.monotonic() + CONFIRM_SECONDS)
             return 202, {"action": action, "confirm": code, "text": text, "seconds": CONFIRM_SECONDS}
         offered, until = self._offered.pop(action, ("", 0.0))
-        if not secrets.compare_digest(str(code).encode(), offered.encode()) or time.monotonic() > until:
+        if not same(code, offered) or time.monotonic() > until:
             raise web.HTTPConflict(text="the confirmation does not fit, or came too late; begin again\n")
         if not self._send(word):
             raise web.HTTPServiceUnavailable(text="the server does not answer: nothing was sent\n")
@@ -78,7 +81,7 @@ class Web:
     def application(self):
         application = web.Application(middlewares=[self._guard.middleware()], client_max_size=LARGEST_BODY)
         application.router.add_get("/api/status", self.status)
-        application.router.add_get("/api/events", self.events)
+        application.router.add_get("/api/events", self.events, allow_head=False)  # it has no end
         application.router.add_get("/api/history", self.past)
         application.router.add_get("/healthz", self.health)
         application.router.add_get("/metrics", self.figures)
@@ -129,8 +132,22 @@ class Web:
         since = time.time() - seconds
         entries = self._history.select(after, since, MOST_HISTORY)
         before = [] if after else self._history.before(since)
-        body = b'{"since":%s,"before":[%s],"changes":[%s]}' % (dumped(since), b",".join(before), b",".join(entries))
-        return web.Response(body=body, content_type="application/json")
+        head = b'{"since":%s,"before":[%s],"changes":[' % (dumped(since), b",".join(before))
+        return await self._listed(request, head, entries, b"]}")
+
+    async def _listed(self, request, head, entries, foot):
+        """A long answer, given as its reader takes it: what a crowd leaves lying must not fill the memory."""
+        answer = web.StreamResponse(headers={**self._guard.headers(), "Content-Type": "application/json"})
+        answer.content_length = len(head) + sum(map(len, entries)) + max(len(entries) - 1, 0) + len(foot)
+        with contextlib.suppress(ConnectionError):
+            await answer.prepare(request)
+            self._small_buffers(request.transport)
+            if request.method == "GET":
+                await answer.write(head)
+                for place in range(0, len(entries), LOT):
+                    await answer.write((b"," if place else b"") + b",".join(entries[place:place + LOT]))
+                await answer.write(foot)
+        return answer
 
     @staticmethod
     def _number(request, name, default):
@@ -156,7 +173,7 @@ class Web:
             raise web.HTTPUnsupportedMediaType(text="application/json is expected\n")
         try:
             body = json.loads(await request.text())
-        except (ValueError, RecursionError):
+        except (ValueError, RecursionError, LookupError, web.RequestPayloadError):  # the last two: what it is written or packed in
             body = None
         if not isinstance(body, dict):
             raise web.HTTPBadRequest(text="a JSON object is expected\n")
@@ -176,14 +193,20 @@ class Web:
         with contextlib.suppress(ConnectionError):  # gone before the answer's head was written
             await answer.prepare(request)
             self._small_buffers(request.transport)
-            await self._watch(Client(request.transport, answer.chunked), after)
+            await answer.write(b"retry: 1000\n\n" + encoded("status", dumped(self.snapshot())))
+            if after.isascii() and after.isdigit() and len(after) <= LONGEST_NUMBER:
+                await self._missed(answer, int(after))
+            await self._watch(Client(request.transport, answer.chunked))
         return answer
 
-    async def _watch(self, client, after):
-        client.put(b"retry: 1000\n\n" + encoded("status", dumped(self.snapshot())))
-        if after.isascii() and after.isdigit():
-            for data in self._history.select(int(after), limit=MOST_HISTORY):
-                client.put(encoded("change", data, json.loads(data)["id"]))
+    async def _missed(self, answer, after):
+        """What came behind that entry, and while it was told: as fast as its reader takes it."""
+        while missed := self._history.select(after, limit=MOST_HISTORY):
+            for data in missed:
+                after = json.loads(data)["id"]
+                await answer.write(encoded("change", data, after))
+
+    async def _watch(self, client):
         self._hub.clients.add(client)
         try:
             await client.ended.wait()
