@@ -90,6 +90,47 @@ def test_missing_members_are_named_and_the_others_are_shown(agent, server):
     assert agent.get("/healthz")[0] == 200, "what is there is there"
 
 
+@pytest.mark.parametrize("value", ["--5", "-", "9" * 64, "\u0663", "1e5", "\ud800"])
+def test_a_value_that_is_no_number_is_none_in_the_metrics(agent, server, value):
+    server.status["TSAPs"] = value
+    server.push()
+    agent.wait_value("TSAPs", value)
+    assert 'tessaro_status{key="TSAPs"}' not in agent.metrics()
+    assert agent.metrics()['tessaro_status{key="BU_ID"}'] == 4660
+
+
+def test_what_was_and_is_not_known_any_more_is_said_to_be_stale(server, tmp_path):
+    with Agent(server, tmp_path, "--interval", "0.2") as agent:
+        agent.write_log("RUN")
+        agent.wait_value("link", "RUN")
+        stale = lambda: set(agent.json("/api/status")["stale"])
+        running = lambda: agent.metrics()['tessaro_state{state="RUN",thing="link"}']
+        assert stale() == set() and running() == 1
+        kept = server.status.pop("ARMED_RU")
+        server.push()
+        wait_for(lambda: stale() == {"ARMED_RU"})
+        server.status["ARMED_RU"] = kept
+        server.send(b"{{{")
+        server.close()
+        agent.wait_value("server", "silent")
+        assert {"BU_STATE", "link"} <= stale() and "server" not in stale()
+        assert running() == 0, "a server that stands still has no link, whatever its log said last"
+        server.reopen()
+        wait_for(lambda: stale() == set())
+        assert running() == 1
+
+
+def test_without_a_log_the_link_is_only_what_it_was(tmp_path):
+    unit = Unit(Logbook(""), lambda change: None)
+    unit.log_followed = True
+    unit.log_line("RUN", 1.0, 1.0)
+    assert unit.stale() == []
+    unit.log_followed = False
+    assert unit.stale() == ["link"]
+    unit.set("link", "ended", 2.0)
+    assert unit.stale() == [], "there is no process: that needs no log"
+
+
 def test_a_server_that_ends_is_told_at_once_and_its_values_are_no_metrics_any_more(server, tmp_path):
     with Agent(server, tmp_path, "--interval", "0.2") as agent:
         agent.wait_value("server", "answers")
@@ -127,6 +168,31 @@ def test_the_history_outlives_the_agent(server, tmp_path):
         begun = [change for change in changes if change.get("words") == "watching begins"]
         assert len(begun) == 2 and begun[1]["id"] > last
         assert begun[0]["time"] < begun[1]["last"] < begun[1]["time"], "the time without watching is known"
+
+
+def test_an_agent_that_was_killed_leaves_ids_that_are_not_given_again(server, tmp_path):
+    agent = Agent(server, tmp_path).start()
+    agent.wait_value("server", "answers")
+    wait_for((agent.state / "history.jsonl").exists)
+    for number in range(20):
+        server.status["TSAPs"] = str(number)
+        server.push()
+    agent.wait_value("TSAPs", "19")
+    last = agent.json("/api/history")["changes"][-1]["id"]
+    agent.process.kill()
+    agent.process.wait()
+    agent.stop()
+    with agent:
+        agent.wait_value("server", "answers")
+        assert all(change["id"] > last for change in agent.json("/api/history?seconds=3600")["changes"]
+                   if change.get("words") == "watching begins" and change["last"])
+
+
+def test_a_history_that_cannot_be_read_is_begun_anew(server, tmp_path):
+    agent = Agent(server, tmp_path)
+    (agent.state / "history.jsonl").mkdir()
+    with agent:
+        agent.wait_value("server", "answers")
 
 
 def test_one_value_that_changes_all_the_time_drives_out_no_other(agent, server):
@@ -194,6 +260,13 @@ def test_a_history_that_cannot_be_kept_is_told(server, tmp_path):
         agent.wait_value("server", "answers")
         assert "history cannot be kept" in wait_for(lambda: agent.problems().get("history"), 15)["text"]
         assert agent.get("/healthz")[0] == 200
+
+
+def test_a_time_between_questions_that_makes_no_sense_is_refused():
+    for interval in ("0", "-1", "nan", "soon"):
+        result = subprocess.run([sys.executable, str(AGENT), "--interval", interval], capture_output=True, text=True,
+                                timeout=20)
+        assert result.returncode == 2 and "no number of seconds" in result.stderr
 
 
 def test_two_agents_for_one_address_are_refused(agent):

@@ -114,6 +114,18 @@ def test_no_form_and_no_script_of_a_foreign_page_can_change_anything(server, tmp
         assert agent.request("POST", "/api/control/explode", {})[0] == 404
 
 
+def test_a_server_that_is_silent_gets_no_order_for_later(server, tmp_path):
+    with Agent(server, tmp_path, "--allow-control", "--interval", "0.2") as agent:
+        agent.wait_value("server", "answers")
+        server.close()
+        agent.wait_value("server", "silent")
+        code = json.loads(agent.request("POST", "/api/control/reset", {})[2])["confirm"]
+        status, _, text = agent.request("POST", "/api/control/reset", {"confirm": code})
+        assert status == 503 and "nothing was sent" in text
+        assert not any(change["key"] == "control" for change in agent.json("/api/history")["changes"])
+        server.reopen()
+
+
 # --- bad requests ------------------------------------------------------------------------------------------------------
 
 def status_of(agent, request):

@@ -111,10 +111,40 @@ def test_a_silent_server_leaves_only_what_was_last_known(page, server):
     page.wait_text("problems", "What to do: systemctl status tessaroserver")
     page.wait_level("unit", "bad")
     page.wait_level("machine", "unknown")
-    assert "last known: works" in page.text("drawing")
+    assert "last known: works" in page.text("drawing") and "last known: runs" in page.text("drawing")
+    levels = page.driver.execute_script("""return ["BU_STATE", "EG_LINK_STATUS", "link"].map(
+        (key) => document.querySelector(`#values [data-key=${key}] [data-level]`).dataset.level)""")
+    assert levels == ["unknown"] * 3 and "(last known)" in page.text("values")
     assert "live, the unit is not" in page.text("connection-words")
     server.reopen()
     page.wait_level("unit", "good")
+    page.wait_level("controller", "good")
+
+
+def test_no_armed_unit_is_told_only_where_it_is_known(page, server):
+    server.status["ARMED_RU"] = "0"
+    server.push()
+    page.wait_text("drawing", "no unit is armed")
+    del server.status["ARMED_RU"]
+    server.push()
+    page.wait_text("drawing", "armed unit: unknown")
+
+
+def test_an_agent_that_has_lost_its_history_is_believed_all_the_same(page, agent, server):
+    for number in range(30):
+        server.status["TSAPs"] = str(number)
+        server.push()
+    agent.wait_value("TSAPs", "29")
+    page.wait_text("values", "29")
+    agent.process.kill()
+    agent.process.wait()
+    (agent.state / "history.jsonl").unlink(missing_ok=True)
+    page.wait_text("lost", "The agent is lost since")
+    agent.start()
+    page.wait_text("connection-words", "live", 20)
+    server.status["BU_STATE"] = "4"
+    server.push()
+    page.wait_level("unit", "bad")
 
 
 @pytest.mark.parametrize("datagram, said", [(b"{{{", "The server's answer is no JSON object"),

@@ -12,7 +12,7 @@ from pathlib import Path
 
 from aiohttp import web
 
-from .fields import FALLBACK, LINK
+from .fields import FALLBACK, LINK, SERVER
 from .figures import PROGRAM
 from .guard import Guard, is_loopback, read_token
 from .history import History
@@ -62,7 +62,7 @@ class Agent:
                 self._unit.remember(key, known["new"], known["time"])
         self._unit_sources(options, written)
         guard = Guard(token, {*PAGE_FILES, "/api/session"}, options.frame_from)
-        control = Control(options.allow_control, self._interface.send, self.tell)
+        control = Control(options.allow_control, self._command, self.tell)
         self._web = Web(self._unit, self._hub, self._history, Metrics(self._unit, self._hub, self._logbook), guard, control)
         self._first_seen = {}
 
@@ -74,6 +74,10 @@ class Agent:
         if not options.no_log:
             self._log = Log(self._unit, options.log or options.journal, bool(options.log), written)
             self._sources.append(self._log)
+
+    def _command(self, word):
+        """@return whether it was sent. A server that stands still would obey when nobody expects it any more."""
+        return self._unit.values.get(SERVER) == "answers" and self._interface.send(word)
 
     def tell(self, change):
         """Everything that happens comes through here: into the history, and to those who watch."""
@@ -163,6 +167,16 @@ def address(text):
     return host.strip("[]"), int(port)
 
 
+def seconds(text):
+    try:
+        value = float(text)
+    except ValueError:
+        value = 0.0
+    if not 0.1 <= value <= 3600:
+        raise argparse.ArgumentTypeError(f"'{text}' is no number of seconds from 0.1 to 3600")
+    return value
+
+
 def arguments():
     parser = argparse.ArgumentParser(prog="tessaro-agent", description=(
         "Watch a Tessaro base unit, and tell over HTTP: a page for people (/), /api/status, /api/events, /api/history, "
@@ -178,7 +192,7 @@ def arguments():
     parser.add_argument("--no-log", action="store_true", help="follow no log")
     parser.add_argument("--state", default=os.environ.get("STATE_DIRECTORY"), metavar="FOLDER",
                         help="keep the history here (default: the service manager's state folder, if any)")
-    parser.add_argument("--interval", type=float, default=5.0, metavar="S",
+    parser.add_argument("--interval", type=seconds, default=5.0, metavar="S",
                         help="ask the server every S seconds (default: 5); changes it tells by itself, and each question is "
                              "two lines in its log")
     parser.add_argument("--forward", type=int, action="append", default=[], metavar="PORT",

@@ -8,6 +8,7 @@ KEEP_EACH, KEEP_LOG = 400, 1500
 VERSION = 1
 LARGEST_FILE = 16 << 20
 LONGEST_ENTRY = 4096
+UNWRITTEN = 1_000_000  # more than there can be in the time between two writings
 
 
 class History:
@@ -55,7 +56,9 @@ class History:
     # --- the file ------------------------------------------------------------------------------------------------------
 
     def load(self, path):
-        """Takes what the file holds; returns when it was written, or None. What is not understood in it is left out."""
+        """Takes what the file holds; returns when it was written, or None. What is not understood in it is left out.
+
+        The agent before may have ended before it wrote its newest entries: none of theirs is an id of this one's."""
         try:
             if os.path.getsize(path) > LARGEST_FILE:
                 return None
@@ -63,10 +66,9 @@ class History:
                 head = json.loads(file.readline())
                 for line in file:
                     self._take(line)
+                self.next_id += UNWRITTEN
                 return float(head["written"]) if head["version"] == VERSION else None
-        except FileNotFoundError:
-            return None
-        except (ValueError, KeyError, TypeError):
+        except (OSError, ValueError, KeyError, TypeError):
             return None
 
     def _take(self, line):

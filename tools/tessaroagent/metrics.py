@@ -1,5 +1,6 @@
 """Everything that is known, for Prometheus. Series are made when they are asked for, from a fixed set of names: what comes
 from outside never makes a new label, but for the code of a refusal, of which there are few."""
+import re
 import time
 
 from prometheus_client import CollectorRegistry, generate_latest
@@ -9,6 +10,7 @@ from . import fields, figures
 from .unit import PROBLEMS
 
 STATES = ("BU_STATE", "EG_LINK_STATUS", fields.LINK, fields.RELAY, fields.SERVER)
+NUMBER = re.compile(r"-?\d{1,15}", re.ASCII)
 
 
 def gauge(name, text, value):
@@ -42,25 +44,22 @@ class Collector:
 
     def _states(self):
         unit = self._unit
-        up = unit.values.get(fields.SERVER)
-        yield gauge("up", "1 while the server answers", up == "answers")
+        stale = set(unit.stale())  # what was is not what is
+        values = {key: value for key, value in unit.values.items() if key not in stale and value is not None}
+        yield gauge("up", "1 while the server answers", values.get(fields.SERVER) == "answers")
         numbers = GaugeMetricFamily("tessaro_status", "members of the status object that are numbers", labels=["key"])
-        if up == "answers":  # what it was before it became silent is not what it is
-            for key in fields.STATUS_KEYS:
-                value = unit.values.get(key, "")
-                if value.lstrip("-").isascii() and value.lstrip("-").isdigit():
-                    numbers.add_metric([key], float(value))
+        for key in fields.STATUS_KEYS:
+            if NUMBER.fullmatch(values.get(key, "")):
+                numbers.add_metric([key], float(values[key]))
         yield numbers
         one_of = GaugeMetricFamily("tessaro_state", "1 for the state that a thing is in, 0 for all others",
                                    labels=["thing", "state"])
         for key in STATES:
-            known = key in fields.STATUS_KEYS and up != "answers"
-            now = None if known else unit.values.get(key)
             for value, meaning in fields.FIELDS[key].values.items():
-                one_of.add_metric([key, meaning.name], float(now == value))
+                one_of.add_metric([key, meaning.name], float(values.get(key) == value))
         yield one_of
-        yield gauge("remote_units_connected", "remote units connected over TCP", unit.values.get(fields.UNITS))
-        fallback = unit.values.get(fields.FALLBACK)
+        yield gauge("remote_units_connected", "remote units connected over TCP", values.get(fields.UNITS))
+        fallback = values.get(fields.FALLBACK)
         yield gauge("remote_units_on_fallback", "remote units on the fallback path",
                     None if fallback is None else len(fallback.split()))
 

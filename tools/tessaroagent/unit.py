@@ -60,6 +60,7 @@ class Unit:
         self.log_followed = False
         self._remembered = {}  # what an earlier agent knew last of things that only the log tells
         self._born = None      # when the newest process of the server began
+        self._missing = []     # members that the newest status object lacks
         self._fallback = []
         self._folded = {}
 
@@ -72,8 +73,8 @@ class Unit:
     def datagram(self, data, now, tick):
         self.datagrams += 1
         self.heard, self.asked = tick, None
-        self.problem("silent", None)
         self.set(SERVER, "answers", now)
+        self.problem("silent", None)
         if data == b"NOTIFY":
             return
         try:
@@ -89,7 +90,7 @@ class Unit:
         self._status(status, now)
 
     def _status(self, status, now):
-        missing = [key for key in STATUS_KEYS if not isinstance(status.get(key), (str, int, float))]
+        self._missing = missing = [key for key in STATUS_KEYS if not isinstance(status.get(key), (str, int, float))]
         self.problem("members", ", ".join(missing) if missing else None)
         for key in STATUS_KEYS:
             if key not in missing:
@@ -226,6 +227,19 @@ class Unit:
     @property
     def healthy(self):
         return not any(problem["serious"] for problem in self.problems.values())
+
+    def stale(self):
+        """What is not known now, only what it was last: of a server that is silent or makes no sense, of a log that nobody
+        follows."""
+        silent = self.values.get(SERVER) == "silent"
+        keys = list(STATUS_KEYS if silent or "json" in self.problems else self._missing)
+        if silent or not self.log_followed:
+            keys += [FALLBACK] if self._has_ended() else [LINK, FALLBACK]
+        return [key for key in keys if self.values.get(key) is not None]
+
+    def _has_ended(self):
+        """Whether the link is lost with the server itself, which no log has to tell."""
+        return self.process is None and self.values.get(LINK) == "ended"
 
     @staticmethod
     def described(key, value):

@@ -105,7 +105,7 @@ class Web:
         process = unit.process
         return {"time": time.time(), "healthy": unit.healthy, "problems": list(unit.problems.values()),
                 "age": None if unit.pushed is None else round(tick - unit.pushed, 1),
-                "process": process._asdict() if process else None, "restarts": unit.restarts,
+                "stale": unit.stale(), "process": process._asdict() if process else None, "restarts": unit.restarts,
                 "link_losses": unit.link_losses, "refusals": sum(unit.refusals.values())}
 
     async def page(self, request):

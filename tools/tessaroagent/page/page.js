@@ -34,6 +34,7 @@ function heard(time) {
 }
 
 function takeStatus(status) {
+  if (status.began !== unit.began) Object.assign(unit, { began: status.began, changes: [], before: [] });  // another agent counts anew
   unit.values = status.values;
   unit.actions = status.actions;
   takeBeat(status);
@@ -68,12 +69,22 @@ async function loadHistory() {
   } catch { /* the stream tells that the agent is lost */ }
 }
 
+async function fetchSoon(path) {
+  // Where the network has gone nothing answers, and the browser waits for minutes.
+  const giving = new AbortController(), timer = setTimeout(() => giving.abort(), SILENCE);
+  try {
+    return await fetch(path, { signal: giving.signal });
+  } finally {
+    clearTimeout(timer);
+  }
+}
+
 async function connect() {
   stream?.close();
   stream = null;
   let answer;
   try {
-    answer = await fetch("/api/status");
+    answer = await fetchSoon("/api/status");
   } catch {
     lose();
     return void setTimeout(connect, AGAIN);
@@ -117,22 +128,23 @@ function later() {
 }
 
 function known(key) {
-  // Values of the server mean nothing while it is silent.
-  return value("server") === "answers" && value(key) !== null;
+  // Of a silent server, and of a log that nobody follows, the agent has only what was known last.
+  return value(key) !== null && !unit.beat.stale?.includes(key);
 }
 
 function things() {
   const silent = value("server") !== "answers";
   const status = (key) => (known(key) ? { words: words(key), level: level(key) }
     : { words: value(key) === null ? "unknown" : `last known: ${words(key)}`, level: "unknown" });
-  const armed = known("ARMED_RU") && value("ARMED_RU") !== "0" ? `unit ${value("ARMED_RU")} is armed` : "no unit is armed";
-  const count = value("units"), fallback = value("fallback");
+  const armed = !known("ARMED_RU") || value("ARMED_RU") === "" ? "armed unit: unknown"
+    : value("ARMED_RU") === "0" ? "no unit is armed" : `unit ${value("ARMED_RU")} is armed`;
+  const count = value("units"), fallback = known("fallback") && value("fallback");
   const remote = count === null ? "unknown" : `${count === "0" ? "no" : count} connection${count === "1" ? "" : "s"}`;
   const all = {
     unit: { id: "unit", name: known("BU_ID") ? `Base unit ${value("BU_ID")}` : "Base unit",
       ...(silent ? { words: `server ${words("server")}`, level: value("server") ? "bad" : "unknown" } : status("BU_STATE")),
       more: silent ? [] : [`${armed}`, value("BU_STATE") && unit.values.BU_STATE.name] },
-    controller: { id: "controller", name: "Base controller", words: words("link"), level: level("link"), link: "internal link", state: value("link") === "NO_BI_LINK" ? "no link" : words("link") },
+    controller: { id: "controller", name: "Base controller", ...status("link"), link: "internal link", state: !known("link") ? "unknown" : value("link") === "NO_BI_LINK" ? "no link" : words("link") },
     machine: { id: "machine", name: "Machine controller", ...status("EG_LINK_STATUS"), link: "Ethernet", state: known("EG_LINK_STATUS") ? words("EG_LINK_STATUS") : "unknown" },
     relay: { id: "relay", name: "Machine stop", words: words("relay"), level: level("relay"), link: "relay", state: value("relay") ?? "unknown" },
     remotes: { id: "remotes", name: "Remote units", words: remote, level: count === null ? "unknown" : fallback ? "warn" : count === "0" ? "note" : "good",
@@ -151,11 +163,20 @@ function show() {
   showConnection();
   showProblems();
   if (unit.state === "locked") return;
-  draw(get("drawing"), things(), narrow.matches);
+  const picture = [things(), narrow.matches];
+  once(get("drawing"), picture, () => draw(get("drawing"), ...picture));
   showStrip();
   showEvents();
   showValues();
   showControl();
+}
+
+// Builds what a place shows when that is another thing than before: who reads or selects it is not disturbed each second.
+function once(place, content, build) {
+  const text = JSON.stringify(content);
+  if (place.dataset.shown === text) return;
+  place.dataset.shown = text;
+  build();
 }
 
 function showConnection() {
@@ -184,14 +205,11 @@ function showProblems() {
   const problems = unit.state === "live" ? unit.beat.problems || [] : [];
   const list = get("problems");
   list.hidden = !problems.length;
-  const text = JSON.stringify(problems);
-  if (list.dataset.shown === text) return;
-  list.dataset.shown = text;
-  list.replaceChildren(...problems.map((problem) => {
-    const item = make("li", undefined, { class: "problem", "data-serious": problem.serious, role: "alert" });
+  once(list, problems, () => list.replaceChildren(...problems.map((problem) => {
+    const item = make("li", undefined, { class: "problem", "data-serious": problem.serious });
     item.append(make("strong", `${problem.serious ? MARKS.bad : MARKS.warn} ${sentence(problem.text)}`), make("span", `What to do: ${problem.todo}`));
     return item;
-  }));
+  })));
 }
 
 const sentence = (text) => text.charAt(0).toUpperCase() + text.slice(1);
@@ -213,7 +231,10 @@ function showStrip() {
   }
   const span = Number(get("span").value);
   get("strip-title").textContent = span === HOUR ? "The last hour" : span === 60 ? "The last minute" : `The last ${span / 60} minutes`;
-  drawStrip(get("strip"), all, gaps(), unitNow(), span);
+  // It moves by a point at a time: what it says under a pointer would be gone before it is read.
+  const strip = get("strip"), now = unitNow();
+  once(strip, [Math.floor(now * strip.clientWidth / span), strip.clientWidth, span, all.length, all.at(-1)?.id, unit.state],
+    () => drawStrip(strip, all, gaps(), now, span));
   if (get("legend").childElementCount === 0)
     for (const [how, text] of [["good", "as it should be"], ["note", "neither good nor bad"], ["warn", "look"], ["bad", "bad"], ["unknown", "not known"]])
       get("legend").append(make("span", `${MARKS[how]} ${text}`, { "data-level": how }));
@@ -228,10 +249,7 @@ function showStrip() {
 }
 
 function replace(list, entries, build) {
-  const ids = entries.map((entry) => entry.id).join();
-  if (list.dataset.shown === ids) return;
-  list.dataset.shown = ids;
-  list.replaceChildren(...entries.map(build));
+  once(list, entries.map((entry) => entry.id), () => list.replaceChildren(...entries.map(build)));
 }
 
 function showEvents() {
@@ -256,15 +274,16 @@ function shownValue({ value: raw, name, words: plain }) {
 }
 
 function showValues() {
-  const rows = Object.entries(unit.values).map(([key, entry]) => {
+  const body = get("values").tBodies[0], live = unit.state === "live";
+  once(body, [unit.values, unit.beat.stale, live], () => body.replaceChildren(...Object.entries(unit.values).map(([key, entry]) => {
     const row = make("tr", undefined, { "data-key": key });
-    const shown = shownValue(entry);
-    const cell = make("td", undefined, { "data-level": unit.state === "live" ? entry.level : "unknown" });
-    cell.append(make("span", `${MARKS[unit.state === "live" ? entry.level : "unknown"]} `, { "aria-hidden": "true" }), shown);
+    const how = live && known(key) ? entry.level : "unknown";
+    const cell = make("td", undefined, { "data-level": how });
+    cell.append(make("span", `${MARKS[how]} `, { "aria-hidden": "true" }), shownValue(entry));
+    if (live && entry.value !== null && !known(key)) cell.append(" (last known)");
     row.append(make("th", entry.label, { scope: "row" }), cell, make("td", entry.since ? clock(entry.since) : "", { class: "quiet" }));
     return row;
-  });
-  get("values").tBodies[0].replaceChildren(...rows);
+  })));
   const process = unit.beat.process;
   get("figures").textContent = [
     unit.beat.age === null || unit.beat.age === undefined ? "no status object yet" : `newest status object ${unit.beat.age} s old`,

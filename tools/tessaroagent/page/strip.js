@@ -5,9 +5,10 @@ import { MARKS, element } from "./picture.js";
 const LANE = 26, GAP = 6, FOOT = 22;
 export const LANES = [["server", "server"], ["link", "internal link"], ["relay", "relay"], ["BU_STATE", "state"],
   ["EG_LINK_STATUS", "machine controller"], ["ARMED_RU", "armed unit"]];
+const OF_STATUS = ["BU_STATE", "EG_LINK_STATUS", "ARMED_RU"];
 
 // The pieces of a lane: { from, to, level, words }. `changes` are in order; in `gaps` { from, to, id } nobody watched: what was
-// found out after entry `id` may be about a time before the gap, and counts from its end on.
+// found out after entry `id` may be about a time before the gap, and counts from its end on; without an `id`, everything does.
 export function pieces(key, changes, gaps, from, to) {
   const unwatched = { level: "unknown", words: "not watched" };
   const shown = ({ level, name, words }) => ({ level, words: name || words });
@@ -15,7 +16,7 @@ export function pieces(key, changes, gaps, from, to) {
   const events = mine.map((change) => ({ at: change.time, now: shown(change) }));
   for (const gap of gaps) {
     events.push({ at: gap.from, now: unwatched });
-    const found = mine.filter((change) => change.id > gap.id && change.time <= gap.to).pop();
+    const found = mine.filter((change) => !(change.id <= gap.id) && change.time <= gap.to).pop();
     if (found) events.push({ at: gap.to, now: shown(found) });
   }
   events.sort((one, other) => one.at - other.at);
@@ -27,6 +28,18 @@ export function pieces(key, changes, gaps, from, to) {
     [begun, now] = [at, event.now];
   }
   return pieces;
+}
+
+// While the server is silent nothing is known of its status; what it said before holds when it answers again.
+function silences(changes) {
+  const found = [];
+  for (const change of changes) {
+    if (change.key !== "server") continue;
+    const last = found[found.length - 1];
+    if (last) last.to = Math.min(last.to, change.time);
+    if (change.new === "silent") found.push({ from: change.time, to: Infinity });
+  }
+  return found;
 }
 
 function segment(piece, x, y, width) {
@@ -52,7 +65,7 @@ export function drawStrip(place, changes, gaps, now, span) {
   const height = LANES.length * pitch + FOOT;
   const from = now - span, scale = (width - left) / span;
   const svg = element("svg", { viewBox: `0 0 ${width} ${height}`, role: "img" });
-  const spoken = [];
+  const spoken = [], silent = [...gaps, ...silences(changes)];
   const ticks = !left ? 2 : span === 300 ? 5 : span === 60 ? 6 : 4;
   for (let tick = ticks; tick >= 0; tick -= 1) {
     const x = left + (1 - tick / ticks) * (width - left), ago = (span * tick) / ticks;
@@ -63,7 +76,7 @@ export function drawStrip(place, changes, gaps, now, span) {
   LANES.forEach(([key, name], index) => {
     const y = index * pitch + (left ? 0 : 16);
     svg.append(element("text", { class: "lane-name", x: 0, y: left ? y + 17 : y - 4 }, name));
-    const found = pieces(key, changes, gaps, from, now);
+    const found = pieces(key, changes, OF_STATUS.includes(key) ? silent : gaps, from, now);
     for (const piece of found) svg.append(segment(piece, left + (piece.from - from) * scale, y, (piece.to - piece.from) * scale));
     const bad = found.filter((piece) => piece.level === "bad").length;
     spoken.push(`${name}: ${found.length ? found[found.length - 1].words : "unknown"}${bad ? `, bad ${bad} times` : ""}`);
