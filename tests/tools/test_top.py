@@ -14,7 +14,7 @@ from server_double import wait_for
 TOOL = Path(__file__).resolve().parents[2] / "tools" / "tessaro-top"
 def command(server, *more):
     return [sys.executable, str(TOOL), "--request-port", str(server.port), "--answer-port", str(server.answer_port),
-            "--agent-port", str(server.agent_port), "--interval", "0.1", *more]
+            "--agent", f"127.0.0.1:{server.agent_port}", "--interval", "0.1", *more]
 
 
 class Output:
@@ -114,7 +114,7 @@ def test_a_second_monitor_says_why_it_cannot_run(server):
     result = subprocess.run(command(server), stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=20)
     holder.close()
     assert result.returncode == 2
-    assert "another monitor may be running" in result.stderr
+    assert "another monitor may be running" in result.stderr and "--agent" in result.stderr
 
 
 def test_where_an_agent_runs_it_is_asked_and_the_server_itself_when_it_has_ended(server, tmp_path):

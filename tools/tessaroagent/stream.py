@@ -18,13 +18,13 @@ class Ended(Exception):
 class AgentLink:
     """The agent's stream of events, in the words of the server's interface."""
 
-    def __init__(self, port, token):
-        self.port, self.token = port, token
+    def __init__(self, address, token):
+        self.address, self.token = address, token
         self.alive = False
         self.note = ""
-        self.socket = socket.create_connection(("127.0.0.1", port), AGENT_SECONDS)
+        self.socket = socket.create_connection(address, AGENT_SECONDS)
         head = "".join(f"{name}: {value}\r\n" for name, value in self._headers().items())
-        self.socket.sendall(f"GET /api/events HTTP/1.0\r\nHost: 127.0.0.1\r\n{head}\r\n".encode())
+        self.socket.sendall(f"GET /api/events HTTP/1.0\r\nHost: {address[0]}\r\n{head}\r\n".encode())
         answer, self.rest = self._head()
         self.status = int(answer.split(maxsplit=2)[1])
         if self.status != 200 or b"text/event-stream" not in answer:
@@ -58,7 +58,7 @@ class AgentLink:
             self.note = f"{text} was not sent: {error}"
 
     def _post(self, action, body):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=AGENT_SECONDS)
+        connection = http.client.HTTPConnection(*self.address, timeout=AGENT_SECONDS)
         try:
             connection.request("POST", f"/api/control/{action}", json.dumps(body),
                                {"Content-Type": "application/json", **self._headers()})
