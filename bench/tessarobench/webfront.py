@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
+import os
 import socket
 import threading
 import time
@@ -71,9 +73,9 @@ class Handler(BaseHTTPRequestHandler):
     # --- answers -------------------------------------------------------------------------------------------------------
 
     def _from_here(self) -> bool:
-        host = urlsplit(f"//{self.headers.get('Host', '')}").hostname
-        if host in LOCAL:
-            return True
+        with contextlib.suppress(ValueError):  # what is no name at all
+            if urlsplit(f"//{self.headers.get('Host', '')}").hostname in LOCAL:
+                return True
         self.send_error(HTTPStatus.FORBIDDEN)
         return False
 
@@ -99,9 +101,8 @@ class Handler(BaseHTTPRequestHandler):
                 "faults": [{"name": fault.name, "link": fault.link, "what": fault.what, "lasts": bool(fault.state),
                             "on": bool(faults and fault.name in faults.on)} for fault in FAULTS],
                 "scenes": [{"name": scene.name, "title": f"the scene: {scene.title}"}
-                           for scene in self.bench.scenes.values()]
-                + [{"name": STALL + name, "title": f"a stall: {stall.title}"} for name, stall in STALLS.items()
-                   if name != "nothing"]}
+                           for scene in self.bench.scenes.values()],
+                "stalls": [{"name": STALL + name, "title": stall.title} for name, stall in STALLS.items() if name != "nothing"]}
 
     def _packets(self) -> None:
         self.send_response(HTTPStatus.OK)
@@ -121,9 +122,12 @@ class Handler(BaseHTTPRequestHandler):
 
     def _capture(self) -> None:
         path = self.bench.capture_path
+        if path is None or not path.exists():
+            self.send_error(HTTPStatus.CONFLICT, "no installation stands at the moment")
+            return
         try:
-            size = path.stat().st_size if path else 0
             with open(path, "rb") as file:
+                size = os.fstat(file.fileno()).st_size
                 self.send_response(HTTPStatus.OK)
                 self.send_header("Content-Type", "application/octet-stream")
                 self.send_header("Content-Disposition", 'attachment; filename="bench.pcapng"')
@@ -133,7 +137,7 @@ class Handler(BaseHTTPRequestHandler):
                 while remaining and (chunk := file.read(min(65536, remaining))):
                     self.wfile.write(chunk)
                     remaining -= len(chunk)
-        except (OSError, TypeError):
+        except OSError:
             self.close_connection = True
 
 

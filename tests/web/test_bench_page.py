@@ -60,6 +60,13 @@ def test_a_scene_is_chosen_played_and_its_outcome_told(bench):
     wait_for(lambda: in_unit(bench, lambda: bench.find_element(By.ID, "summary").text).startswith("ready, no unit is armed"))
 
 
+def test_a_stall_is_begun_at_a_click(bench):
+    bench.find_element(By.CSS_SELECTOR, "details summary").click()
+    bench.find_element(By.CSS_SELECTOR, "[data-stall='stall:log-full']").click()
+    said = bench.find_element(By.ID, "said")
+    wait_for(lambda: said.text == "✓ in normal operation, but for this: log: nobody reads, the pipe is full", 40)
+
+
 def test_controls_come_to_a_narrow_screen_too(bench):
     resize(bench, (390, 844))
     assert wait_for(lambda: bench.execute_script("return document.documentElement.scrollWidth <= innerWidth"))

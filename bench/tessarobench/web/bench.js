@@ -32,6 +32,11 @@ function lay(state) {
     get("faults").append(group);
   }
   for (const scene of state.scenes) get("scene").append(make("option", scene.title, { value: scene.name }));
+  for (const stall of state.stalls) {
+    const button = make("button", stall.title, { type: "button", "data-stall": stall.name });
+    button.onclick = () => post(`/bench/scene/${stall.name}`);
+    get("stalls").append(button);
+  }
   get("begin").onclick = () => post(`/bench/scene/${get("scene").value}`);
 }
 
@@ -41,7 +46,7 @@ function show(state) {
     if (fault.lasts) button.setAttribute("aria-pressed", String(fault.on));
     button.disabled = !state.stands || state.playing !== null;
   }
-  const title = state.scenes.find((scene) => scene.name === state.playing)?.title ?? "Normal operation";
+  const title = [...state.scenes, ...state.stalls].find((scene) => scene.name === state.playing)?.title ?? "Normal operation";
   const said = !state.stands ? "Laying a fresh installation" : state.playing !== null ? `Playing: ${title}`
     : state.outcome ? `${state.outcome.ok ? "✓" : "✕"} ${state.outcome.text}` : "Ready";
   if (get("said").textContent !== said) get("said").textContent = said;
