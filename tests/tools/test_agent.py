@@ -121,12 +121,13 @@ def test_what_was_and_is_not_known_any_more_is_said_to_be_stale(server, tmp_path
 
 
 def test_without_a_log_the_link_is_only_what_it_was(tmp_path):
-    unit = Unit(Logbook(""), lambda change: None)
-    unit.log_followed = True
+    told = []
+    unit = Unit(Logbook(""), told.append)
+    unit.follows_log(True)
     unit.log_line("RUN", 1.0, 1.0)
     assert unit.stale() == []
-    unit.log_followed = False
-    assert unit.stale() == ["link"]
+    unit.follows_log(False)
+    assert unit.stale() == ["link"] and "problems" in told[-1], "those who watch hear of it at once"
     unit.set("link", "ended", 2.0)
     assert unit.stale() == [], "there is no process: that needs no log"
 

@@ -68,7 +68,7 @@ OBSERVED = (
                                         "open": Value("open", "open: the machine is stopped", BAD),
                                         "moving": Value("moving", "is moving", WARN),
                                         "stays closed": Value("stays closed", "told to open, and still closed", BAD),
-                                        "stays open": Value("stays open", "told to close, and still open", BAD)}),
+                                        "stays open": Value("stays open", "open, though told to close: machine stop, or a fault", BAD)}),
     Field(UNITS, "connections of remote units", {"0": Value("", "none", NOTE)}),
     Field(FALLBACK, "remote units on the fallback", {"": Value("", "none", NOTE)}),
 )

@@ -166,7 +166,7 @@ class Log:
             complaint = await listening
             status = await self._process.wait()
         finally:
-            self._unit.log_followed = False
+            self._unit.follows_log(False)
             listening.cancel()
             self.close()
         return (complaint or f"{'tail' if self._is_file else 'journalctl'} ended with {status}") if status else None
@@ -174,7 +174,7 @@ class Log:
     def _followed(self):
         """What stood there already is known; from now on everything is new."""
         self._catching_up = False
-        self._unit.log_followed = True
+        self._unit.follows_log(True)
         self._unit.problem("log", None)
 
     async def _listen(self, stderr):
@@ -236,7 +236,7 @@ class Log:
         await asyncio.get_running_loop().connect_read_pipe(lambda: asyncio.StreamReaderProtocol(reader), sys.stdin)
         self._followed()
         await self._read(reader)
-        self._unit.log_followed = False
+        self._unit.follows_log(False)
         self._unit.problem("log", "the standard input has ended")
 
     async def _read(self, reader):

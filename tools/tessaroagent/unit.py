@@ -117,6 +117,12 @@ class Unit:
 
     # --- the log -----------------------------------------------------------------------------------------------------
 
+    def follows_log(self, follows):
+        """Whether new lines come; what the log told before is only what was, meanwhile."""
+        if follows != self.log_followed:
+            self.log_followed = follows
+            self._tell({"problems": list(self.problems.values())})
+
     def log_line(self, text, now, tick):
         """A line that is new."""
         before = self.values.get(LINK)
