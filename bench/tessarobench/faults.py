@@ -49,6 +49,13 @@ def wander(bench: Installation, on: bool) -> None:
         unit.join()
 
 
+def stopped(bench: Installation, on: bool) -> None:
+    """The base controller opens the contact as long as somebody holds machine stop, unless that is welded."""
+    if on:
+        bench.unit(UNIT).machine_stop()
+    bench.relay.hold_monitor("1\n" if on and not bench.relay.welded else None)
+
+
 def refuse(bench: Installation, _on: bool) -> None:
     stranger = bench.stranger(STRANGER)
     stranger.join()
@@ -92,7 +99,7 @@ FAULTS = (
     Fault("unit-mute", "glink", "unit 1002 goes mute", "unit 1002 mute", lambda bench, on: bench.unit(OTHER_UNIT).mute(on)),
     Fault("babble", "glink", "unit 1002 sends without pause", "unit 1002 babbles", babble),
     Fault("stranger", "glink", "an unpaired unit tries", "", refuse),
-    Fault("stop", "gpio", "machine stop", "", lambda bench, on: bench.unit(UNIT).machine_stop()),
+    Fault("stop", "gpio", "machine stop", "machine stop pressed", stopped),
     Fault("weld", "gpio", "weld relay", "relay welded", lambda bench, on: setattr(bench.relay, "welded", on)),
     Fault("coil", "gpio", "break the relay's coil", "relay without a coil",
           lambda bench, on: setattr(bench.relay, "dead_coil", on)),
