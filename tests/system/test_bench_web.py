@@ -95,6 +95,14 @@ def test_a_welded_relay_is_told_for_what_it_is(web):
     web.wait(lambda: web.value("relay") == "closed")
 
 
+def test_machine_stop_opens_the_relay_as_long_as_it_is_pressed(web):
+    web.post("/bench/fault/stop")
+    web.wait(lambda: (web.value("relay"), web.value("link")) == ("stays open", "RUN"))
+    assert web.on() == ["stop"]
+    web.post("/bench/fault/stop")
+    web.wait(lambda: web.value("relay") == "closed")
+
+
 def test_a_refused_unit_is_told_in_words(web):
     web.post("/bench/fault/stranger")
     web.wait(lambda: any(change["key"] == "log" and change["words"] == "unit 2000 is not paired here"
@@ -130,6 +138,7 @@ def test_a_scene_begins_on_a_fresh_installation_with_the_same_history(web):
 
 
 def test_a_stall_comes_over_an_installation_in_normal_operation(web):
+    assert "stall:disk-full" in [stall["name"] for stall in web.state()["stalls"]]
     web.post("/bench/scene/stall:disk-full")
     web.wait(lambda: web.state()["outcome"]["scene"] == "stall:disk-full", 40)
     outcome = web.state()["outcome"]

@@ -69,5 +69,6 @@ def test_a_stall_is_begun_at_a_click(bench):
 
 def test_controls_come_to_a_narrow_screen_too(bench):
     resize(bench, (390, 844))
+    bench.find_element(By.CSS_SELECTOR, "details summary").click()
     assert wait_for(lambda: bench.execute_script("return document.documentElement.scrollWidth <= innerWidth"))
     assert all(each.accessible_name for each in bench.find_elements(By.CSS_SELECTOR, "button, select, input, a"))
