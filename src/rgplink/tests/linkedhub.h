@@ -140,3 +140,18 @@ public:
     FallbackRelay relay;
     QScopedPointer<RGPCom> hub;
 };
+
+/// What every test of it begins and ends with.
+class LinkedHubTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { GLinkServer::setListenAddress(ListenAddress); }
+    void cleanupTestCase() { GLinkServer::setListenAddress(QHostAddress()); }
+    void init() { m_plant.reset(new LinkedHub); }
+    void cleanup() { m_plant.reset(); }
+
+protected:
+    QScopedPointer<LinkedHub> m_plant;
+};

@@ -9,16 +9,11 @@
 #include <memory>
 
 /// Remote units behind the base controller's relay, and on their way there and back, with real transports and threads.
-class TestRGPComFallback : public QObject
+class TestRGPComFallback : public LinkedHubTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void cleanupTestCase();
-    void init();
-    void cleanup();
-
     void unitJoinsOverTheFallback();
     void longMessageGoesOverTheFallbackInBlocks();
     void unitLeavesTheFallback();
@@ -29,30 +24,7 @@ private slots:
     void initOverTcpThatWasGivenUpLeavesTheFallbackInUse();
     void commandsAreNeitherLostNorDoubledAcrossLinks();
     void vanishedUnitOnTheFallbackDoesNotStopAHealthyOne();
-
-private:
-    QScopedPointer<LinkedHub> m_plant;
 };
-
-void TestRGPComFallback::initTestCase()
-{
-    GLinkServer::setListenAddress(ListenAddress);
-}
-
-void TestRGPComFallback::cleanupTestCase()
-{
-    GLinkServer::setListenAddress(QHostAddress());
-}
-
-void TestRGPComFallback::init()
-{
-    m_plant.reset(new LinkedHub);
-}
-
-void TestRGPComFallback::cleanup()
-{
-    m_plant.reset();
-}
 
 void TestRGPComFallback::unitJoinsOverTheFallback()
 {

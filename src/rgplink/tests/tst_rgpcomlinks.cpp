@@ -12,16 +12,11 @@
 #include <vector>
 
 /// The hub with its real transports and their threads: remote units on TCP, and behind the base controller's relay.
-class TestRGPComLinks : public QObject
+class TestRGPComLinks : public LinkedHubTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void cleanupTestCase();
-    void init();
-    void cleanup();
-
     void unitJoinsOverTcpAndHearsTheBaseStatus();
     void baseStatusComesEvery500Milliseconds();
     void commandsGoBothWaysOverTcp();
@@ -33,9 +28,6 @@ private slots:
     void secondInitializeOnlyLogs();
     void missingServicesAreSurvived();
     void hubEndsWithUnitsOnBothPaths();
-
-private:
-    QScopedPointer<LinkedHub> m_plant;
 };
 
 namespace {
@@ -46,26 +38,6 @@ int threadCount()
 }
 
 } // namespace
-
-void TestRGPComLinks::initTestCase()
-{
-    GLinkServer::setListenAddress(ListenAddress);
-}
-
-void TestRGPComLinks::cleanupTestCase()
-{
-    GLinkServer::setListenAddress(QHostAddress());
-}
-
-void TestRGPComLinks::init()
-{
-    m_plant.reset(new LinkedHub);
-}
-
-void TestRGPComLinks::cleanup()
-{
-    m_plant.reset();
-}
 
 // --- TCP ------------------------------------------------------------------------------------------------------------
 
