@@ -110,6 +110,13 @@ class Agent:
             fields = file.read().rpartition(")")[2].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
+    def serves(self, port):
+        """Whether its end of the connection from that port stands."""
+        ends = (f"{self.port:04X}", f"{port:04X}", "01")
+        with open("/proc/net/tcp", encoding="ascii") as table:
+            rows = [line.split() for line in table][1:]
+        return any((row[1][-4:], row[2][-4:], row[3]) == ends for row in rows)
+
     def watch(self, receive_buffer=None, **headers):
         return Watcher(self.port, receive_buffer, headers)
 

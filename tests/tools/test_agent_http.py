@@ -168,6 +168,7 @@ def test_a_token_may_be_wrong_in_every_way(server, tmp_path):
             assert status_of(agent, b"GET /api/status HTTP/1.1\r\nHost: 127.0.0.1\r\n" + header + b"\r\n\r\n") == 401
         assert status_of(agent, post("/api/session", LONE, JSON, LOCAL)) == 403
 
+
 def test_bad_requests_are_answered_as_http_says(agent):
     assert agent.get("/nothing")[0] == 404
     assert agent.get("/../../etc/passwd")[0] == 404
@@ -275,21 +276,39 @@ def test_a_reader_that_takes_nothing_is_dropped_and_disturbs_nobody(agent, serve
     quick.close()
 
 
-def test_readers_who_leave_the_history_lying_do_not_fill_the_memory(server, tmp_path):
-    agent = Agent(server, tmp_path)
+def agent_with_a_long_history(server, folder):
+    agent = Agent(server, folder)
     entries = [{"id": number, "key": "log", "time": time.time(), "event": "x", "words": "w" * 400} for number in range(1, 1501)]
     (agent.state / "history.jsonl").write_text("".join(json.dumps(line) + "\n" for line in (
         {"version": 1, "written": time.time()}, *entries)))
-    with agent:
+    return agent
+
+
+def reader_of_nothing(agent, path):
+    """It asks for everything, and takes next to nothing of it."""
+    reader = socket.socket()
+    reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
+    reader.connect((HOST, agent.port))
+    reader.sendall(f"GET {path} HTTP/1.1\r\nHost: {HOST}\r\nLast-Event-ID: 0\r\n\r\n".encode())
+    return reader
+
+
+@pytest.mark.parametrize("path", ["/api/history", "/api/events"])
+def test_a_reader_of_the_past_who_takes_nothing_is_dropped(server, tmp_path, path):
+    with agent_with_a_long_history(server, tmp_path) as agent:
+        reader = reader_of_nothing(agent, path)
+        port = reader.getsockname()[1]
+        wait_for(lambda: agent.serves(port), what="the connection")
+        wait_for(lambda: not agent.serves(port), 20, "its end")
+        reader.close()
+
+
+def test_readers_who_leave_the_history_lying_do_not_fill_the_memory(server, tmp_path):
+    with agent_with_a_long_history(server, tmp_path) as agent:
         assert [change["id"] for change in agent.events_of_log()] == list(range(1, 1501))
         before, lying = agent.resident(), []
         for number in range(100):
-            reader = socket.socket()
-            reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
-            reader.connect((HOST, agent.port))
-            path = "/api/history" if number % 2 else "/api/events"
-            reader.sendall(f"GET {path} HTTP/1.1\r\nHost: {HOST}\r\nLast-Event-ID: 0\r\n\r\n".encode())
-            lying.append(reader)
+            lying.append(reader_of_nothing(agent, "/api/history" if number % 2 else "/api/events"))
         for reader in lying:
             reader.settimeout(10)
             assert reader.recv(1)

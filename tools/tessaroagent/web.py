@@ -12,7 +12,7 @@ from aiohttp import HttpVersion11, web
 
 from . import fields
 from .guard import same
-from .hub import Client, encoded
+from .hub import PATIENCE_SECONDS, Client, encoded
 
 PAGE_FILES = {"/": ("index.html", "text/html"), "/page.css": ("page.css", "text/css"),
               "/page.js": ("page.js", "text/javascript"), "/picture.js": ("picture.js", "text/javascript"),
@@ -143,11 +143,22 @@ class Web:
             await answer.prepare(request)
             self._small_buffers(request.transport)
             if request.method == "GET":
-                await answer.write(head)
+                await self._give(request, answer, head)
                 for place in range(0, len(entries), LOT):
-                    await answer.write((b"," if place else b"") + b",".join(entries[place:place + LOT]))
-                await answer.write(foot)
+                    await self._give(request, answer, (b"," if place else b"") + b",".join(entries[place:place + LOT]))
+                await self._give(request, answer, foot)
         return answer
+
+    @staticmethod
+    async def _give(request, answer, data):
+        """Waits until the reader has taken enough of what is before; one that takes nothing for too long is dropped."""
+        try:
+            async with asyncio.timeout(PATIENCE_SECONDS):
+                await answer.write(data)
+        except TimeoutError:
+            if request.transport is not None:
+                request.transport.abort()
+            raise ConnectionResetError from None
 
     @staticmethod
     def _number(request, name, default):
@@ -195,18 +206,20 @@ class Web:
             self._small_buffers(request.transport)
             await answer.write(b"retry: 1000\n\n" + encoded("status", dumped(self.snapshot())))
             if after.isascii() and after.isdigit() and len(after) <= LONGEST_NUMBER:
-                await self._missed(answer, int(after))
+                await self._missed(request, answer, int(after))
             await self._watch(Client(request.transport, answer.chunked))
         return answer
 
-    async def _missed(self, answer, after):
+    async def _missed(self, request, answer, after):
         """What came behind that entry, and while it was told: as fast as its reader takes it."""
         while missed := self._history.select(after, limit=MOST_HISTORY):
             for data in missed:
                 after = json.loads(data)["id"]
-                await answer.write(encoded("change", data, after))
+                await self._give(request, answer, encoded("change", data, after))
 
     async def _watch(self, client):
+        if not self._hub.has_room():  # others came while this one was told what it had missed
+            return
         self._hub.clients.add(client)
         try:
             await client.ended.wait()
