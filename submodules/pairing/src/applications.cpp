@@ -59,7 +59,12 @@ QString getAppType(QString appPath)
 
 bool isUserApp(QString path)
 {
-    return getAppType(path) == QLatin1String("user");
+    return isUserApp(manifestOf(path).value_or(ApplicationManifest::Entries()));
+}
+
+bool isUserApp(const ApplicationList::Record& manifest)
+{
+    return manifest.value(TypeKey) == QLatin1String("user");
 }
 
 bool isSystemApp(QString path)

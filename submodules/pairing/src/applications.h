@@ -24,6 +24,8 @@ ApplicationList listApplications(const QString& rootPath);
 QString getAppType(QString appPath);
 /// True for type "user": the application is paired when it is fetched.
 bool isUserApp(QString path);
+/// The same of a manifest's entries, for who has to know whether there is one.
+bool isUserApp(const ApplicationList::Record& manifest);
 /// True for type "system": the application is handed out as it is.
 bool isSystemApp(QString path);
 

@@ -2,6 +2,7 @@
 
 #include "applicationconfig.h"
 #include "applicationmanifest.h"
+#include "applications.h"
 #include "configuration.h"
 #include "tag.h"
 #include "tagdatabase.h"
@@ -17,11 +18,6 @@ const QString CopiedSettings[] = {
     QStringLiteral("CCH1"), QStringLiteral("CCH2"), QStringLiteral("CCH3"),
     QStringLiteral("SID1"), QStringLiteral("WPA1"),
 };
-
-bool isUserApp(const ApplicationManifest::Entries& manifest)
-{
-    return manifest.value(QStringLiteral("type")) == QLatin1String("user");
-}
 
 unsigned int baseUnitId(const TagDatabase& tags)
 {
