@@ -1,6 +1,7 @@
 """scripts/step and scripts/times: what make shows of a step, and what stays of it."""
 import os
 import pty
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -27,15 +28,17 @@ def step(tmp_path):
 def test_what_a_step_says_goes_to_a_file(step):
     done = step("step", "compile", "Compiling", "echo", "pages of it")
     assert done.returncode == 0
-    assert done.stdout.splitlines() == ["Compiling ...", "Compiling: 0 s"]
+    assert re.fullmatch(r"Compiling \.\.\.\nCompiling: \d+ s\n", done.stdout)
     assert (step.folder / ".cache/log/compile.log").read_text() == "pages of it\n"
 
 
 def test_a_step_that_fails_shows_its_end_and_names_the_file(step):
     done = step("step", "compile", "Compiling", "sh", "-c", "seq 100; echo broken >&2; exit 3")
     assert done.returncode == 3
-    lines = done.stderr.splitlines()
-    assert lines[-2:] == ["broken", f"Compiling: failed after 0 s; all that was said is in {step.folder}/.cache/log/compile.log"]
+    *lines, verdict = done.stderr.splitlines()
+    where = re.escape(f"{step.folder}/.cache/log/compile.log")
+    assert re.fullmatch(rf"Compiling: failed after \d+ s; all that was said is in {where}", verdict)
+    assert lines[-1] == "broken"
     assert "100" in lines and "1" not in lines
 
 
@@ -49,7 +52,9 @@ def test_on_a_terminal_the_line_moves(step):
     subprocess.run([step.folder / "scripts" / "step", "compile", "Compiling", "sh", "-c", "echo [3/9] x.cpp; sleep 2"],
                    stdout=theirs, timeout=60, check=True)
     os.close(theirs)
-    shown = os.read(ours, 65536).decode()
+    shown = ""
+    while not shown.endswith("s\r\n"):
+        shown += os.read(ours, 65536).decode()
     assert "\r\033[KCompiling, " in shown and "[3/9] x.cpp" in shown
     assert shown.splitlines()[-1].split("\033[K")[-1].startswith("Compiling: ")
 
