@@ -12,6 +12,7 @@ from server_double import wait_for
 
 sys.path.insert(0, str(TOOLS))
 from tessaroagent import sources  # noqa: E402
+from tessaroagent.history import History  # noqa: E402
 from tessaroagent.logbook import Logbook  # noqa: E402
 from tessaroagent.unit import Unit  # noqa: E402
 
@@ -237,7 +238,7 @@ def test_a_clock_that_jumps_is_told_and_ages_do_not_care(monkeypatch, tmp_path):
     told = []
     unit = Unit(Logbook(""), told.append)
     wall = time.time
-    around = sources.Surroundings(unit, tmp_path / "none", tmp_path)
+    around = sources.Surroundings(unit, sources.Clock(unit), tmp_path / "none", tmp_path)
     around.look()
     assert "clock" not in unit.problems
     monkeypatch.setattr(sources.time, "time", lambda: wall() + 3600)
@@ -252,6 +253,52 @@ def test_a_clock_that_jumps_is_told_and_ages_do_not_care(monkeypatch, tmp_path):
     monkeypatch.setattr(sources.time, "monotonic", lambda: tick() + 700)
     around.look()
     assert "clock" not in unit.problems, "ten minutes later it is old news"
+
+
+@pytest.mark.parametrize("jump", [-3600, 3600, 1_700_000_000])
+def test_what_was_before_a_jump_of_the_clock_moves_with_it(monkeypatch, jump):
+    """Else a value of before a jump backwards would be the newest one of the strip when its time comes again."""
+    history = History()
+
+    def tell(change):
+        if "jump" in change:
+            history.move(change["jump"])
+        if "problems" not in change:
+            history.add(change)
+    unit = Unit(Logbook(""), tell)
+    clock, wall = sources.Clock(unit), time.time
+    began = clock.now()
+    unit.set("BU_STATE", "17", began)
+    history.add({"key": "agent", "time": began, "last": began - 5})
+    monkeypatch.setattr(sources.time, "time", lambda: wall() + jump)
+    unit.set("BU_STATE", "4", clock.now())
+    entries = [json.loads(data) for data in history.select(since=wall() + jump - 10)]
+    assert [entry["key"] for entry in entries] == ["BU_STATE", "agent", "agent", "BU_STATE"]
+    assert all(abs(entry["time"] - (wall() + jump)) < 8 for entry in entries)
+    assert abs(entries[1]["time"] - entries[1]["last"] - 5) < 0.001
+    assert abs(unit.since["BU_STATE"] - (wall() + jump)) < 8
+
+
+def test_what_an_earlier_agent_noted_is_not_of_the_time_to_come(tmp_path):
+    """The clock was ahead, and was set right while no agent ran."""
+    path = tmp_path / "history.jsonl"
+    before = History()
+    for key, when in (("BU_STATE", 5000.0), ("relay", 5060.0)):
+        before.add({"key": key, "time": when, "new": "x"})
+    before.save(path, 5100.0)
+    after = History()
+    assert after.load(path, 2000.0) == 2000.0
+    assert [json.loads(data)["time"] for data in after.select()] == [1940.0, 2000.0]
+
+
+def test_damaged_times_in_the_history_do_no_harm(tmp_path):
+    path = tmp_path / "history.jsonl"
+    path.write_text('{"version": 1, "written": NaN}\n'
+                    '{"id": 1, "key": "relay", "time": Infinity}\n{"id": 2, "key": "relay", "time": NaN}\n'
+                    '{"id": 3, "key": "agent", "time": 9000.0, "last": "x"}\n')
+    history = History()
+    assert history.load(path, 2000.0) is None
+    assert [json.loads(data) for data in history.select()] == [{"id": 3, "key": "agent", "time": 2000.0, "last": "x"}]
 
 
 def test_a_history_that_cannot_be_kept_is_told(server, tmp_path):

@@ -300,6 +300,12 @@ def test_a_unit_with_a_token_asks_for_it_once(driver, server, tmp_path):
         page.live()
 
 
+def strip_words(page):
+    """What the pieces of the strip say, lane after lane. In one step: the page draws it anew whenever something changes."""
+    return page.driver.execute_script(
+        "return Array.from(document.querySelectorAll('#strip .segment title'), each => each.textContent.split(',')[0])")
+
+
 def test_the_strip_shows_what_was_and_when_nobody_watched(driver, server, tmp_path):
     agent = Agent(server, tmp_path)
     with agent:
@@ -310,10 +316,34 @@ def test_the_strip_shows_what_was_and_when_nobody_watched(driver, server, tmp_pa
         server.push()
         page = Page(driver, agent.port).live()
         page.wait_text("title", "400")
-        # In one step: the page draws the strip anew whenever something changes.
-        titles = lambda: page.driver.execute_script(
-            "return Array.from(document.querySelectorAll('#strip .segment title'), each => each.textContent)")
-        wait_for(lambda: any(title.startswith("FAILED, ") for title in titles()))
-        lanes = [title.split(",")[0] for title in titles()]
-        place = lanes.index("FAILED")
-        assert lanes[place - 3:place + 1] == ["ARMED", "not watched", "ARMED", "FAILED"]
+        wait_for(lambda: "FAILED" in strip_words(page))
+        words = strip_words(page)
+        place = words.index("FAILED")
+        assert words[place - 3:place + 1] == ["ARMED", "not watched", "ARMED", "FAILED"]
+
+
+SET_CLOCK = """
+import os, pathlib, time
+wall, moved = time.time, pathlib.Path(os.environ["CLOCK_MOVED_BY"])
+time.time = lambda: wall() + float(moved.read_text())
+"""
+
+
+@pytest.mark.parametrize("jump", [-1800, 1800])
+def test_after_a_jump_of_the_clock_the_strip_ends_with_what_is(driver, server, tmp_path, jump):
+    (tmp_path / "sitecustomize.py").write_text(SET_CLOCK)
+    moved = tmp_path / "moved"
+    moved.write_text("0")
+    with Agent(server, tmp_path, env={"PYTHONPATH": str(tmp_path), "CLOCK_MOVED_BY": str(moved)}) as agent:
+        agent.wait_value("BU_STATE", "17")
+        page = Page(driver, agent.port).live()
+        page.wait_text("title", "400")
+        (tmp_path / "moved.new").write_text(str(jump))
+        (tmp_path / "moved.new").rename(moved)
+        page.wait_text("problems", "The clock jumped")
+        server.status["BU_STATE"] = "4"
+        server.push()
+        wait_for(lambda: "FAILED" in strip_words(page), what="the change of after the jump")
+        words = strip_words(page)
+        place = words.index("ARMED")
+        assert words[place:] == ["ARMED", "FAILED", "not watched", "OPERATIONAL", "not watched", "1001"]

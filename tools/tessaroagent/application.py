@@ -19,7 +19,7 @@ from .history import History
 from .hub import Hub, encoded
 from .logbook import Logbook
 from .metrics import Metrics
-from .sources import Interface, Log, Relay, Surroundings
+from .sources import Clock, Interface, Log, Relay, Surroundings
 from .unit import Unit
 from .web import PAGE_FILES, Control, Web, dumped
 
@@ -54,7 +54,7 @@ class Agent:
         self._history, self._hub = History(), Hub()
         self._unit = Unit(self._logbook, self.tell)
         self._state = options.state and str(Path(options.state) / HISTORY_FILE)
-        written = self._history.load(self._state) if self._state else None
+        written = self._history.load(self._state, time.time()) if self._state else None
         self._seen = written
         for key in (LINK, FALLBACK):
             known = self._history.newest(key)
@@ -67,12 +67,14 @@ class Agent:
         self._first_seen = {}
 
     def _unit_sources(self, options, written):
-        program = options.root / PROGRAM / PROGRAM
-        self._interface = Interface(self._unit, options.request_port, options.answer_port, options.interval, options.forward)
-        self._sources = [self._interface, Relay(self._unit, options.gpio), Surroundings(self._unit, program, options.proc)]
+        program, clock = options.root / PROGRAM / PROGRAM, Clock(self._unit)
+        self._interface = Interface(self._unit, clock, options.request_port, options.answer_port, options.interval,
+                                    options.forward)
+        self._sources = [self._interface, Relay(self._unit, clock, options.gpio),
+                         Surroundings(self._unit, clock, program, options.proc)]
         self._log = None
         if not options.no_log:
-            self._log = Log(self._unit, options.log or options.journal, bool(options.log), written)
+            self._log = Log(self._unit, clock, options.log or options.journal, bool(options.log), written)
             self._sources.append(self._log)
 
     def _command(self, word):
@@ -84,6 +86,8 @@ class Agent:
         if "problems" in change:
             self._hub.broadcast(encoded("beat", dumped(self._web.beat())))
             return
+        if "jump" in change:
+            self._history.move(change["jump"])
         data = self._history.add(change)
         self._hub.broadcast(encoded("change", data, self._history.next_id - 1))
 

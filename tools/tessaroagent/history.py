@@ -2,6 +2,7 @@
 file over a restart of the agent."""
 import collections
 import json
+import math
 import os
 
 KEEP_EACH, KEEP_LOG = 400, 1500
@@ -9,6 +10,14 @@ VERSION = 1
 LARGEST_FILE = 16 << 20
 LONGEST_ENTRY = 4096
 UNWRITTEN = 1_000_000  # more than there can be in the time between two writings
+
+
+def is_time(value):
+    return isinstance(value, (int, float)) and math.isfinite(value)
+
+
+def encoded(change):
+    return json.dumps(change, separators=(",", ":")).encode()
 
 
 class History:
@@ -26,12 +35,21 @@ class History:
 
     def _keep(self, change):
         self.next_id = change["id"] + 1
-        data = json.dumps(change, separators=(",", ":")).encode()
+        data = encoded(change)
         ring = self._rings.setdefault(change["key"],
                                       collections.deque(maxlen=KEEP_LOG if change["key"] == "log" else KEEP_EACH))
         ring.append((change["id"], change["time"], data))
         self._changed = True
         return data
+
+    def move(self, seconds):
+        """The clock jumped: from now on each entry has the time that the clock of now would have told."""
+        for ring in self._rings.values():
+            for place, (number, when, data) in enumerate(ring):
+                change = json.loads(data)
+                change.update({key: change[key] + seconds for key in ("time", "last") if is_time(change.get(key))})
+                ring[place] = number, when + seconds, encoded(change)
+        self._changed = True
 
     def select(self, after=0, since=0.0, limit=None):
         """The bytes of the entries behind an id and a time, oldest first; with `limit`, the newest so many."""
@@ -55,10 +73,11 @@ class History:
 
     # --- the file ------------------------------------------------------------------------------------------------------
 
-    def load(self, path):
+    def load(self, path, now):
         """Takes what the file holds; returns when it was written, or None. What is not understood in it is left out.
 
-        The agent before may have ended before it wrote its newest entries: none of theirs is an id of this one's."""
+        The agent before may have ended before it wrote its newest entries: none of theirs is an id of this one's. And its clock
+        may have been ahead of ours: what it noted is not of the time to come."""
         try:
             if os.path.getsize(path) > LARGEST_FILE:
                 return None
@@ -66,15 +85,19 @@ class History:
                 head = json.loads(file.readline())
                 for line in file:
                     self._take(line)
-                self.next_id += UNWRITTEN
-                return float(head["written"]) if head["version"] == VERSION else None
+            self.next_id += UNWRITTEN
+            written = head["written"] if head["version"] == VERSION and is_time(head["written"]) else None
         except (OSError, ValueError, KeyError, TypeError):
-            return None
+            written = None
+        newest = max((when for ring in self._rings.values() for _, when, _ in ring), default=now)
+        if newest > now:
+            self.move(now - newest)
+        return written and min(written, now)
 
     def _take(self, line):
         try:
             change = json.loads(line[:LONGEST_ENTRY])
-            if isinstance(change["key"], str) and isinstance(change["time"], (int, float)) \
+            if isinstance(change["key"], str) and is_time(change["time"]) \
                     and isinstance(change["id"], int) and len(self._rings) < 64 and change["id"] >= self.next_id:
                 self._keep(change)
         except (ValueError, KeyError, TypeError):

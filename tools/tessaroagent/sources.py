@@ -27,12 +27,33 @@ ENDED_SECONDS = 5.0
 FIRST_SECONDS, QUIET_SECONDS = 10.0, 1.0  # for the first line, and between two, of what stands in the journal
 
 
+class Clock:
+    """The unit's wall clock, for all sources together: before anybody uses a time of behind a jump, the unit knows of it."""
+
+    def __init__(self, unit):
+        self._unit = unit
+        self._offset, self._jumped = time.time() - time.monotonic(), None
+
+    def now(self):
+        now, tick = time.time(), time.monotonic()
+        jump = now - tick - self._offset
+        self._offset = now - tick  # a clock that is slewed does not jump
+        if abs(jump) > JUMP_SECONDS:
+            self._jumped = tick
+            self._unit.clock_jumped(jump, now)
+        elif self._jumped is not None and tick - self._jumped > JUMP_SHOWN_SECONDS:
+            self._jumped = None
+            self._unit.problem("clock", None)
+        return now
+
+
 class Interface:
     """The two ports of the server's interface. The port of the answers is this program's alone; whoever else wants the
     answers gets copies on the ports in `forward`."""
 
-    def __init__(self, unit, request_port, answer_port, interval, forward=()):
-        self._unit, self._request, self._answer = unit, (LOOPBACK, request_port), (LOOPBACK, answer_port)
+    def __init__(self, unit, clock, request_port, answer_port, interval, forward=()):
+        self._unit, self._clock = unit, clock
+        self._request, self._answer = (LOOPBACK, request_port), (LOOPBACK, answer_port)
         self._interval, self._forward = interval, [(LOOPBACK, port) for port in forward]
         self._socket = self._copies = None
 
@@ -60,7 +81,7 @@ class Interface:
             self._socket.send(text.encode())
             return True
         except ConnectionRefusedError:  # the answer to an earlier one
-            self._unit.refused(time.time())
+            self._unit.refused(self._clock.now())
         except OSError:
             pass
         return False
@@ -97,9 +118,9 @@ class Interface:
             except BlockingIOError:
                 return
             except OSError:
-                self._unit.refused(time.time())
+                self._unit.refused(self._clock.now())
                 continue
-            self._unit.datagram(data, time.time(), time.monotonic())
+            self._unit.datagram(data, self._clock.now(), time.monotonic())
             for port in self._forward:
                 self._pass_on(data, port)
 
@@ -134,8 +155,8 @@ class Log:
     """The server's log: of a systemd unit, of a file, or from the standard input ("-"). What stands there already tells of the
     present, and of what happened since `seen`, the time until which this agent, or the one before it, has watched."""
 
-    def __init__(self, unit, source, is_file, seen):
-        self._unit, self._source, self._is_file, self._seen = unit, source, is_file, seen
+    def __init__(self, unit, clock, source, is_file, seen):
+        self._unit, self._clock, self._source, self._is_file, self._seen = unit, clock, source, is_file, seen
         self._process = None
         self._catching_up, self._began = False, 0.0
 
@@ -151,7 +172,7 @@ class Log:
 
     async def _follow(self):
         """Follows until the source ends; returns why, if it could not be read."""
-        self._catching_up, self._began = not self._is_file, time.time()
+        self._catching_up, self._began = not self._is_file, self._clock.now()
         try:
             self._process = await asyncio.create_subprocess_exec(
                 *(self._earlier_of_file() if self._is_file else self._journal()), stdin=asyncio.subprocess.DEVNULL,
@@ -218,7 +239,7 @@ class Log:
         if when is not None and self._seen is not None and when > self._seen:
             self._unit.log_line(line, when, time.monotonic())
         else:
-            self._unit.log_state(line, when or time.time())
+            self._unit.log_state(line, when or self._clock.now())
 
     def _take(self, raw):
         stamp, line = split_line(raw)
@@ -228,7 +249,7 @@ class Log:
                 self._earlier(raw)
                 return
             self._followed()
-        self._seen = time.time()
+        self._seen = self._clock.now()
         self._unit.log_line(line, self._seen, time.monotonic())
 
     async def _follow_stdin(self):
@@ -258,14 +279,14 @@ class Log:
 class Relay:
     """The two GPIO lines: what the relay was told (line 37: 1 closes) and what its contact does (line 38: 0 is closed)."""
 
-    def __init__(self, unit, folder):
-        self._unit = unit
+    def __init__(self, unit, clock, folder):
+        self._unit, self._clock = unit, clock
         self._drive, self._monitor = folder / "gpio37/value", folder / "gpio38/value"
         self._apart_since = None
 
     async def run(self):
         while True:
-            self.look(time.time(), time.monotonic())
+            self.look(self._clock.now(), time.monotonic())
             await asyncio.sleep(RELAY_SECONDS)
 
     def look(self, now, tick):
@@ -293,12 +314,11 @@ class Relay:
 
 
 class Surroundings:
-    """The server's process, the connections of remote units, the clock."""
+    """The server's process and the connections of remote units."""
 
-    def __init__(self, unit, program, proc):
-        self._unit, self._proc = unit, proc
+    def __init__(self, unit, clock, program, proc):
+        self._unit, self._clock, self._proc = unit, clock, proc
         self._process = figures.ServerProcess(program, proc)
-        self._offset, self._jumped = time.time() - time.monotonic(), None
 
     async def run(self):
         while True:
@@ -306,18 +326,7 @@ class Surroundings:
             await asyncio.sleep(FIGURES_SECONDS)
 
     def look(self):
-        now, tick = time.time(), time.monotonic()
+        now = self._clock.now()
         self._unit.figures(self._process.figures(), now)
         self._unit.units(figures.unit_connections(self._proc), now)
-        self._clock(now, tick)
-        self._unit.check(now, tick)
-
-    def _clock(self, now, tick):
-        jump = now - tick - self._offset
-        if abs(jump) > JUMP_SECONDS:
-            self._jumped = tick
-            self._unit.clock_jumped(jump, now)
-        elif self._jumped is not None and tick - self._jumped > JUMP_SHOWN_SECONDS:
-            self._jumped = None
-            self._unit.problem("clock", None)
-        self._offset = now - tick  # a clock that is slewed does not jump
+        self._unit.check(now, time.monotonic())

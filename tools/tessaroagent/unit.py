@@ -29,7 +29,7 @@ PROBLEMS = {
     "members": ("the status object lacks {}", "versions of server and agent do not fit", False),
     "log": ("the log cannot be read: {}", "let the agent's user into the group systemd-journal, or start it with --no-log",
             False),
-    "clock": ("the clock jumped by {} s: times before it do not compare with times after it",
+    "clock": ("the clock jumped by {} s: what was before stands with the time that the new clock would have told",
               "nothing, if it has just been set; else see to the unit's time", False),
     "history": ("the history cannot be kept: {}", "see to the folder given with --state", False),
 }
@@ -202,9 +202,12 @@ class Unit:
             self._remembered[key] = value, when
 
     def clock_jumped(self, seconds, now):
+        """`seconds` is what a time of before must be moved by, to be one of the clock of now."""
         self.clock_jumps += 1
+        self.since = {key: since + seconds for key, since in self.since.items()}
         self.problem("clock", f"{seconds:+.0f}")
-        self._tell({"key": "agent", "time": now, "words": f"the clock jumped by {seconds:+.0f} s", "level": fields.WARN})
+        self._tell({"key": "agent", "time": now, "words": f"the clock jumped by {seconds:+.0f} s", "level": fields.WARN,
+                    "jump": seconds})
 
     # --- what all of that comes to --------------------------------------------------------------------------------------
 

@@ -50,6 +50,10 @@ function takeBeat(beat) {
 function takeChange(change) {
   heard();
   if (unit.changes.some((known) => known.id === change.id)) return;
+  if (change.jump) {  // of the clock: the agent has moved all that was before
+    unit.began = null;
+    return void connect();
+  }
   unit.changes.push(change);
   if (unit.changes.length > MOST_KEPT) unit.changes.splice(0, unit.changes.length - MOST_KEPT);
   if (unit.values[change.key])
