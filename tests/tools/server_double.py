@@ -78,3 +78,25 @@ def wait_for(condition, seconds=10, what=""):
             return found
         assert time.monotonic() < deadline, f"not within {seconds} s: {what or condition}"
         time.sleep(0.01)
+
+
+class WallClock:
+    """The wall clock of a Python program that runs with `environment`, to be set from outside."""
+
+    PATCH = """
+import os, pathlib, time
+wall, moved = time.time, pathlib.Path(os.environ["CLOCK_MOVED_BY"])
+time.time = lambda: wall() + float(moved.read_text())
+"""
+
+    def __init__(self, folder):
+        folder.mkdir()
+        self._moved = folder / "moved"
+        self.move(0)
+        (folder / "sitecustomize.py").write_text(self.PATCH)
+        self.environment = {"PYTHONPATH": str(folder), "CLOCK_MOVED_BY": str(self._moved)}
+
+    def move(self, seconds):
+        new = self._moved.with_name("new")
+        new.write_text(str(seconds))
+        new.rename(self._moved)

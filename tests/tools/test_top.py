@@ -9,9 +9,11 @@ import time
 from pathlib import Path
 
 from agent_support import Agent
-from server_double import wait_for
+from server_double import WallClock, wait_for
 
 TOOL = Path(__file__).resolve().parents[2] / "tools" / "tessaro-top"
+
+
 def command(server, *more):
     return [sys.executable, str(TOOL), "--request-port", str(server.port), "--answer-port", str(server.answer_port),
             "--agent", f"127.0.0.1:{server.agent_port}", "--interval", "0.1", *more]
@@ -54,6 +56,23 @@ def test_a_silent_server_is_told_and_gives_exit_code_1(server):
                             timeout=20)
     assert "server is silent" in result.stdout
     assert result.returncode == 1
+    server.reopen()
+
+
+def test_a_clock_that_is_set_back_hides_no_silence(server, tmp_path):
+    clock = WallClock(tmp_path / "clock")
+    process = subprocess.Popen(command(server), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                               env={**os.environ, **clock.environment})
+    output = Output(process.stdout.fileno())
+    output.wait_for("server answers")
+    clock.move(-3600)
+    asked = len(server.asked)
+    wait_for(lambda: len(server.asked) > asked + 2, what="it goes on asking")
+    server.close()
+    output.wait_for("server is silent")
+    process.terminate()
+    assert process.wait(10) == 1
+    process.stdout.close()
     server.reopen()
 
 

@@ -6,7 +6,7 @@ from agent_support import HOST, Agent, gpio
 from browser import NARROW, WIDE, accessibility_tree, complaints, resize, weak_contrasts
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
-from server_double import wait_for
+from server_double import WallClock, wait_for
 
 
 class Page:
@@ -322,24 +322,14 @@ def test_the_strip_shows_what_was_and_when_nobody_watched(driver, server, tmp_pa
         assert words[place - 3:place + 1] == ["ARMED", "not watched", "ARMED", "FAILED"]
 
 
-SET_CLOCK = """
-import os, pathlib, time
-wall, moved = time.time, pathlib.Path(os.environ["CLOCK_MOVED_BY"])
-time.time = lambda: wall() + float(moved.read_text())
-"""
-
-
 @pytest.mark.parametrize("jump", [-1800, 1800])
 def test_after_a_jump_of_the_clock_the_strip_ends_with_what_is(driver, server, tmp_path, jump):
-    (tmp_path / "sitecustomize.py").write_text(SET_CLOCK)
-    moved = tmp_path / "moved"
-    moved.write_text("0")
-    with Agent(server, tmp_path, env={"PYTHONPATH": str(tmp_path), "CLOCK_MOVED_BY": str(moved)}) as agent:
+    clock = WallClock(tmp_path / "clock")
+    with Agent(server, tmp_path, env=clock.environment) as agent:
         agent.wait_value("BU_STATE", "17")
         page = Page(driver, agent.port).live()
         page.wait_text("title", "400")
-        (tmp_path / "moved.new").write_text(str(jump))
-        (tmp_path / "moved.new").rename(moved)
+        clock.move(jump)
         page.wait_text("problems", "The clock jumped")
         server.status["BU_STATE"] = "4"
         server.push()
