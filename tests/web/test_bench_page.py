@@ -42,10 +42,13 @@ def test_a_click_breaks_something_and_the_unit_shows_it(bench):
     mute.click()
     wait_for(lambda: "open: the machine is stopped" in summary())
     wait_for(lambda: mute.get_attribute("aria-pressed") == "true")
+    said = bench.find_element(By.ID, "said")
+    wait_for(lambda: said.text == "✕ broken at a click: mute base controller")
     events = in_unit(bench, lambda: bench.find_element(By.ID, "events").text)
     assert "three transmissions without an answer" in events
     mute.click()
     wait_for(lambda: "closed: the machine may run" in summary())
+    wait_for(lambda: said.text == "✓ everything is in normal operation")
     packets = bench.find_element(By.ID, "packets").text
     assert "status: identity 400" in packets and "from the base unit" in packets
     assert complaints(bench) == []

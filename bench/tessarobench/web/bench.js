@@ -47,7 +47,9 @@ function show(state) {
     button.disabled = !state.stands || state.playing !== null;
   }
   const title = [...state.scenes, ...state.stalls].find((scene) => scene.name === state.playing)?.title ?? "Normal operation";
+  const broken = state.faults.filter((fault) => fault.lasts && fault.on).map((fault) => fault.what).join(", ");
   const said = !state.stands ? "Laying a fresh installation" : state.playing !== null ? `Playing: ${title}`
+    : broken ? `✕ broken at a click: ${broken}`
     : state.outcome ? `${state.outcome.ok ? "✓" : "✕"} ${state.outcome.text}` : "Ready";
   if (get("said").textContent !== said) get("said").textContent = said;
 }
