@@ -10,14 +10,17 @@ from pathlib import Path
 import pytest
 
 from tessarobench import captureread, glink
+from tessarobench.answers import END, Answer
 from tessarobench.board import EXAMPLES
 from tessarobench.capturefile import CaptureFile
 from tessarobench.captureread import BadCapture, read
-from tessarobench.conversation import END, OPEN, Answer, Conversation
+from tessarobench.conversation import Conversation
 from tessarobench.csvfile import Table
 from tessarobench.installation import APP, controller_group
+from tessarobench.judge import NOT_JUDGED
 from tessarobench.pcapng import LINKTYPE_ETHERNET, LINKTYPE_USER0
-from tessarobench.replay import EXIT, NOT_JUDGED, Player
+from tessarobench.replay import EXIT, Player
+from tessarobench.timeline import OPEN
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 REPLAY = REPOSITORY / "bench" / "replay"
