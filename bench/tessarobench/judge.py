@@ -4,20 +4,24 @@ its kind:
     identical    the same bytes
     allowed      another number, serial or time stamp; a value of the base unit's own rhythm that was told a moment before
                  or after; a transfer of the same size
-    not judged   what passes on the words of the base controller, when the capture does not hold those
+    not judged   what passes on the words of the base controller, when the capture does not hold those; what comes at the
+                 end of the recording or behind it
     different    anything else, one that is missing, one that is too many, one that is more than the tolerance off its time
 """
 
 from __future__ import annotations
 
+import bisect
 import collections
-from typing import Any, NamedTuple, Optional
+import math
+from typing import Any, Iterable, NamedTuple, Optional
 
 from .answers import END, Answer, Channel, follows_images, parts, rules
 
 MOMENT = 0.6  # seconds; a value of its rhythm may be told so much earlier or later: the longest period is 500 ms
 IDENTICAL, ALLOWED = "identical", "allowed"
 NOT_JUDGED = "not judged, as they follow a base controller whose words the capture does not hold"
+AFTERWARDS = "not judged, as the recording ends there"
 
 
 class Difference(NamedTuple):
@@ -42,76 +46,113 @@ def _side(name: str, answer: Optional[Answer]) -> str:
     return f"  {name}  {answer.time:9.3f} s  {answer.words}{origin}{value}"
 
 
+class _Series:
+    """Answers of one kind in the order of their times; `parts` are what of each is compared by itself."""
+
+    def __init__(self, answers: Iterable[Answer] = ()):
+        self.answers: list[Answer] = []
+        self.parts: list[dict[str, Any]] = []
+        self._times: list[float] = []
+        for answer in sorted(answers, key=lambda each: each.time):
+            self.add(answer)
+
+    def add(self, answer: Answer) -> None:
+        """One that is later than those before."""
+        self.answers.append(answer)
+        self.parts.append(parts(answer))
+        self._times.append(answer.time)
+
+    def near(self, time: float, reach: float) -> range:
+        """The places of those that came at most so long before or after."""
+        return range(bisect.bisect_left(self._times, time - reach), bisect.bisect_right(self._times, time + reach))
+
+    def nearest(self, time: float) -> Optional[Answer]:
+        place = bisect.bisect_left(self._times, time)
+        return min(self.answers[max(0, place - 1):place + 1], key=lambda each: abs(each.time - time), default=None)
+
+
 class Judge:
-    """Compares answers as they come; all times are seconds since the base unit's first word. Without the UART in the capture
+    """Compares answers as they come; all times are seconds since the base unit's first word. The recording goes on `until`
+    then: of what is said later, nobody knows whether it would have been recorded. Without the UART in the capture
     (`has_uart`) nobody knows what the base controller said, nor what should be passed on of that."""
 
-    def __init__(self, recorded: list[Answer], tolerance: float, has_uart: bool = True):
-        self._tolerance, self._has_uart = tolerance, has_uart
+    def __init__(self, recorded: list[Answer], tolerance: float, has_uart: bool = True, until: float = math.inf):
+        self._tolerance, self._has_uart, self._known_until = tolerance, has_uart, until - tolerance
         self._expected: dict[Channel, list[Answer]] = collections.defaultdict(list)
         for answer in recorded:
             self._expected[answer.channel].append(answer)
-        self._came: dict[Channel, list[Answer]] = collections.defaultdict(list)
+        self._counted: collections.Counter = collections.Counter()  # what came, by its channel
+        self._told = {channel: _Series(answers) for channel, answers in self._expected.items() if rules(channel).rhythm}
+        self._came: dict[Channel, _Series] = collections.defaultdict(_Series)  # of those with a rhythm
         self.counts: collections.Counter = collections.Counter()
         self.differences: list[Difference] = []
 
     def take(self, answer: Answer) -> int:
         """Judges one answer; returns its place among those of its kind."""
-        place = len(self._came[answer.channel])
-        self._came[answer.channel].append(answer)
+        place = self._counted[answer.channel]
+        self._counted[answer.channel] += 1
         if not self._judges(answer.channel):
             self.counts[NOT_JUDGED] += 1
-            return place
-        judge = self._in_rhythm if rules(answer.channel).rhythm else self._in_turn
-        judge(answer, place)
+        elif rules(answer.channel).rhythm:
+            self._came[answer.channel].add(answer)
+            self._in_rhythm(answer, self._told.get(answer.channel) or _Series())
+        else:
+            self._in_turn(answer, place)
         return place
 
     def _judges(self, channel: Channel) -> bool:
         return self._has_uart or not follows_images(channel)
 
+    # --- one by one ------------------------------------------------------------------------------------------------
+
     def _in_turn(self, answer: Answer, place: int) -> None:
         expected = self._expected[answer.channel]
         if place >= len(expected):
-            self._differ("one more than is recorded", answer.channel, None, answer)
+            self._exceed("one more than is recorded", None, answer)
             return
         recorded = expected[place]
         if recorded.value != answer.value:
             self._differ("something else is said", answer.channel, recorded, answer)
-        elif abs(answer.time - recorded.time) > self._tolerance and answer.channel[1] != END:
+        elif abs(answer.time - recorded.time) > self._tolerance:
             self._differ(f"{abs(answer.time - recorded.time):.3f} s {'later' if answer.time > recorded.time else 'earlier'}",
                          answer.channel, recorded, answer)
         else:
             self.counts[IDENTICAL if recorded.identity == answer.identity else f"{ALLOWED}: another number or time stamp"] += 1
 
-    def _in_rhythm(self, answer: Answer, _place: int) -> None:
-        expected = self._expected[answer.channel]
-        near = self._near(answer, expected)
+    # --- in a rhythm -----------------------------------------------------------------------------------------------
+
+    def _in_rhythm(self, answer: Answer, expected: _Series) -> None:
+        near = expected.near(answer.time, MOMENT + self._tolerance)
         if not near:
-            self._differ("nothing of the kind is recorded at this time", answer.channel, self._nearest(answer), answer)
-        elif not all(self._is_told(answer, name, value, expected) for name, value in parts(answer).items()):
-            self._differ("something else is said at this time", answer.channel, self._nearest(answer), answer)
-        elif any(each.value == answer.value and abs(each.time - answer.time) <= self._tolerance for each in near):
+            self._exceed("nothing of the kind is recorded at this time", expected.nearest(answer.time), answer)
+        elif not all(self._is_told(answer, name, value, expected) or self._is_from_before(name, near, expected)
+                     for name, value in parts(answer).items()):
+            self._exceed("something else is said at this time", expected.nearest(answer.time), answer)
+        elif any(expected.answers[place].value == answer.value for place in expected.near(answer.time, self._tolerance)):
             self.counts[IDENTICAL] += 1
         else:
             self.counts[f"{ALLOWED}: a value of its moment"] += 1
 
-    def _near(self, answer: Answer, among: list[Answer]) -> list[Answer]:
-        return [each for each in among if abs(each.time - answer.time) <= MOMENT + self._tolerance]
-
-    def _is_told(self, answer: Answer, name: str, value: Any, among: list[Answer]) -> bool:
+    def _is_told(self, answer: Answer, name: str, value: Any, among: _Series) -> bool:
         """Whether a part of an answer stands among those of its time. A blend may also show a part as it was before they
-        came, which is not known before the first of all."""
-        near = self._near(answer, among)
-        if any(parts(each).get(name) == value for each in near):
+        came."""
+        near = among.near(answer.time, MOMENT + self._tolerance)
+        if any(among.parts[place].get(name) == value for place in near):
             return True
-        before = [each for each in among if near and each.time < near[0].time]
-        return rules(answer.channel).blend and bool(near) and (not before or parts(before[-1]).get(name) == value)
+        return rules(answer.channel).blend and bool(near and near.start) and among.parts[near.start - 1].get(name) == value
 
-    def _stays(self, answer: Answer, name: str, value: Any, own: list[Answer]) -> bool:
-        return not any(parts(each).get(name) != value for each in self._near(answer, own) if each.time >= answer.time)
+    @staticmethod
+    def _is_from_before(name: str, near: range, among: _Series) -> bool:
+        """Whether a part may be as it was before the first of all, which is not known. What is told for longer is missed in
+        the end among what came."""
+        return near.start == 0 and any(name in among.parts[place] for place in near) and rules(among.answers[0].channel).blend
 
-    def _nearest(self, answer: Answer) -> Optional[Answer]:
-        return min(self._expected[answer.channel], key=lambda each: abs(each.time - answer.time), default=None)
+    def _stays(self, place: int, name: str, value: Any, own: _Series) -> bool:
+        """Whether all that is told in the next moment has it so, too."""
+        near = own.near(own.answers[place].time, MOMENT + self._tolerance)
+        return all(own.parts[later].get(name) == value for later in range(place, near.stop))
+
+    # --- in the end ------------------------------------------------------------------------------------------------
 
     def finish(self) -> None:
         """What is recorded and did not come. Connections that end behind the base unit's last word end with the server, or with
@@ -120,18 +161,26 @@ class Judge:
         for channel, recorded_here in self._expected.items():
             if not self._judges(channel):
                 continue
-            expected = [each for each in recorded_here if channel[1] != END or each.time <= last]
-            came = self._came[channel]
-            if not rules(channel).rhythm:
-                for recorded in expected[len(came):]:
-                    self._differ("it does not come", channel, recorded, None)
+            if rules(channel).rhythm:
+                self._finish_rhythm(self._told[channel], self._came[channel])
                 continue
-            for recorded in expected:
-                if not all(self._is_told(recorded, name, value, came) or
-                           (rules(channel).blend and not self._stays(recorded, name, value, expected))
-                           for name, value in parts(recorded).items()):
-                    self._differ("it does not come", channel, recorded, None)
+            expected = [each for each in recorded_here if channel[1] != END or each.time <= last]
+            for recorded in expected[self._counted[channel]:]:
+                self._differ("it does not come", channel, recorded, None)
         self.differences.sort(key=lambda each: (each.answered or each.recorded).time)
+
+    def _finish_rhythm(self, expected: _Series, came: _Series) -> None:
+        for place, recorded in enumerate(expected.answers):
+            blend = rules(recorded.channel).blend
+            if not all(self._is_told(recorded, name, value, came) or (blend and not self._stays(place, name, value, expected))
+                       for name, value in expected.parts[place].items()):
+                self._differ("it does not come", recorded.channel, recorded, None)
+
+    def _exceed(self, what: str, recorded: Optional[Answer], answered: Answer) -> None:
+        if answered.time > self._known_until:
+            self.counts[AFTERWARDS] += 1
+        else:
+            self._differ(what, answered.channel, recorded, answered)
 
     def _differ(self, what: str, channel: Channel, recorded: Optional[Answer], answered: Optional[Answer]) -> None:
         self.differences.append(Difference(what, channel, recorded, answered))

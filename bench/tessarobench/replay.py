@@ -9,7 +9,7 @@ from __future__ import annotations
 from pathlib import Path
 from typing import Any, Optional
 
-from .answers import END, UART, Answer
+from .answers import UART, Answer
 from .capturefile import CaptureFile
 from .conversation import Conversation
 from .farsides import FarSides
@@ -20,7 +20,7 @@ from .serverprocess import LINK as SERVER
 from .turns import Turns
 
 TOLERANCE, REAL_TOLERANCE = 0.06, 0.3  # seconds; the base unit's shortest time is its 50 ms repetition
-AFTERWARDS = 0.1     # for what is under way at the end of the recording
+AFTERWARDS = 0.01    # for what is under way then
 EXIT = (SERVER, "exit")  # the channel of its end
 
 
@@ -66,7 +66,8 @@ class Player:
         """Everybody who has to do with the play. All times are counted from the base unit's first word."""
         talk, zero = self._talk, self._first_word()
         self._last = max(each.time for each in (*talk.moves, *talk.answers)) - zero  # the end of the recording
-        self.judge = Judge([answer._replace(time=answer.time - zero) for answer in talk.answers], self._patience, talk.has_uart)
+        self.judge = Judge([answer._replace(time=answer.time - zero) for answer in talk.answers], self._patience, talk.has_uart,
+                           self._last)
         self._turns = Turns(self._bench.loop, talk.moves, zero, self._patience, lambda move: self._far.act(move))
         self._far = FarSides(self._bench, talk, lambda: self._turns.now if self._turns.have_begun else None, self._turns.begin,
                              self._take)
@@ -95,7 +96,7 @@ class Player:
 
     def _take(self, answer: Answer) -> None:
         """The base unit says something."""
-        if answer.time > self._last + self._patience and answer.channel[1] != END:
+        if answer.time > self._last + self._patience:
             return  # of this nothing is recorded any more
         if not self._talk.begins_at_start and answer.channel[0] not in self._recorded_links:
             return  # the capture was taken elsewhere
@@ -111,9 +112,9 @@ class Player:
     # --- afterwards ------------------------------------------------------------------------------------------------
 
     def _wait_for_end(self) -> None:
-        last = self._last
+        last = self._last + self._patience + AFTERWARDS  # an answer may come so late
         self._bench.wait_for(lambda: self._turns.have_begun, 30, "the first word of the base unit")
-        self._bench.wait_for(lambda: self._turns.now >= last + AFTERWARDS, last + 30, "the end of the recording", poll=0.1)
+        self._bench.wait_for(lambda: self._turns.now >= last, last + 30, "the end of the recording", poll=0.1)
 
     def _judge_life(self) -> None:
         """A server that has ended is different, whatever it answered before."""

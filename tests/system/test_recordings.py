@@ -16,6 +16,7 @@ from tessarobench.capturefile import CaptureFile
 from tessarobench.captureread import BadCapture, read
 from tessarobench.conversation import Conversation
 from tessarobench.csvfile import Table
+from tessarobench.farsides import FarSides
 from tessarobench.installation import APP, controller_group
 from tessarobench.judge import NOT_JUDGED
 from tessarobench.pcapng import LINKTYPE_ETHERNET, LINKTYPE_USER0
@@ -268,6 +269,26 @@ def test_a_server_that_ends_is_different(played, monkeypatch):
     monkeypatch.setattr(Player, "_wait_for_end", lambda player, wait=Player._wait_for_end: (wait(player), end(player)))
     judge = played(Conversation(read(START)))
     assert [(difference.channel, difference.answered.words) for difference in judge.differences] == [(EXIT, "it ends with status -9")]
+
+
+@pytest.mark.real_time("a busy computer answers late, and as late as that may be it is waited for")
+def test_what_comes_late_at_the_end_of_the_recording_is_awaited(server_path, monkeypatch):
+    def late(far, move, act=FarSides.act):
+        far._bench.loop.later(0.2, lambda: act(far, move))  # pylint: disable=protected-access
+
+    packets = [packet for packet in read(REMOTE_UNIT) if packet.interface == "wlan0"]
+    initack = next(answer.packet for answer in Conversation(packets).answers if answer.channel[1] == "INITACK")
+    monkeypatch.setattr(FarSides, "act", late)
+    judge = Player(Conversation(packet for packet in packets if packet.number <= initack), server_path, None).run()
+    assert not judge.differences, told(judge)
+    assert judge.counts["allowed: another number or time stamp"] == 2  # the acknowledgement and the verdict
+
+
+@pytest.mark.parametrize("number", [25, 34, 40, 60, 80])
+def test_a_capture_that_ends_anywhere_is_played(played, number):
+    """Between a question and its answer, too."""
+    judge = played(Conversation(packet for packet in read(REMOTE_UNIT) if packet.number <= number))
+    assert not judge.differences, told(judge)
 
 
 # --- what cannot be played -----------------------------------------------------------------------------------------------
