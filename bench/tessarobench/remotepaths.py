@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import ctypes
 import errno
 import os
@@ -41,7 +42,7 @@ class TcpPath:
         self._dribbler: Optional[Timer] = None
         self._reading = True
         self._watching: Optional[tuple[bool, bool]] = None  # for what comes, for room
-        self.is_open = self.is_closed = self.has_vanished = False
+        self.is_open = self.is_closed = self.has_vanished = self._finishes = False
         tcp.setblocking(False)
         tcp.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         if small_buffer:
@@ -111,8 +112,9 @@ class TcpPath:
         self._tcp.close()
 
     def finish_writing(self) -> None:
-        """Half of an orderly end: nothing more will come, everything is still read."""
-        self._tcp.shutdown(socket.SHUT_WR)
+        """Half of an orderly end: when all that was written has left nothing more will come, and everything is still read."""
+        self._finishes = True
+        self._finish()
 
     # --- inside ----------------------------------------------------------------------------------------------------
 
@@ -158,11 +160,19 @@ class TcpPath:
         except OSError as error:
             self._end(error.strerror)
             return
+        self._finish()
         self._watch()
+
+    def _finish(self) -> None:
+        if self._finishes and self.is_open and not self.is_closed and not self._pending:
+            self._finishes = False
+            with contextlib.suppress(OSError):  # the base unit has ended it already
+                self._tcp.shutdown(socket.SHUT_WR)
 
     def _write_one_byte(self) -> None:
         self._dribbler = None
         if self.is_closed or not self._pending:
+            self._finish()
             return
         try:
             del self._pending[:self._tcp.send(self._pending[:1])]

@@ -21,7 +21,7 @@ from tessarobench.installation import APP, controller_group
 from tessarobench.judge import NOT_JUDGED
 from tessarobench.pcapng import LINKTYPE_ETHERNET, LINKTYPE_USER0
 from tessarobench.replay import EXIT, Player
-from tessarobench.timeline import OPEN
+from tessarobench.timeline import FINISH, OPEN
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 REPLAY = REPOSITORY / "bench" / "replay"
@@ -289,6 +289,16 @@ def test_a_capture_that_ends_anywhere_is_played(played, number):
     """Between a question and its answer, too."""
     judge = played(Conversation(packet for packet in read(REMOTE_UNIT) if packet.number <= number))
     assert not judge.differences, told(judge)
+
+
+def test_a_unit_that_is_gone_at_once_has_said_all_the_same_what_it_said(played):
+    """It connects, introduces itself and ends the connection within one moment."""
+    conversation = Conversation(packet for packet in read(REMOTE_UNIT) if packet.interface == "wlan0")
+    opened, init = conversation.moves[:2]
+    conversation.moves = [move._replace(time=opened.time, after=None) for move in (opened, init, init._replace(what=FINISH))]
+    judge = played(conversation)
+    assert judge.counts["allowed: another number or time stamp"] >= 2, told(judge)
+    assert not {"ack of INIT", "INITACK"} & {difference.channel[1] for difference in judge.differences}
 
 
 # --- what cannot be played -----------------------------------------------------------------------------------------------
