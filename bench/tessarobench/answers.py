@@ -115,5 +115,5 @@ def parts(answer: Answer) -> dict[str, Any]:
     """What of an answer is compared by itself, by a name."""
     try:
         return json.loads(answer.value) if rules(answer.channel).blend else {"": answer.value}
-    except ValueError:
+    except (ValueError, RecursionError):
         return {"": answer.value}

@@ -206,11 +206,13 @@ def transport(packet: Packet) -> Optional[Transport]:
     body = ip[start:length]
     if protocol not in (_TCP, _UDP) or fragment & 0x1FFF:
         return None
-    if len(ip) < length or len(body) < (20 if protocol == _TCP else 8) or fragment & 0x2000:
-        raise BadCapture(f"packet {packet.number}: a part of a datagram, or cut short; only whole ones can be played")
+    if len(body) < 4:
+        return None  # not even its ports
     addresses = (".".join(map(str, ip[12:16])), ".".join(map(str, ip[16:20])))
     ports = struct.unpack_from(">HH", body)
     ends = ((addresses[0], ports[0]), (addresses[1], ports[1]))
+    if len(ip) < length or len(body) < (20 if protocol == _TCP else 8) or fragment & 0x2000:
+        return Transport(packet, *ends, b"", None, 0, is_part=True)
     if protocol == _UDP:
         return Transport(packet, *ends, body[8:], None, 0)
     sequence, acknowledged, offset, flags = struct.unpack_from(">IIBB", body, 4)
@@ -222,7 +224,8 @@ _FIN, _SYN, _RST, _ACK = 1, 2, 4, 16
 
 
 class Transport(NamedTuple):
-    """`sequence` is None for UDP; `acknowledged` is the number of the next byte that its sender waits for, if it says so."""
+    """`sequence` is None for UDP; `acknowledged` is the number of the next byte that its sender waits for, if it says so. One
+    that `is_part` of a datagram, or cut short, has nothing but its ends."""
 
     packet: Packet
     source: tuple[str, int]
@@ -231,6 +234,7 @@ class Transport(NamedTuple):
     sequence: Optional[int]
     flags: int
     acknowledged: Optional[int] = None
+    is_part: bool = False
 
     @property
     def opens(self) -> bool:
@@ -239,6 +243,11 @@ class Transport(NamedTuple):
     @property
     def finishes(self) -> bool:
         return bool(self.flags & _FIN)
+
+    @property
+    def end(self) -> Optional[int]:
+        """The number behind its last byte, where it tells the end of all. A reset may carry any."""
+        return self.sequence + len(self.payload) & 0xFFFFFFFF if self.finishes else None
 
     @property
     def resets(self) -> bool:

@@ -2,36 +2,42 @@
 
 from __future__ import annotations
 
+import collections
+
 from . import glink
+from .admissions import Admissions, introduction
 from .captureread import Packet, Transport
-from .replies import GLINK_PORT, PORTS, Replies
+from .replies import GLINK_PORT, PORTS, Offers, Replies
 from .tcpstream import Stream
 from .timeline import DATA, FINISH, OPEN, RESET, Timeline
 
 
 class _Connection:
-    def __init__(self, link: str, port: int):
+    """`sent` counts the bytes to the base unit, `framed` those of them that were whole frames."""
+
+    def __init__(self, link: str, port: int, offers: Offers):
         self.link, self.port = link, port
+        self.sent = self.framed = 0
         self.to_base_unit, self.from_base_unit = Stream(), Stream()
         self.requests = glink.Assembler() if port == GLINK_PORT else None
-        self.answers = Replies(link, port)
+        self.answers = Replies(link, port, offers)
         self.opened = self.ended = self.answered_end = False
 
 
 class Connections:
-    """Puts what they say onto the timeline. `notes` says what the capture lacks of them. `accepted` are the remote units that
-    the base unit took in, and the checksum of the application that each showed; `paired_here` those of them that were
-    strangers to it before. Without the internal link in the capture (`has_uart`) the base controller's commands cannot come."""
+    """Puts what they say onto the timeline. `notes` says what the capture lacks of them, `admissions` whom the base unit took in,
+    and `introductions` with which frames the units asked for that, and at which byte of each link. Without the internal link in
+    the capture (`has_uart`) the base controller's commands cannot come."""
 
     def __init__(self, timeline: Timeline, has_uart: bool):
         self._timeline, self._has_uart = timeline, has_uart
         self.notes: list[str] = []
-        self.accepted: dict[int, bytes] = {}
-        self.paired_here: set[int] = set()
+        self.admissions = Admissions()
+        self.introductions: dict[str, list[tuple[int, bytes]]] = collections.defaultdict(list)
         self.commands: set[bytes] = set()  # of the machine controller, which go on to the units
         self._newest: dict[tuple, _Connection] = {}  # of each pair of ends
         self._all: list[_Connection] = []
-        self._inits: dict[str, glink.Init] = {}
+        self._offers: Offers = set()
 
     @property
     def ports(self) -> dict[str, int]:
@@ -70,7 +76,7 @@ class Connections:
         if connection is None or (segment.opens and to_base_unit and connection.ended):
             number = 1 + sum(each.port == key[2] for each in self._all)
             name = "GLink" if key[2] == GLINK_PORT else f"port {key[2]}"
-            connection = self._newest[key] = _Connection(f"{name}, connection {number}", key[2])
+            connection = self._newest[key] = _Connection(f"{name}, connection {number}", key[2], self._offers)
             self._all.append(connection)
         return connection
 
@@ -84,9 +90,10 @@ class Connections:
                                   "before is missing here, and who does not introduce himself is not served")
         if segment.payload:
             self._send(connection, packet, connection.to_base_unit.feed(segment.sequence, segment.payload))
+        if segment.finishes or segment.resets:
+            self._send(connection, packet, connection.to_base_unit.finish(packet, segment.end))
         if (segment.finishes or segment.resets) and not connection.ended:
             connection.ended = True
-            self._send(connection, packet, connection.to_base_unit.finish(packet))
             self._timeline.move(packet, connection.link, RESET if segment.resets else FINISH)
 
     def _close(self, connection: _Connection, last: Packet) -> None:
@@ -102,42 +109,40 @@ class Connections:
 
     def _send(self, connection: _Connection, packet: Packet, data: bytes) -> None:
         """Whole frames one by one, so that each acknowledgement finds what it belongs to; anything else as it came."""
-        assembler = connection.requests
         if not data:
             return
-        if assembler is None or assembler.waiting:
+        is_between = connection.sent == connection.framed
+        frames = self._frames(connection, data)
+        if is_between and sum(len(raw) for _, raw in frames) == len(data):
+            for frame, raw in frames:
+                self._timeline.move(packet, connection.link, DATA, raw, (connection.link, frame.msg_id) if frame.is_ack else None)
+        else:
             self._timeline.move(packet, connection.link, DATA, data)
-            self._swallow(connection, data)
-            return
-        frames = []
+        connection.sent += len(data)
+
+    def _frames(self, connection: _Connection, data: bytes) -> list[tuple[glink.Frame, bytes]]:
+        """Those that these bytes complete; behind something broken there are none any more."""
+        frames: list[tuple[glink.Frame, bytes]] = []
         try:
-            frames = list(assembler.feed(data))
+            for frame, raw in connection.requests.feed(data) if connection.requests else ():
+                frames.append((frame, raw))
+                self.admissions.asks(connection.link, frame)
+                if introduction(frame):
+                    self.introductions[connection.link].append((connection.framed, raw))
+                connection.framed += len(raw)
         except glink.Damaged:
             connection.requests = None
-        if sum(len(raw) for _, raw in frames) != len(data):
-            self._timeline.move(packet, connection.link, DATA, data)
-            return
-        for frame, raw in frames:
-            if frame.msg_id == glink.INIT and not frame.is_ack and len(frame.payload) == 22:
-                self._inits[connection.link] = glink.Init.unpack(frame.payload)
-            self._timeline.move(packet, connection.link, DATA, raw, (connection.link, frame.msg_id) if frame.is_ack else None)
-
-    @staticmethod
-    def _swallow(connection: _Connection, data: bytes) -> None:
-        if connection.requests:
-            try:
-                list(connection.requests.feed(data))
-            except glink.Damaged:
-                connection.requests = None
+        return frames
 
     def _reply(self, connection: _Connection, segment: Transport) -> None:
         packet = segment.packet
         if segment.payload:
             self._hear(connection, packet, connection.from_base_unit.feed(segment.sequence, segment.payload))
+        if segment.finishes or segment.resets:
+            self._hear(connection, packet, connection.from_base_unit.finish(packet, segment.end))
         if (segment.finishes or segment.resets) and not connection.answered_end:
             connection.ended = connection.answered_end = True
-            self._hear(connection, packet, connection.from_base_unit.finish(packet))
-            for answer in connection.answers.end(packet.time, packet.number):
+            for answer in connection.answers.end(packet.time, packet.number, connection.from_base_unit.missing):
                 self._timeline.answer(answer)
 
     def _hear(self, connection: _Connection, packet: Packet, data: bytes) -> None:
@@ -149,11 +154,5 @@ class Connections:
                 self._timeline.cannot_come(mark, packet.time)
                 continue
             self._timeline.answer(answer, mark)
-            if kind == "INITACK" and connection.link in self._inits:
-                self._note_verdict(self._inits[connection.link], int.from_bytes(answer.value[:2], "little"))
-
-    def _note_verdict(self, init: glink.Init, code: int) -> None:
-        if code == glink.ACCEPTED:
-            self.accepted[init.unit] = init.checksum
-        elif code == glink.NOT_PAIRED and init.unit not in self.accepted:
-            self.paired_here.add(init.unit)  # if it is ever taken in
+            if ids:
+                self.admissions.answered(connection.link, ids[0], answer.value)

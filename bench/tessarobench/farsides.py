@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+import collections
 import socket
 from typing import Callable, Optional
 
-from . import glink, internallink as il
+from . import internallink as il
+from .admissions import fallback_frame, introduction, whole_frame
 from .answers import API, EGLINK, UART, Answer, api_answer, eglink_answer, uart_answer
 from .apiclient import LINK as API_LINK
 from .conversation import Conversation
@@ -13,7 +15,7 @@ from .installation import Installation, controller_group
 from .journal import FROM_BASE_UNIT, Event
 from .machinecontroller import MachineController
 from .remotepaths import ADDRESS, TcpPath
-from .replies import Replies
+from .replies import Offers, Replies
 from .serialline import SerialLine
 from .timeline import DATA, FINISH, OPEN, RESET, Move, Place
 
@@ -33,6 +35,8 @@ class FarSides:
         self._line: Optional[SerialLine] = None
         self._splitter = il.Splitter()
         self._numbers: dict[Place, int] = {}  # the base unit's packet numbers, by the place of what it said then
+        self._sent: collections.Counter = collections.Counter()  # bytes, by connection
+        self._offers: Offers = set()
         self._paths: dict[str, TcpPath] = {}
         self._listeners: dict[str, Replies] = {}
         self._controller = MachineController(bench.loop, bench.peer_socket(socket.SOCK_DGRAM), bench.journal,
@@ -57,7 +61,7 @@ class FarSides:
 
     def act(self, move: Move) -> None:
         if move.link == UART:
-            self._line.write(self._with_number_of_now(move))
+            self._line.write(self._relayed_now(self._with_number_of_now(move)))
         elif move.link == EGLINK:
             self._controller.send_raw(move.data)
         elif move.link == API:
@@ -79,23 +83,37 @@ class FarSides:
         elif path is None or path.is_closed:
             return  # the base unit has ended it; that is for the judge
         elif move.what == DATA:
-            path.write(self._with_checksum_of_now(move.data))
+            path.write(self._introduced_now(move.link, move.data))
         elif move.what == FINISH:
             path.finish_writing()
         elif move.what == RESET:
             path.close(hard=True)
 
-    def _with_checksum_of_now(self, data: bytes) -> bytes:
+    def _relayed_now(self, data: bytes) -> bytes:
+        """A line; over the fallback, too, a unit introduces itself with the application of now."""
+        packet = il.parse(data)
+        frame = packet and fallback_frame(packet)
+        if not frame or not introduction(frame):
+            return data
+        now = self._with_checksum_of_now(frame.pack())
+        return il.frame(packet._replace(payload=packet.payload[:-len(now)] + now))
+
+    def _introduced_now(self, link: str, data: bytes) -> bytes:
+        """The next bytes of a connection, of which an introduction may be a part or have one."""
+        begins, now = self._sent[link], bytearray(data)
+        self._sent[link] += len(data)
+        for place, raw in self._talk.introductions.get(link, ()):
+            first, behind = max(begins, place), min(begins + len(data), place + len(raw))
+            if first < behind and data[first - begins:behind - begins] == raw[first - place:behind - place]:
+                now[first - begins:behind - begins] = self._with_checksum_of_now(raw)[first - place:behind - place]
+        return bytes(now)
+
+    def _with_checksum_of_now(self, raw: bytes) -> bytes:
         """A unit that was taken in carried the application that was installed then; here another one may be."""
-        try:
-            (frame, raw), = glink.Assembler().feed(data)
-        except (ValueError, glink.Damaged):
-            return data
-        if frame.msg_id != glink.INIT or frame.is_ack or len(frame.payload) != 22:
-            return data
-        init = glink.Init.unpack(frame.payload)
+        frame = whole_frame(raw)
+        init = introduction(frame)
         if self._talk.accepted.get(init.unit) != init.checksum:
-            return data
+            return raw
         return frame._replace(payload=init._replace(checksum=self._bench.unit_checksum()).pack()).pack()
 
     # --- what they hear --------------------------------------------------------------------------------------------
@@ -123,7 +141,7 @@ class FarSides:
 
     def _open(self, link: str) -> None:
         port = self._talk.ports[link]
-        self._listeners[link] = Replies(link, port)
+        self._listeners[link] = Replies(link, port, self._offers)
         path = TcpPath(self._bench.loop, self._bench.peer_socket(), lambda: None, lambda data: self._stream_says(link, data),
                        lambda _reason: self._ends(link), target=(ADDRESS[0], port))
         self._paths[link] = path.connect()

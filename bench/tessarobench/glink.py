@@ -134,7 +134,7 @@ class InitAck(NamedTuple):
     @classmethod
     def unpack(cls, payload: bytes) -> "InitAck":
         code, text = _INITACK.unpack(payload)
-        return cls(code, text.rstrip(b"\0").decode("ascii"))
+        return cls(code, text.rstrip(b"\0").decode("ascii", "replace"))
 
 
 class BaseStatus(NamedTuple):

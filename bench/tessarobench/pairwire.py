@@ -6,6 +6,7 @@ UTF-16. Nothing here does input or output: `Reader` raises `Incomplete` when a r
 
 from __future__ import annotations
 
+import re
 import struct
 from typing import NamedTuple
 
@@ -13,6 +14,7 @@ REQUEST_PORT, TRANSFER_PORT = 9123, 9124
 LARGEST_REQUEST = 64 * 1024
 LARGEST_TEXT = 1024 * 1024  # of a reply; a base unit that says more than that is none
 _NULL_TEXT = 0xFFFFFFFF
+_DIGEST = re.compile("[0-9a-fA-F]{32}")
 
 
 class Incomplete(Exception):
@@ -99,6 +101,6 @@ def parse_offer(data: bytes) -> tuple[Offer, int]:
     reader = Reader(data)
     reader.expect("app")
     name, size, md5 = reader.text(), reader.number(8), reader.text()
-    if "/" in name or name in ("", ".", "..") or len(md5) != 32:
+    if "/" in name or name in ("", ".", "..") or not _DIGEST.fullmatch(md5):
         raise Malformed(f"an archive named {name!r} with the digest {md5!r}")
     return Offer(name, size, md5), reader.position

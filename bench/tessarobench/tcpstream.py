@@ -43,14 +43,19 @@ class Stream:
         (shows, number), self._acknowledged = self._acknowledged, None
         return self._skip_to(number, shows)
 
-    def finish(self, packet: Packet) -> bytes:
-        """At the end of a connection or of the capture: what stands behind holes. The end has a number of its own, which is
-        acknowledged like a byte and is none."""
+    def finish(self, packet: Packet, end: Optional[int] = None) -> bytes:
+        """At the end of a connection, which is said to be behind the byte before `end`, or of the capture: what stands behind
+        holes. The end has a number of its own, which is acknowledged like a byte and is none."""
+        acknowledged, self._acknowledged = self._acknowledged, None
         self._finished = True
-        out = b""
+        out = bytearray()
         while self._early:
             out += self._skip_to(min(self._early, key=self._ahead), packet)
-        return out
+        if self._next is not None and end is not None:
+            out += self._skip_to(end, packet)
+        elif acknowledged:
+            out += self._skip_to(acknowledged[1], acknowledged[0])
+        return bytes(out)
 
     def _ahead(self, number: int) -> int:
         """Bytes from the next one; negative behind it."""

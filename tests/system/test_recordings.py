@@ -17,7 +17,7 @@ from tessarobench.captureread import BadCapture, read
 from tessarobench.conversation import Conversation
 from tessarobench.csvfile import Table
 from tessarobench.farsides import FarSides
-from tessarobench.installation import APP, controller_group
+from tessarobench.installation import APP, UNIT_APPLICATION, controller_group
 from tessarobench.judge import NOT_JUDGED
 from tessarobench.pcapng import LINKTYPE_ETHERNET, LINKTYPE_USER0
 from tessarobench.replay import EXIT, Player
@@ -299,6 +299,22 @@ def test_a_unit_that_is_gone_at_once_has_said_all_the_same_what_it_said(played):
     judge = played(conversation)
     assert judge.counts["allowed: another number or time stamp"] >= 2, told(judge)
     assert not {"ack of INIT", "INITACK"} & {difference.channel[1] for difference in judge.differences}
+
+
+@pytest.mark.parametrize("name, cut", [("remote-unit", 0), ("remote-unit", 25), ("fallback", 0)])
+def test_units_show_the_application_that_is_installed_here(server_path, virtual_time, tmp_path, name, cut):
+    """However their introduction was cut, and by whichever way it comes."""
+    if virtual_time is None:
+        pytest.skip("recordings are compared in virtual time")
+    site = tmp_path / "Applications"
+    shutil.copytree(EXAMPLES, site)
+    (site / UNIT_APPLICATION / "more.qml").write_text("of a later version\n")
+    conversation = Conversation(read(REMOTE_UNIT.with_name(f"{name}.pcapng")))
+    place = next(place for place, move in enumerate(conversation.moves) if move.link == "GLink, connection 1" and move.data)
+    init = conversation.moves[place]
+    conversation.moves[place:place + 1] = [init._replace(data=part) for part in (init.data[:cut], init.data[cut:]) if part]
+    judge = Player(conversation, server_path, virtual_time, site).run()
+    assert not judge.differences, told(judge)
 
 
 # --- what cannot be played -----------------------------------------------------------------------------------------------
