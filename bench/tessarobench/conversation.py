@@ -34,6 +34,9 @@ class Conversation:
             self._take(packet)
         if not self._timeline.moves:
             raise BadCapture(f"among {len(packets)} packets there is none that anybody sent to a base unit")
+        if not self._timeline.answers:
+            raise BadCapture(f"among {len(packets)} packets there is none that a base unit sent, with which its answers could be "
+                             "compared")
         self._connections.close(packets[-1])
         self.moves: list[Move] = self._timeline.moves
         self.answers: list[Answer] = self._timeline.answers

@@ -37,8 +37,14 @@ CONFIG_VALUES = {"BCSR": 30201, "BUID": 400, "IFTY": 2, "IVL1": 1500, "IVL2": 70
 
 def missing_in(applications: Path) -> str:
     """Why this folder cannot take the place of /home/root/Applications; empty when it can."""
-    lacking = next((file for file in (APP, REMOTES) if not (applications / file).is_file()), None)
-    return f"{applications} is no copy of a base unit's Applications: there is no {lacking} in it." if lacking else ""
+    for file in (APP, REMOTES):
+        if not (applications / file).is_file():
+            return f"{applications} is no copy of a base unit's Applications: there is no {file} in it."
+        try:
+            Table.load(applications / file)
+        except IndexError:
+            return f"{applications / file} is no table: it lacks the two lines of its head."
+    return ""
 
 
 def controller_group(applications: Path) -> tuple[str, int]:
@@ -48,7 +54,7 @@ def controller_group(applications: Path) -> tuple[str, int]:
         if (applications / file).is_file():
             values.update({row.get("tag", ""): row.get("value", "") for row in Table.load(applications / file)})
     port = values.get("MCPT", "")
-    return values.get("MCIP") or eglink.GROUP, int(port) if port.isdecimal() else eglink.PORT
+    return values.get("MCIP") or eglink.GROUP, int(port) & 0xFFFF if port.isdecimal() else eglink.PORT
 
 
 class Peers:

@@ -16,6 +16,7 @@ from .farsides import FarSides
 from .installation import APP, REMOTES, Installation
 from .journal import Event
 from .judge import Difference, Judge
+from .loop import WaitTimeout
 from .serverprocess import LINK as SERVER
 from .turns import Turns
 
@@ -24,15 +25,20 @@ AFTERWARDS = 0.01    # for what is under way then
 EXIT = (SERVER, "exit")  # the channel of its end
 
 
+class CannotBegin(Exception):
+    """The server does not come so far that anything could be played. The text says why."""
+
+
 class Player:
-    """Plays one conversation on a board that it lays. `run` returns the judge."""
+    """Plays one conversation on a board that it lays. `run` returns the judge, or raises CannotBegin."""
 
     def __init__(self, conversation: Conversation, server: Path, virtual_time: Optional[Path],
                  installation: Optional[Path] = None, capture: Optional[CaptureFile] = None):
         self._talk, self._server, self._virtual = conversation, server, virtual_time
         self._installation, self._capture = installation, capture
         self._ended_at = 0.0  # when the server did, if it does
-        self._recorded_links = {answer.channel[0] for answer in conversation.answers}
+        self._recorded_links = {answer.channel[0] for answer in conversation.answers} | conversation.ports.keys()
+        self._stuck = ""  # in which way the server stands still, if it does
         self._patience = TOLERANCE if virtual_time else REAL_TOLERANCE
 
     def run(self) -> Judge:
@@ -41,7 +47,7 @@ class Player:
             self._bench = bench
             self._configure()
             self._prepare()
-            self._connect()
+            self._begin()
             self._wait_for_end()
             self._judge_life()
             self._far.close()
@@ -78,6 +84,13 @@ class Player:
             return next(answer.time for answer in self._talk.answers if answer.channel[0] == UART)
         return min(each.time for each in (*self._talk.moves[:1], *self._talk.answers[:1]))
 
+    def _begin(self) -> None:
+        try:
+            self._connect()
+            self._bench.wait_for(lambda: self._turns.have_begun, 30, "the first word of the base unit")
+        except (WaitTimeout, OSError) as failure:
+            raise CannotBegin(str(failure)) from failure
+
     def _connect(self) -> None:
         """The far sides take their places, and the server starts."""
         bench = self._bench
@@ -113,12 +126,18 @@ class Player:
 
     def _wait_for_end(self) -> None:
         last = self._last + self._patience + AFTERWARDS  # an answer may come so late
-        self._bench.wait_for(lambda: self._turns.have_begun, 30, "the first word of the base unit")
-        self._bench.wait_for(lambda: self._turns.now >= last, last + 30, "the end of the recording", poll=0.1)
+        try:
+            self._bench.wait_for(lambda: self._turns.now >= last, last + 30, "the end of the recording", poll=0.1)
+        except WaitTimeout as failure:
+            self._stuck = str(failure).partition("\n")[0]
 
     def _judge_life(self) -> None:
-        """A server that has ended is different, whatever it answered before."""
+        """A server that has ended, or goes on for ever, is different, whatever it answered before."""
         status = self._bench.server.exit_status
         if status is not None:
-            end = Answer(self._ended_at, 0, EXIT, b"", None, f"it ends with status {status}")
-            self.judge.differences.append(Difference("it does not last", EXIT, None, end))
+            self._differ(self._ended_at, f"it ends with status {status}")
+        elif self._stuck:
+            self._differ(self._turns.now, self._stuck)
+
+    def _differ(self, when: float, words: str) -> None:
+        self.judge.differences.append(Difference("it does not last", EXIT, None, Answer(when, 0, EXIT, b"", None, words)))

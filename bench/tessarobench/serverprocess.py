@@ -15,7 +15,7 @@ from pathlib import Path
 from typing import NamedTuple, Optional
 
 from .journal import BENCH, FROM_BASE_UNIT, Journal
-from .loop import Loop
+from .loop import Loop, WaitTimeout
 from .namespaces import World
 from .virtualtime import cpu_clock
 
@@ -162,7 +162,8 @@ class ServerProcess:
         state = "07" if kind == socket.SOCK_DGRAM else "0A"
         self._loop.wait_for(lambda: not self.running or _bound(table, port, state), timeout,
                             f"somebody listening on port {port}", poll=0.005)
-        assert self.running, f"the server ended with {self.exit_status} before it listened on port {port}"
+        if not self.running:
+            raise WaitTimeout(f"the server ended with {self.exit_status} before it listened on port {port}")
 
     # --- log -------------------------------------------------------------------------------------------------------
 

@@ -1,33 +1,25 @@
-"""Recordings are played again: the server answers as it did, and what is different is shown. A capture that cannot be played is
-refused with the packet that is to blame."""
+"""Recordings are played again: the server answers as it did, and what is different is shown."""
 
 import shutil
 import struct
-import subprocess
-import sys
-from pathlib import Path
 
 import pytest
 
+from recordings_support import RECORDINGS, REMOTE_UNIT, START, pcap
 from tessarobench import captureread, glink
 from tessarobench.answers import END, Answer
 from tessarobench.board import EXAMPLES
 from tessarobench.capturefile import CaptureFile
-from tessarobench.captureread import BadCapture, read
+from tessarobench.captureread import read
 from tessarobench.conversation import Conversation
 from tessarobench.csvfile import Table
 from tessarobench.farsides import FarSides
 from tessarobench.installation import APP, UNIT_APPLICATION, controller_group
 from tessarobench.judge import NOT_JUDGED
-from tessarobench.pcapng import LINKTYPE_ETHERNET, LINKTYPE_USER0
+from tessarobench.loop import WaitTimeout
+from tessarobench.pcapng import LINKTYPE_ETHERNET
 from tessarobench.replay import EXIT, Player
 from tessarobench.timeline import FINISH, OPEN
-
-REPOSITORY = Path(__file__).resolve().parents[2]
-REPLAY = REPOSITORY / "bench" / "replay"
-RECORDINGS = sorted((REPOSITORY / "tests" / "recordings").glob("*.pcapng"))
-REMOTE_UNIT = REPOSITORY / "tests" / "recordings" / "remote-unit.pcapng"
-START = REPOSITORY / "tests" / "recordings" / "start.pcapng"
 
 
 @pytest.fixture
@@ -42,7 +34,7 @@ def told(judge):
     return "\n".join(map(str, judge.differences))
 
 
-@pytest.mark.parametrize("path", RECORDINGS, ids=lambda path: path.stem)
+@pytest.mark.parametrize("path", sorted(RECORDINGS.glob("*.pcapng")), ids=lambda path: path.stem)
 def test_the_server_answers_as_recorded(played, path):
     conversation = Conversation(read(path))
     judge = played(conversation)
@@ -68,7 +60,7 @@ def changed(path, pick, change):
 @pytest.mark.parametrize("kind", [("UART", "command"), ("GLink, connection 1", "command"), ("EGLink", "VRAI")],
                          ids=["UART", "GLink", "EGLink"])
 def test_an_answer_that_is_different_is_shown(played, kind, change, told_as):
-    path = REPOSITORY / "tests" / "recordings" / ("machine-controller.pcapng" if kind[0] == "EGLink" else "remote-unit.pcapng")
+    path = RECORDINGS / ("machine-controller.pcapng" if kind[0] == "EGLink" else "remote-unit.pcapng")
     judge = played(changed(path, lambda answer: answer.channel[:2] == kind, change))
     assert any(told_as in difference.what and difference.channel[:2] == kind for difference in judge.differences), told(judge)
 
@@ -96,13 +88,6 @@ def test_the_first_difference_is_shown_side_by_side(played):
 
 
 # --- captures of a site --------------------------------------------------------------------------------------------------
-
-
-def pcap(packets, link_type=LINKTYPE_ETHERNET, order="<", version=(2, 4)):
-    """The older format, of (seconds, bytes)."""
-    head = struct.pack(order + "IHHIIII", 0xA1B2C3D4, *version, 0, 0, 262144, link_type)
-    return head + b"".join(struct.pack(order + "IIII", int(seconds), round(seconds % 1 * 1e6), len(data), len(data)) + data
-                           for seconds, data in packets)
 
 
 def cooked(packet):
@@ -137,7 +122,7 @@ def test_what_a_board_captured_on_its_networks_is_played(played, tmp_path, kind,
 @pytest.mark.parametrize("name", ["machine-stop", "silent-controller"])
 def test_what_follows_from_the_base_controller_is_not_judged_without_its_words(played, name):
     """States, images and commands come over the UART, on which nobody on a board can capture."""
-    path = REPOSITORY / "tests" / "recordings" / f"{name}.pcapng"
+    path = RECORDINGS / f"{name}.pcapng"
     conversation = Conversation(packet for packet in read(path) if packet.interface in ("eth0", "wlan0"))
     judge = played(conversation)
     assert not judge.differences, told(judge)
@@ -161,7 +146,7 @@ def test_a_site_with_its_machine_controller_elsewhere_is_played(server_path, vir
             struct.pack(">H", 5827), struct.pack(">H", 6002))
         return packet._replace(data=packet.data[:34] + ports + packet.data[38:]) if packet.interface == "eth0" else packet
 
-    recording = read(REPOSITORY / "tests" / "recordings" / "machine-controller.pcapng")
+    recording = read(RECORDINGS / "machine-controller.pcapng")
     conversation = Conversation(map(elsewhere, recording), controller_group(site)[1])
     judge = Player(conversation, server_path, virtual_time, site).run()
     assert not judge.differences, told(judge)
@@ -207,7 +192,7 @@ def test_a_unit_that_is_paired_in_the_recording_is_a_stranger_before():
 @pytest.mark.parametrize("name, after", [("machine-controller", 0.5), ("settings", 0.1)])
 def test_a_capture_that_begins_in_the_middle_is_played(played, name, after):
     """The bench's base controller brings the base unit up, and the recorded one goes on."""
-    packets = read(REPOSITORY / "tests" / "recordings" / f"{name}.pcapng")
+    packets = read(RECORDINGS / f"{name}.pcapng")
     conversation = Conversation(packet for packet in packets if packet.time > packets[0].time + after)
     assert conversation.has_uart and not conversation.begins_at_start
     judge = played(conversation)
@@ -249,7 +234,7 @@ def test_answers_that_are_missing_in_a_capture_are_noted():
 
 
 def test_a_number_that_acknowledges_the_end_of_a_connection_is_no_missing_byte():
-    assert all(Conversation(read(path)).notes == [] for path in RECORDINGS)
+    assert all(Conversation(read(path)).notes == [] for path in RECORDINGS.glob("*.pcapng"))
 
 
 def test_connections_between_the_same_ends_are_one_after_the_other():
@@ -317,126 +302,23 @@ def test_units_show_the_application_that_is_installed_here(server_path, virtual_
     assert not judge.differences, told(judge)
 
 
-# --- what cannot be played -----------------------------------------------------------------------------------------------
+def test_a_connection_that_nobody_answered_is_judged_without_the_internal_link_too(played):
+    """Here it is answered."""
+    conversation = Conversation(packet for packet in read(REMOTE_UNIT) if packet.interface in ("wlan0", "eth0"))
+    conversation.answers = [answer for answer in conversation.answers if answer.channel[0] != "GLink, connection 1"]
+    assert {"ack of INIT", "INITACK"} <= {difference.channel[1] for difference in played(conversation).differences}
 
 
-def raised(tmp_path, raw):
-    file = tmp_path / "bad.pcapng"
-    file.write_bytes(raw)
-    with pytest.raises(BadCapture) as failure:
-        Conversation(read(file))
-    return str(failure.value)
+def test_a_server_at_which_time_stands_still_is_different(played, monkeypatch):
+    """It works and works, and is no capture that cannot be played."""
+    def stuck(player, bench_wait=Player._wait_for_end):
+        monkeypatch.setattr(player._bench, "wait_for", fail)
+        bench_wait(player)
 
+    def fail(*_args, **_options):
+        raise WaitTimeout("virtual time stands still\njournal")
 
-@pytest.mark.parametrize("size", [0, 3, 20, 200, -1, -40])
-def test_a_capture_that_is_cut_off_is_refused_with_the_packet(tmp_path, size):
-    raw = START.read_bytes()
-    # The statistics at the end are no packets; without them the last block is one.
-    message = raised(tmp_path, raw[:size] if size >= 0 else raw[:len(raw) + size])
-    assert "packet" in message or "no capture" in message or "cut off" in message, message
-
-
-def test_every_length_of_a_cut_capture_is_refused_or_played_as_far_as_it_goes(tmp_path):
-    raw = START.read_bytes()[:4000]
-    for size in range(len(raw)):
-        file = tmp_path / "cut.pcapng"
-        file.write_bytes(raw[:size])
-        try:
-            Conversation(read(file))
-        except BadCapture as refusal:
-            assert str(refusal)
-
-
-def test_a_packet_of_another_link_type_is_named(tmp_path):
-    assert raised(tmp_path, pcap([(1.0, bytes(60))], link_type=105)).startswith("packet 1: link type 105 ")
-
-
-def test_packets_out_of_order_are_named(tmp_path):
-    message = raised(tmp_path, pcap([(1.0, bytes(60)), (3.0, bytes(60)), (2.0, bytes(60))]))
-    assert message.startswith("packet 3 is 1.000000 s earlier than packet 2 before it")
-
-
-def test_a_packet_days_after_the_one_before_is_named(tmp_path):
-    """A clock that was set, or damage: nobody could wait for its end."""
-    message = raised(tmp_path, pcap([(1.0, bytes(60)), (2.0, bytes(60)), (864_002.0, bytes(60))]))
-    assert message.startswith("packet 3 comes 10.0 days after packet 2 before it")
-
-
-def test_what_is_cut_off_behind_the_last_packet_is_not_called_a_packet(tmp_path):
-    last = read(START)[-1].number
-    assert raised(tmp_path, START.read_bytes()[:-1]).startswith(f"the block after packet {last}: the file ends within it")
-    packet = struct.pack("<III", 6, 64, 0)
-    assert raised(tmp_path, START.read_bytes() + packet).startswith(f"packet {last + 1}: the file ends within it")
-
-
-def test_another_version_of_the_format_is_named(tmp_path):
-    raw = bytearray(START.read_bytes())
-    raw[12:14] = struct.pack("<H", 2)
-    assert raised(tmp_path, bytes(raw)) == "the section at byte 0 is of version 2.0 of pcapng; 1 is known"
-    assert raised(tmp_path, pcap([(1.0, bytes(60))], version=(1, 0))) == "the file is of version 1.0 of pcap; 2 is known"
-
-
-def test_a_packet_that_was_captured_in_part_is_named(tmp_path):
-    raw = pcap([(1.0, bytes(60))])
-    assert raised(tmp_path, raw[:36] + struct.pack("<I", 90) + raw[40:]).startswith("packet 1: only 60 of its 90 bytes")
-
-
-def test_a_capture_without_anybody_to_play_is_refused(tmp_path):
-    assert "none that anybody sent to a base unit" in raised(tmp_path, pcap([(1.0, bytes(60))]))
-    assert raised(tmp_path, pcap([])) == "there is no packet in it"
-    assert raised(tmp_path, b"something else") == "the file begins with 73 6f 6d 65: neither pcapng nor pcap"
-    assert "without its direction" in raised(tmp_path, pcap([(1.0, b"")], link_type=LINKTYPE_USER0))
-
-
-@pytest.mark.parametrize("place", range(0, 400, 7))
-def test_a_damaged_capture_never_ends_in_a_traceback(tmp_path, place):
-    raw = bytearray(START.read_bytes())
-    raw[place] ^= 0x41
-    file = tmp_path / "damaged.pcapng"
-    file.write_bytes(bytes(raw))
-    try:
-        Conversation(read(file))
-    except BadCapture as refusal:
-        assert str(refusal)
-
-
-def test_the_tool_says_why_and_ends_with_2(tmp_path, server_path):
-    file = tmp_path / "cut.pcapng"
-    file.write_bytes(START.read_bytes()[:700])
-    done = subprocess.run([sys.executable, REPLAY, file, "--server", server_path], capture_output=True, text=True, check=False)
-    assert done.returncode == 2 and done.stdout == ""
-    assert done.stderr.startswith(f"{file}: ") and "packet" in done.stderr and "Traceback" not in done.stderr
-    done = subprocess.run([sys.executable, REPLAY, tmp_path / "none", "--server", server_path], capture_output=True, text=True,
-                          check=False)
-    assert done.returncode == 2 and done.stderr == f"{tmp_path / 'none'}: No such file or directory\n"
-
-
-def refused(server_path, *options):
-    done = subprocess.run([sys.executable, REPLAY, START, "--server", server_path, *options], capture_output=True, text=True,
-                          check=False)
-    assert (done.returncode, done.stdout) == (2, "")
-    return done.stderr
-
-
-def test_a_server_or_an_installation_that_is_none_is_refused_in_one_line(tmp_path, server_path):
-    assert refused(tmp_path) == f"{tmp_path} is no program: nobody can start it.\n"
-    assert refused(START) == f"{START} is no program: nobody can start it.\n"
-    assert refused(server_path, "--installation", tmp_path) == (
-        f"{tmp_path} is no copy of a base unit's Applications: there is no tessaroserver/config/app.csv in it.\n")
-
-
-def test_a_server_that_does_not_come_up_is_no_difference(tmp_path):
-    """It ends in order, without a word."""
-    server = tmp_path / "tessaroserver"
-    server.write_text("#!/bin/sh\nexit 3\n")
-    server.chmod(0o755)
-    message = refused(server, "--real-time")
-    assert f"{server} does not come so far that this could be played" in message and "Traceback" not in message
-    assert "status=3" in message
-
-
-def test_what_is_no_file_is_refused():
-    done = subprocess.run([sys.executable, REPLAY, "/dev/null", "--server", sys.executable], capture_output=True, text=True,
-                          check=False)
-    assert (done.returncode, done.stdout) == (2, "")
-    assert done.stderr == "/dev/null: this is no ordinary file, and a capture has to be one\n"
+    monkeypatch.setattr(Player, "_wait_for_end", stuck)
+    judge = played(Conversation(read(START)))
+    assert ("it does not last", "virtual time stands still") in [(each.what, each.answered.words) for each in judge.differences
+                                                                 if each.channel == EXIT]
