@@ -1,17 +1,19 @@
 #pragma once
 
+#include "patience.h"
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QEvent>
 #include <QTimer>
 #include <QtTest>
 
-/// Runs the event loop until `isDone` gives true, for five seconds at most. Looks after every batch of events, where
+/// Runs the event loop until `isDone` gives true, for `PatienceMs` at most. Looks after every batch of events, where
 /// QTRY_VERIFY would sleep in steps of 50 ms. @return whether it became true.
 template<typename Condition>
 bool eventually(Condition isDone)
 {
-    const QDeadlineTimer deadline(5000);
+    const QDeadlineTimer deadline(PatienceMs);
     QTimer tick; // the condition may depend on other threads, which do not wake this one
     tick.start(5);
     while (!isDone()) {

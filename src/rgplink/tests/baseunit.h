@@ -57,15 +57,15 @@ public:
         return QCryptographicHash::hash(manifest + content, QCryptographicHash::Md5);
     }
 
-    /// The same with 1 GiB of zeros beside the manifest, which no machine hashes in a moment and no disk has to hold.
-    QByteArray installLargeApplication() const
+    /// Puts a device beside it. Whoever hashes the application refuses to read that with a line in the log that begins
+    /// with `DeviceLine`: there he can be held, so that the hashing takes as long as a test wants.
+    void addDevice() const
     {
-        installApplication(QByteArray());
-        QFile(applicationFile()).resize(1024LL * 1024 * 1024);
-        return QByteArray::fromHex("c9a3d69f4f774cd803f3bd2044d6a514"); // as md5sum has it
+        if (!QFile::link("/dev/null", m_folder.filePath("Applications/ruapp/device"))) {
+            qFatal("Cannot write the files of the test");
+        }
     }
-
-    QString applicationFile() const { return m_folder.filePath("Applications/ruapp/panel.qml"); }
+    static constexpr char DeviceLine[] = "Md5Checksum: Refused to read";
 
     TagDatabase tags;
     QScopedPointer<Configuration> configuration;

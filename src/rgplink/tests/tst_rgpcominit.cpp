@@ -1,6 +1,7 @@
+#include "eventually.h"
+#include "heldline.h"
 #include "hubwithunit.h"
 #include "logspy.h"
-#include "sanitizer.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -21,7 +22,7 @@ private slots:
     void refusalIsLoggedOncePerUnit();
     void checksumIsComparedWhenAnApplicationIsInstalled();
     void unchangedApplicationIsNotHashedForEachInit();
-    void firstInitDoesNotWaitForALargeApplication();
+    void firstInitDoesNotWaitForTheHashing();
     void initsOfAUnitThatWaitAreDecidedOnce();
     void configChangedRenewsTheChecksumsInTheBackground();
     void refusalByAnOldListWaitsForTheNewOne();
@@ -162,19 +163,23 @@ void TestRGPComInit::unchangedApplicationIsNotHashedForEachInit()
 }
 
 // Machine stops and the relay are served by the same thread as the INIT.
-void TestRGPComInit::firstInitDoesNotWaitForALargeApplication()
+void TestRGPComInit::firstInitDoesNotWaitForTheHashing()
 {
-    const QByteArray checksum = m_unit->installLargeApplication();
-    const quint64 hashed = ApplicationChecksums::hashCount();
+    const LogSpy quiet;
+    const QByteArray checksum = m_unit->installApplication("Panel { }");
+    m_unit->addDevice();
+    HeldLine hashing(BaseUnit::DeviceLine);
     Hub h(*m_unit, Hub::Ordered);
     for (int i = 0; i < 3; ++i) {
         h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, checksum), &h.link);
     }
     h.hub.dataFromGLink(Unit, Command, "served meanwhile", &h.link);
-    QCOMPARE(ApplicationChecksums::hashCount(), hashed); // all of that before the list is complete
+    VERIFY_EVENTUALLY(hashing.isReached());
+    QVERIFY(hashing.isHeld()); // all of that before the list is complete
+    QCOMPARE(h.link.sent.count(InitAck), 0);
 
-    constexpr int hashingLimitMs = IsSanitized ? 60000 : 20000;
-    QTRY_VERIFY_WITH_TIMEOUT(h.link.sent.count(InitAck) >= 1, hashingLimitMs);
+    hashing.release();
+    VERIFY_EVENTUALLY(h.link.sent.count(InitAck) >= 1);
     for (const SentMessage& message : qAsConst(h.link.sent.all)) {
         QCOMPARE(message.data.toHex(), initAckPayload(0, "").toHex());
     }
@@ -183,18 +188,23 @@ void TestRGPComInit::firstInitDoesNotWaitForALargeApplication()
 // A unit may send INITs as fast as the network carries them while an application is hashed. They must not pile up.
 void TestRGPComInit::initsOfAUnitThatWaitAreDecidedOnce()
 {
-    const QByteArray checksum = m_unit->installApplication(QByteArray(64 * 1024 * 1024, 'x'));
+    const LogSpy quiet;
+    const QByteArray checksum = m_unit->installApplication("Panel { }");
+    m_unit->addDevice();
+    HeldLine hashing(BaseUnit::DeviceLine);
     Hub h(*m_unit, Hub::Ordered);
     for (int i = 0; i < 1000; ++i) {
         h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, QByteArray(16, 'o')), &h.link);
     }
     h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, checksum), &h.link);
+    VERIFY_EVENTUALLY(hashing.isReached());
     QCOMPARE(h.link.sent.count(InitAck), 0);
 
+    hashing.release();
     bool isOver = false;
     const auto list = ApplicationChecksums::request(ApplicationManifest::root());
     ApplicationChecksums::whenReady(list, this, [&](const ApplicationChecksumList&) { isOver = true; });
-    QTRY_VERIFY_WITH_TIMEOUT(isOver, 30000);
+    VERIFY_EVENTUALLY(isOver);
     QCOMPARE(h.link.sent.count(InitAck), 1);
     QCOMPARE(h.link.sent.all.last().data.toHex(), initAckPayload(0, "").toHex());
 }
@@ -207,11 +217,16 @@ void TestRGPComInit::configChangedRenewsTheChecksumsInTheBackground()
     h.hub.getAppChecksum(result);
     QCOMPARE(result.toHex(), before.toHex());
 
+    const LogSpy quiet;
     const QByteArray after = m_unit->installApplication("after pairing");
+    m_unit->addDevice();
+    HeldLine hashing(BaseUnit::DeviceLine);
     h.hub.configChanged();
+    VERIFY_EVENTUALLY(hashing.isReached());
     h.hub.getAppChecksum(result);
     QCOMPARE(result.toHex(), before.toHex());
-    QTRY_VERIFY(h.hub.getAppChecksum(result) && result == after);
+    hashing.release();
+    VERIFY_EVENTUALLY(h.hub.getAppChecksum(result) && result == after);
     QCOMPARE(h.link.sent.texts(), QStringList()); // and nothing else was done
 }
 
@@ -221,7 +236,10 @@ void TestRGPComInit::refusalByAnOldListWaitsForTheNewOne()
     const QByteArray before = m_unit->installApplication("before");
     FakeTcpLink other;
     Hub h(*m_unit);
-    const QByteArray after = m_unit->installApplication(QByteArray(64 * 1024 * 1024, 'x'));
+    const LogSpy quiet;
+    const QByteArray after = m_unit->installApplication("after");
+    m_unit->addDevice();
+    HeldLine hashing(BaseUnit::DeviceLine);
     h.hub.configChanged();
 
     h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, after), &h.link);
@@ -231,7 +249,10 @@ void TestRGPComInit::refusalByAnOldListWaitsForTheNewOne()
     QCOMPARE(other.sent.count(InitAck), 1);
     QCOMPARE(other.sent.all.last().data.toHex(), initAckPayload(0, "").toHex()); // accepted at once
 
-    QTRY_COMPARE_WITH_TIMEOUT(h.link.sent.count(InitAck), 1, 30000);
+    VERIFY_EVENTUALLY(hashing.isReached());
+    QCOMPARE(h.link.sent.count(InitAck), 0);
+    hashing.release();
+    VERIFY_EVENTUALLY(h.link.sent.count(InitAck) == 1);
     QCOMPARE(h.link.sent.all.first().data.toHex(), initAckPayload(0, "").toHex());
     h.acknowledge();
     h.hub.dataFromGLink(Unit, Init, initPayload(Unit, BaseUnit::Identity, before), &h.link);

@@ -1,4 +1,5 @@
 #include "eventually.h"
+#include "heldline.h"
 #include "linkedhub.h"
 #include "logspy.h"
 
@@ -32,9 +33,16 @@ private slots:
 
 namespace {
 
-int threadCount()
+/// Threads of that name; others come and go as they like.
+int threadCount(const char* wanted = "glink-tcp")
 {
-    return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
+    int count = 0;
+    const QStringList tasks = QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& task : tasks) {
+        QFile name("/proc/self/task/" + task + "/comm");
+        count += name.open(QIODevice::ReadOnly) && name.readAll().trimmed() == wanted ? 1 : 0;
+    }
+    return count;
 }
 
 } // namespace
@@ -55,12 +63,14 @@ void TestRGPComLinks::unitJoinsOverTcpAndHearsTheBaseStatus()
 
 void TestRGPComLinks::baseStatusComesEvery500Milliseconds()
 {
+    const auto timers = m_plant->hub->findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly);
+    QVERIFY(std::any_of(timers.begin(), timers.end(), [](const QTimer* timer) { return timer->interval() == 500; }));
     TcpUnit unit;
-    unit.write(initFrame(Unit));
-    VERIFY_EVENTUALLY(unit.received.count(Status) == 1);
     QElapsedTimer time;
     time.start();
-    VERIFY_EVENTUALLY(unit.received.count(Status) >= 4);
+    unit.write(initFrame(Unit));
+    VERIFY_EVENTUALLY(unit.received.count(Status) >= 5);
+    // Four periods lie between them. However late the first was, the timer keeps its beat: it makes up for one at most.
     QVERIFY2(time.elapsed() >= 1400, qPrintable(QString::number(time.elapsed())));
 }
 
@@ -84,18 +94,17 @@ void TestRGPComLinks::commandsGoBothWaysOverTcp()
 // A unit that reconnects before its old, half-open connection has timed out keeps its new link; the old one is freed.
 void TestRGPComLinks::unitThatReconnectsKeepsItsNewLink()
 {
-    const int threads = threadCount();
     TcpUnit old;
     old.write(initFrame(Unit));
     VERIFY_EVENTUALLY(old.received.count(InitAck) == 1);
-    QCOMPARE(threadCount(), threads + 1);
+    QCOMPARE(threadCount(), 1);
     old.isAcknowledging = false; // half open: nothing comes back any more
 
     TcpUnit current;
     current.write(initFrame(Unit));
     VERIFY_EVENTUALLY(current.received.count(InitAck) == 1);
     VERIFY_EVENTUALLY(!old.isConnected());
-    VERIFY_EVENTUALLY(threadCount() == threads + 1);
+    VERIFY_EVENTUALLY(threadCount() == 1);
 
     m_plant->hub->send(Unit, Forward, "still there");
     VERIFY_EVENTUALLY(current.received.lastPayload(Forward) == QByteArray("still there"));
@@ -104,7 +113,6 @@ void TestRGPComLinks::unitThatReconnectsKeepsItsNewLink()
 
 void TestRGPComLinks::reconnectStormLeavesNothingBehind()
 {
-    const int threads = threadCount();
     {
         std::vector<std::unique_ptr<TcpUnit>> units;
         for (int i = 0; i < 100; ++i) {
@@ -118,9 +126,9 @@ void TestRGPComLinks::reconnectStormLeavesNothingBehind()
         }
         m_plant->hub->send(Unit, Forward, "the last one");
         VERIFY_EVENTUALLY(units.back()->received.lastPayload(Forward) == QByteArray("the last one"));
-        VERIFY_EVENTUALLY(threadCount() == threads + 1);
+        VERIFY_EVENTUALLY(threadCount() == 1);
     }
-    VERIFY_EVENTUALLY(threadCount() == threads);
+    VERIFY_EVENTUALLY(threadCount() == 0);
     QCOMPARE(m_plant->unit.tagValue("total_rus"), 1);
 }
 
@@ -163,12 +171,13 @@ void TestRGPComLinks::serviceMessagesGoBothWays()
 
 // --- Start, end, load -----------------------------------------------------------------------------------------------
 
-// With a 64 MiB application that changes and units that reconnect all the time, the base status keeps its rhythm.
+// An application is being hashed for as long as one likes, and units reconnect all the time: the base status goes on.
 void TestRGPComLinks::checksumsAreRenewedWithoutHoldingUpTheBaseStatus()
 {
     m_plant.reset(); // its hub has made its list already
+    const LogSpy quiet;
     BaseUnit base;
-    const QByteArray checksum = base.installApplication(QByteArray(64 * 1024 * 1024, 'x'));
+    const QByteArray checksum = base.installApplication("Panel { }");
     RGPCom hub(&base.tags, base.configuration.data(), nullptr);
     QByteArray result;
     hub.getAppChecksum(result);
@@ -177,39 +186,32 @@ void TestRGPComLinks::checksumsAreRenewedWithoutHoldingUpTheBaseStatus()
     healthy.write(initFrame(OtherUnit, checksum));
     VERIFY_EVENTUALLY(healthy.received.lastPayload(InitAck).toHex() == initAckPayload(0, "").toHex());
 
-    qint64 longestPause = 0;
-    QElapsedTimer sinceStatus;
-    sinceStatus.start();
-    int seen = 0;
+    base.addDevice();
+    HeldLine hashing(BaseUnit::DeviceLine);
+    const int seen = healthy.received.count(Status);
     for (int round = 0; round < 10; ++round) {
         hub.configChanged();
         TcpUnit reconnecting;
         reconnecting.write(initFrame(Unit, checksum));
-        VERIFY_EVENTUALLY(reconnecting.received.count(InitAck) == 1);
-        const int statuses = healthy.received.count(Status);
-        if (statuses > seen) {
-            longestPause = qMax(longestPause, sinceStatus.restart());
-            seen = statuses;
-        }
+        VERIFY_EVENTUALLY(reconnecting.received.count(Init, true) == 1); // its thread waits for the checksum now
     }
-    VERIFY_EVENTUALLY(healthy.received.count(Status) > seen);
-    longestPause = qMax(longestPause, sinceStatus.elapsed());
-    QVERIFY2(longestPause < 1500, qPrintable(QString::number(longestPause)));
+    VERIFY_EVENTUALLY(healthy.received.count(Status) >= seen + 3);
+    QVERIFY(hashing.isHeld());
 }
 
 void TestRGPComLinks::secondInitializeOnlyLogs()
 {
+    VERIFY_EVENTUALLY(threadCount("fallback") == 1);
     LogSpy log;
-    const int threads = threadCount();
     m_plant->hub->initialize(m_plant->services.gFallback, m_plant->services.cFallback);
     QCOMPARE(log.lines(), QStringList{"RGPCom::initialize() has been called before, ignored."});
-    QCOMPARE(threadCount(), threads);
     QCOMPARE(m_plant->hub->findChildren<GLinkServer*>().size(), 1);
 
     FallbackRelay& relay = m_plant->relay;
     relay.deliver(Unit, initFrame(Unit));
     VERIFY_EVENTUALLY(relay.unit(Unit).count(InitAck) == 1);
     QCOMPARE(relay.unit(Unit).count(Init, true), 1);
+    QCOMPARE(threadCount("fallback"), 1);
 }
 
 void TestRGPComLinks::missingServicesAreSurvived()
@@ -238,13 +240,10 @@ void TestRGPComLinks::hubEndsWithUnitsOnBothPaths()
     for (int i = 0; i < 100; ++i) {
         m_plant->hub->sendToAll(Forward, "on its way while the hub ends");
     }
-    QElapsedTimer time;
-    time.start();
     m_plant->services.end();
     m_plant->hub.reset();
-    QVERIFY2(time.elapsed() < 1000, qPrintable(QString::number(time.elapsed())));
     VERIFY_EVENTUALLY(!tcp.isConnected());
-    QCOMPARE(log.lines(QtWarningMsg), QStringList());
+    QCOMPARE(log.lines(QtWarningMsg), QStringList()); // one for each thread that did not end in time
 }
 
 QTEST_GUILESS_MAIN(TestRGPComLinks)

@@ -1,9 +1,10 @@
 #include "configuration.h"
 #include "configurationfiles.h"
+#include "heldline.h"
 #include "logspy.h"
+#include "patience.h"
 #include "textfile.h"
 
-#include <QSemaphore>
 #include <QThread>
 #include <QtTest>
 
@@ -39,41 +40,6 @@ private:
     std::atomic<bool> m_stop{false};
     std::atomic<int> m_rounds{0};
     std::unique_ptr<QThread> m_thread;
-};
-
-/// Holds whoever writes a log line with this beginning for the first time, until it is released. Shows no line.
-class HeldLine
-{
-public:
-    explicit HeldLine(const char* beginning)
-    {
-        s_beginning = beginning;
-        s_isReached = false;
-        m_previous = qInstallMessageHandler(&HeldLine::hold);
-    }
-    ~HeldLine()
-    {
-        release();
-        qInstallMessageHandler(m_previous);
-    }
-    HeldLine(const HeldLine&) = delete;
-    HeldLine& operator=(const HeldLine&) = delete;
-
-    bool isReached() const { return s_isReached; }
-    void release() const { s_released.release(); }
-
-private:
-    static void hold(QtMsgType, const QMessageLogContext&, const QString& message)
-    {
-        if (message.startsWith(QLatin1String(s_beginning)) && !s_isReached.exchange(true)) {
-            s_released.acquire();
-        }
-    }
-
-    static inline const char* s_beginning = nullptr;
-    static inline std::atomic<bool> s_isReached{false};
-    static inline QSemaphore s_released{0};
-    QtMessageHandler m_previous;
 };
 
 /// The store under calls from several threads. Meant to be run under the thread sanitizer too.
@@ -171,7 +137,8 @@ void TestConfigurationThreads::olderReloadThatEndsLaterIsDropped()
     // The keys file, read last, is missing: the foreign reload has read the old remotes file, and is held where it
     // says so.
     QVERIFY(QFile::remove(m_files.sources().keysFile));
-    const HeldLine line("Load Configurations File Error:");
+    const LogSpy quiet;
+    HeldLine line("Load Configurations File Error:");
     std::unique_ptr<QThread> slow(QThread::create([&] { configuration.reConfig(); }));
     slow->start();
     QTRY_VERIFY(line.isReached());
@@ -179,7 +146,7 @@ void TestConfigurationThreads::olderReloadThatEndsLaterIsDropped()
     m_files.putKeys("");
     configuration.updateRemotePairing(7, 1, 2, 3, 4);
     line.release();
-    QVERIFY(slow->wait(5000));
+    QVERIFY(slow->wait(PatienceMs));
 
     unsigned int stored = 0;
     QVERIFY(configuration.getRemoteTag(0, "PKY1", "", &stored));

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "patience.h"
+
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -8,14 +10,14 @@
 #include <QTcpSocket>
 #include <QTimer>
 
-/// Runs the event loop until the condition holds, for 20 s at most. Looks after every event, where QTRY_VERIFY looks
-/// every 50 ms.
+/// Runs the event loop until the condition holds, for `PatienceMs` at most. Looks after every event, where QTRY_VERIFY
+/// looks every 50 ms.
 template<typename Condition>
 bool waitUntil(Condition condition)
 {
     QTimer wakeUp;
     wakeUp.start(1);
-    const QDeadlineTimer deadline(20000);
+    const QDeadlineTimer deadline(PatienceMs);
     while (!condition() && !deadline.hasExpired()) {
         QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
     }
@@ -31,7 +33,7 @@ public:
     /// The next accepted descriptor; -1 when none comes.
     qintptr takeDescriptor()
     {
-        while (m_descriptors.isEmpty() && waitForNewConnection(5000)) {
+        while (m_descriptors.isEmpty() && waitForNewConnection(PatienceMs)) {
         }
         return m_descriptors.isEmpty() ? -1 : m_descriptors.takeFirst();
     }
@@ -51,7 +53,7 @@ public:
     void connectTo(const QTcpServer& server)
     {
         socket.connectToHost(server.serverAddress(), server.serverPort());
-        socket.waitForConnected(5000);
+        socket.waitForConnected(PatienceMs);
     }
 
     void write(const QByteArray& bytes)

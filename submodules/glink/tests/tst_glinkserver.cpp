@@ -2,6 +2,7 @@
 #include "fatalprobe.h"
 #include "glinkframes.h"
 #include "glinkserver.h"
+#include "heldline.h"
 #include "logspy.h"
 #include "rgpcom.h"
 #include "tcppeer.h"
@@ -57,14 +58,15 @@ int descriptorCount()
     return QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
 }
 
-/// 256 MiB that take no room on the disk, and half a second to hash.
-void installLargeApplication(const QString& root)
+constexpr char DeviceLine[] = "Md5Checksum: Refused to read";
+
+/// With a device in it: whoever hashes it says that he does not read that, with a line that can be held.
+void installApplicationWithDevice(const QString& root)
 {
     QDir(root).mkpath("app");
     QFile manifest(root + "/app/manifest.csv");
-    QFile large(root + "/app/large");
     if (!manifest.open(QIODevice::WriteOnly) || manifest.write("target;ru\ntype;user\n") < 0 ||
-        !large.open(QIODevice::WriteOnly) || !large.resize(256 * 1024 * 1024)) {
+        !QFile::link("/dev/null", root + "/app/device")) {
         qFatal("cannot install the test's application");
     }
     ApplicationManifest::setRoot(root);
@@ -170,7 +172,7 @@ private slots:
     void acceptingGoesOnAfterDescriptorsRanOut();
     void shutdownEndsAllConnectionsInTime();
     void aTransportThatSomebodyElseDestroysTakesItsThreadAlong();
-    void aLargeApplicationIsHashedOnceAndDelaysNobody();
+    void anApplicationIsHashedOnceAndDelaysNobody();
 
 private:
     std::unique_ptr<TcpPeer> newPeer();
@@ -309,12 +311,12 @@ void TestGLinkServer::aThreadEndsOnlyWhenTheMainThreadHasHeardOfTheEnd()
     QVERIFY(isAnswered(*peer));
 
     peer.reset();
-    QVERIFY(over.tryAcquire(1, 5000)); // in this thread nobody has looked at events meanwhile
+    QVERIFY(over.tryAcquire(1, PatienceMs)); // in this thread nobody has looked at events meanwhile
     QSemaphore heard;
     QMetaObject::invokeMethod(
         transport, [&heard] { heard.release(); }, Qt::QueuedConnection);
 
-    QVERIFY(heard.tryAcquire(1, 5000));
+    QVERIFY(heard.tryAcquire(1, PatienceMs));
     QTRY_COMPARE(m_server->connectionCount(), 0);
 }
 
@@ -345,7 +347,7 @@ void TestGLinkServer::aReconnectStormLeavesNothingBehind()
     }
 
     QTRY_COMPARE(m_server->connectionCount(), 0);
-    QTRY_COMPARE(descriptorCount(), descriptors);
+    QTRY_VERIFY(descriptorCount() <= descriptors);
     QTRY_COMPARE(threadCount(), 0);
 }
 
@@ -392,18 +394,19 @@ void TestGLinkServer::aBabblingUnitDoesNotKeepTheOthersWaiting()
     Babbler babbler(m_server->serverPort());
     QVERIFY(waitUntil([&] { return babbler.writtenBytes() > 100000; }));
     QElapsedTimer timer;
-    qint64 longest = 0;
+    int late = 0;
 
     for (int i = 1; i <= 50; ++i) {
         timer.start();
         healthy->write(Frames::init());
         QVERIFY(receives(*healthy, i, InitAckId, Message));
         healthy->write(Frames::initAckAck());
-        longest = qMax(longest, timer.elapsed());
+        late += timer.elapsed() >= 2000 ? 1 : 0;
         QTest::qWait(5);
     }
 
-    QVERIFY2(longest < 2000, qPrintable(QString("%1 ms").arg(longest)));
+    // A machine that is busy may be late now and then; who waits behind a babbler is late every time.
+    QVERIFY2(late <= 10, qPrintable(QString::number(late)));
     QVERIFY(babbler.writtenBytes() > 200000);
 }
 
@@ -414,18 +417,32 @@ void TestGLinkServer::messagesDoNotPileUpWhileTheHubIsBusy()
     QVERIFY(waitUntil([&] { return !handled.isEmpty(); }));
 
     // The main thread does something else, until the babbler can write no more.
-    qint64 written = 0;
-    while (written != babbler.writtenBytes()) {
+    // One reading of 16 KiB at most on top of the limit.
+    const int bound = GLinkTransportTcp::MaxBacklog + 16 * 1024 / Frames::periodicData().size() + 1;
+    const QDeadlineTimer deadline(PatienceMs);
+    qint64 written = -1;
+    while ((written != babbler.writtenBytes() || written <= bound * Frames::periodicData().size()) &&
+           !deadline.hasExpired()) {
         written = babbler.writtenBytes();
         QThread::msleep(100);
     }
+    QVERIFY(written > bound * Frames::periodicData().size());
+    // Its thread must not read on as soon as some have been handled.
+    QSemaphore isHeld;
+    QSemaphore goOn;
+    QMetaObject::invokeMethod(
+        m_server->transports().first(),
+        [&] {
+            isHeld.release();
+            goOn.tryAcquire(1, 2 * PatienceMs);
+        },
+        Qt::QueuedConnection);
+    QVERIFY(isHeld.tryAcquire(1, PatienceMs));
     handled.clear();
     QCoreApplication::sendPostedEvents(m_hub.data());
+    goOn.release();
 
-    // One reading of 16 KiB at most on top of the limit.
-    const int bound = GLinkTransportTcp::MaxBacklog + 16 * 1024 / Frames::periodicData().size() + 1;
     QVERIFY2(handled.size() <= bound, qPrintable(QString::number(handled.size())));
-    QVERIFY(written > bound * Frames::periodicData().size());
 }
 
 void TestGLinkServer::oneConnectionTooManyIsClosedAtOnce()
@@ -451,12 +468,14 @@ void TestGLinkServer::acceptingGoesOnAfterDescriptorsRanOut()
 {
     // What QTcpServer does when accept() says that too many files are open.
     m_server->pauseAccepting();
+    int connectionsBefore = -1;
+    // Due before the server goes on, however late both are: it is the one that was started first.
+    QTimer::singleShot(20, Qt::PreciseTimer, m_server.data(), [&] { connectionsBefore = m_server->connectionCount(); });
     emit m_server->acceptError(QAbstractSocket::SocketResourceError);
     const auto peer = newPeer();
 
-    QTest::qWait(20);
-    QCOMPARE(m_server->connectionCount(), 0);
     QVERIFY(isAnswered(*peer));
+    QCOMPARE(connectionsBefore, 0);
 }
 
 void TestGLinkServer::shutdownEndsAllConnectionsInTime()
@@ -470,27 +489,23 @@ void TestGLinkServer::shutdownEndsAllConnectionsInTime()
     }
     // The application of one more is being hashed at this moment.
     const QTemporaryDir applications;
-    installLargeApplication(applications.path());
+    installApplicationWithDevice(applications.path());
+    HeldLine hashing(DeviceLine);
     peers.push_back(newPeer());
     peers.back()->write(Frames::powerOff() + Frames::init());
     QVERIFY(receives(*peers.back(), 1, PowerOffId, Ack));
-    const auto digest = ApplicationChecksums::request(applications.path());
-    QElapsedTimer timer;
-    timer.start();
+    QTRY_VERIFY(hashing.isReached());
 
     m_server->closeConnections();
 
-    const qint64 closed = timer.elapsed();
-    digest.wait();
-    QVERIFY2(2 * closed < timer.elapsed(),
-             qPrintable(QString("%1 ms, of %2 ms for the digest").arg(closed).arg(timer.elapsed())));
+    QVERIFY(hashing.isHeld());
     QVERIFY(!m_server->isListening());
     QTRY_COMPARE(m_server->connectionCount(), 0);
     for (auto& peer : peers) {
         QTRY_VERIFY(!peer->isConnected());
     }
     QTRY_COMPARE(threadCount(), 0);
-    QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+    QCOMPARE(m_log->lines(QtWarningMsg), QStringList()); // the one about the device is still being held
 }
 
 void TestGLinkServer::aTransportThatSomebodyElseDestroysTakesItsThreadAlong()
@@ -505,19 +520,22 @@ void TestGLinkServer::aTransportThatSomebodyElseDestroysTakesItsThreadAlong()
     QTRY_VERIFY(!peer->isConnected());
 }
 
-void TestGLinkServer::aLargeApplicationIsHashedOnceAndDelaysNobody()
+void TestGLinkServer::anApplicationIsHashedOnceAndDelaysNobody()
 {
     ApplicationChecksums::setSettlingTime(std::chrono::milliseconds(0));
     const QTemporaryDir applications;
-    installLargeApplication(applications.path());
+    installApplicationWithDevice(applications.path());
+    HeldLine hashing(DeviceLine);
     const quint64 hashesBefore = ApplicationChecksums::hashCount();
 
     for (int i = 0; i < 20; ++i) {
         const auto peer = newPeer();
         peer->write(Frames::init());
         QVERIFY(receives(*peer, 1, InitId, Ack));
-        QVERIFY(i > 0 || ApplicationChecksums::hashCount() == hashesBefore); // the first is answered before the digest
     }
+    QTRY_VERIFY(hashing.isReached());
+    QVERIFY(hashing.isHeld()); // all were answered before the digest
+    hashing.release();
 
     ApplicationChecksums::request(applications.path()).wait();
     QCOMPARE(ApplicationChecksums::hashCount() - hashesBefore, 1ULL);
