@@ -8,6 +8,7 @@
 #include <QScopedPointer>
 #include <QSignalSpy>
 #include <QStringList>
+#include <QTimer>
 #include <QtTest>
 
 /// What the tests of the TCP transport share: one in server mode, in the thread of the test, and its peer.
@@ -15,8 +16,12 @@ namespace TransportTimes {
 
 using namespace std::chrono_literals;
 
-/// So long that they play no part; each test shortens the one it is about.
-constexpr GLinkTcpTimes Never{1h, 1h, 1h, 5s, 1h};
+/// So long that they play no part. A test looks at the timer it is about, by its time, and lets it expire: so nothing
+/// depends on how long the machine takes.
+constexpr auto Heartbeat = 1h;
+constexpr auto Silence = 2h;
+constexpr auto Acknowledge = 3h;
+constexpr GLinkTcpTimes Never{Heartbeat, Silence, Acknowledge, 30s, 1h};
 
 } // namespace TransportTimes
 
@@ -67,6 +72,18 @@ protected:
         m_transport->setTimes(times);
         m_transport->run();
     }
+
+    /// The transport's timer for that of the times above.
+    QTimer* timer(std::chrono::milliseconds time) const
+    {
+        for (QTimer* const timer : m_transport->findChildren<QTimer*>(QString(), Qt::FindDirectChildrenOnly)) {
+            if (timer->intervalAsDuration() == time) {
+                return timer;
+            }
+        }
+        qFatal("there is no such timer");
+    }
+    static void expire(QTimer* timer) { timer->start(0); }
 
     qintptr m_descriptor = -1;
     QScopedPointer<DescriptorServer> m_server;

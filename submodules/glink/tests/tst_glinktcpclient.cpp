@@ -11,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr GLinkTcpTimes Never{1h, 1h, 1h, 5s, 1h};
+constexpr GLinkTcpTimes Never{1h, 1h, 1h, 30s, 1h};
 constexpr char NoTagWarning[] = "Could not find g_link_cable tag, cable wireless status unavailable";
 
 /// A client that takes the loopback interface for the cabled one.
@@ -50,6 +50,7 @@ private slots:
     void withoutTheCableTagThereIsAWarning();
 
 private:
+    void noteEvents();
     void connectClient(const GLinkTcpTimes& times = Never);
 
     QScopedPointer<LogSpy> m_log;
@@ -66,6 +67,11 @@ void TestGLinkTcpClient::init()
     m_listener.reset(new DescriptorServer);
     m_client.reset(new LoopbackClient(QHostAddress(QHostAddress::LocalHost), m_listener->serverPort(), 0, nullptr,
                                       nullptr, nullptr));
+    noteEvents();
+}
+
+void TestGLinkTcpClient::noteEvents()
+{
     connect(m_client.data(), &GLinkTransportTcp::newConnection, this,
             [this](quint16 remoteId, GLinkTransportTcp* link) {
                 const QString state = link == nullptr ? "none" : link == m_client.data() ? "itself" : "another";
@@ -170,8 +176,14 @@ void TestGLinkTcpClient::aRefusalIsLoggedAndSomeCodesDisconnect()
 
 void TestGLinkTcpClient::itTriesAgainUntilTheBaseUnitIsThere()
 {
+    // An address of this process alone, so that nobody has the port meanwhile.
+    const QHostAddress own(0x7F020000U | (static_cast<quint32>(QCoreApplication::applicationPid()) & 0xFFFFU));
+    m_listener->close();
+    QVERIFY(m_listener->listen(own));
     const quint16 port = m_listener->serverPort();
     m_listener->close();
+    m_client.reset(new LoopbackClient(own, port, 0, nullptr, nullptr, nullptr));
+    noteEvents();
     GLinkTcpTimes times = Never;
     times.connectRetry = 10ms;
     m_client->setTimes(times);
@@ -181,7 +193,7 @@ void TestGLinkTcpClient::itTriesAgainUntilTheBaseUnitIsThere()
     QTest::qWait(100); // several attempts, one announcement
     QCOMPARE(m_events, QStringList{"connection 0 none"});
 
-    QVERIFY(m_listener->listen(QHostAddress::LocalHost, port));
+    QVERIFY(m_listener->listen(own, port));
     QTRY_COMPARE(m_events, (QStringList{"connection 0 none", "connection 0 itself"}));
     QVERIFY(m_listener->takeDescriptor() >= 0);
 }

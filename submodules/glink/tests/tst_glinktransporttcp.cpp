@@ -143,9 +143,7 @@ void TestGLinkTransportTcp::aClosingPeerThatDoesNotReadIsAborted()
 {
     LogSpy log;
     stopPeerReading();
-    GLinkTcpTimes times = Never;
-    times.silence = 200ms;
-    start(times);
+    start();
     QByteArray moreThanTheSocketsTake(200000, 'x');
     QVERIFY(m_transport->sendMsg(moreThanTheSocketsTake));
 
@@ -155,6 +153,8 @@ void TestGLinkTransportTcp::aClosingPeerThatDoesNotReadIsAborted()
     QTimer writing;                  // which does not keep the connection
     connect(&writing, &QTimer::timeout, this, [this] { m_peer->write("x"); });
     writing.start(20);
+    QVERIFY(timer(Silence)->isActive());
+    timer(Silence)->start(200);
 
     QTRY_COMPARE(m_ends, (QStringList{"closed 0", "finished"}));
 }
@@ -397,7 +397,7 @@ void TestGLinkTransportTcp::readingPausesWhileTheReceiverIsBehind()
     QTimer receiver;
     connect(&receiver, &QTimer::timeout, this, [&] { *backlog = 0; });
     receiver.start(1);
-    QTRY_COMPARE_WITH_TIMEOUT(m_received->size(), messageCount, 20000);
+    QTRY_COMPARE(m_received->size(), messageCount);
     QCOMPARE(m_ends, QStringList());
 }
 
@@ -407,7 +407,7 @@ void TestGLinkTransportTcp::aFrameIsOneWrite()
     m_transport->send(1, GLINK_MSG_ID_PERIODIC_DATA, QByteArray(1000, 'x'), 1);
 
     // Written and flushed when send() returns: no event loop is needed for it to arrive.
-    QVERIFY(m_peer->socket.waitForReadyRead(5000));
+    QVERIFY(m_peer->socket.waitForReadyRead(PatienceMs));
     QCOMPARE(m_peer->socket.bytesAvailable(), qint64(17 + 1000 + 4));
 }
 

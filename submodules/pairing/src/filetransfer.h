@@ -68,6 +68,6 @@ private:
 
     std::unique_ptr<QFile> m_file; ///< null after the end
     QTcpSocket* m_receiver;        ///< child
-    QTimer m_stallTimer;           ///< runs from start() to the end
+    QTimer m_stallTimer{this};     ///< runs from start() to the end
     bool m_chunkSent = false;      ///< the first one is logged
 };
