@@ -103,7 +103,7 @@ function(tessaro_add_test name)
   endif()
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPENDS" ${ARGN})
   if(NOT ARG_TIMEOUT)
-    set(ARG_TIMEOUT 60)
+    set(ARG_TIMEOUT 300) # of what takes seconds: a test that hangs is told by it, and a busy machine ends none
   endif()
   if(TESSARO_TSAN)
     math(EXPR ARG_TIMEOUT "5 * ${ARG_TIMEOUT}")

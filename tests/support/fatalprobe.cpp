@@ -17,7 +17,7 @@ extern "C" {
 
 namespace {
 
-constexpr unsigned int ChildLifeSeconds = 10;
+constexpr unsigned int ChildLifeSeconds = 120;
 
 #ifdef TESSARO_COVERAGE
 // A child ends without the C library's exit, at which its coverage would be written: that is done by hand.

@@ -15,7 +15,7 @@ struct FatalOutcome
 /// Runs `action` in a forked copy of the test process and tells how that copy ended.
 ///
 /// Call it from a single-threaded point of the test. When `action` returns, the child exits with code 0 without running
-/// destructors; a child that is still alive after ten seconds is killed.
+/// destructors; a child that is still alive after two minutes is killed.
 FatalOutcome outcomeOf(const std::function<void()>& action);
 
 /// The two lines that the fatal assertion of `file` and `line` leaves in the log, when no message pattern is set.

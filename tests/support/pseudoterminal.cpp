@@ -2,11 +2,13 @@
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
 constexpr int DevicePrefixLength = 5; // "/dev/"
-}
+constexpr int PatienceMs = 30000;
+} // namespace
 
 PseudoTerminal::PseudoTerminal()
     : m_farEnd(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
@@ -37,6 +39,14 @@ void PseudoTerminal::clear()
 {
     received();
     m_received.clear();
+}
+
+QByteArray PseudoTerminal::receive(int size)
+{
+    pollfd far = {m_farEnd, POLLIN, 0};
+    while (received().size() < size && poll(&far, 1, PatienceMs) > 0 && (far.revents & POLLIN) != 0) {
+    }
+    return m_received;
 }
 
 bool PseudoTerminal::send(const QByteArray& data)

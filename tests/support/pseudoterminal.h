@@ -17,6 +17,9 @@ public:
     /// Everything that the near end has written since the last `clear`, without waiting for more.
     QByteArray received();
     void clear();
+    /// The same as soon as there are so many bytes, for which it waits without the event loop: a worker of the kernel
+    /// carries them, late on a busy machine.
+    QByteArray receive(int size);
 
     /// Sends to the near end as the far side of the line would. @return whether the terminal took all bytes.
     bool send(const QByteArray& data);

@@ -2,6 +2,7 @@
 
 #include "internallink.h"
 #include "logspy.h"
+#include "patience.h"
 #include "pseudoterminal.h"
 #include "transport_layer.h"
 
@@ -81,7 +82,7 @@ protected:
         m_layer->readDataFromService(TransportPackets::bytes(payloadHex), Internal, serviceId, messageClass);
     }
 
-    bool waitForFailure() { return QSignalSpy(m_layer.get(), &TransportLayer::internLinkFail).wait(); }
+    bool waitForFailure() { return QSignalSpy(m_layer.get(), &TransportLayer::internLinkFail).wait(PatienceMs); }
 
     /// Lets another packet fail, so that everything due before has happened; returns the frames of the other packets.
     QList<QByteArray> framesUpToLaterFailure()

@@ -5,6 +5,7 @@
 #include "fb_periodic_service.h"
 #include "gfallback_service_c.h"
 #include "logspy.h"
+#include "patience.h"
 #include "process_data.h"
 #include "rgpcom.h"
 #include "service_layer.h"
@@ -104,7 +105,7 @@ void TestServiceLayer::init()
 void TestServiceLayer::cleanup()
 {
     m_thread->quit();
-    QVERIFY(m_thread->wait(5000));
+    QVERIFY(m_thread->wait(PatienceMs));
     QVERIFY(m_layer.isNull());
     m_thread.reset();
     m_hub.reset();
@@ -255,7 +256,9 @@ void TestServiceLayer::acknowledgedResetStartsTheLink()
         disconnect(watch);
     });
 
-    QTRY_COMPARE(states, (QList<int>{1, 1}));
+    // Nobody acknowledges the request, so the link does not last.
+    QTRY_VERIFY(states.size() >= 2);
+    QCOMPARE(states.mid(0, 2), (QList<int>{1, 1}));
     QCOMPARE(frames.size(), 2);
     QCOMPARE(frames.at(0).mid(2, 2), bytes("6400"));
     QCOMPARE(frames.at(1).mid(2, 5), "\x66" + QByteArray("BCSR"));
@@ -265,10 +268,12 @@ void TestServiceLayer::failedLinkStartsAnew()
 {
     auto* const events = service<SystemEventService>(100);
     QList<int> states;
-    inLayer([events] { events->resetAckRecieved(); });
-    connect(events, &SystemEventService::systemStateChanged, this, [&](quint8 state) {
-        states += state;
-        m_sent.clear();
+    inLayer([&] {
+        events->resetAckRecieved();
+        connect(events, &SystemEventService::systemStateChanged, this, [&](quint8 state) {
+            states += state;
+            m_sent.clear();
+        });
     });
 
     QTRY_VERIFY(!states.isEmpty()); // nobody acknowledges the status records
@@ -287,14 +292,18 @@ void TestServiceLayer::failedLinkFreesTheFallback()
         inLayer([&] { found = fallback->linkStatus(7); });
         return found;
     };
-    const auto send = [&] {
-        inLayer([fallback] { fallback->fallbackTxInTurn(7, QByteArray(30, 'm')); });
+    const auto send = [fallback] {
+        fallback->fallbackTxInTurn(7, QByteArray(30, 'm'));
     };
-    send();
+    inLayer(send);
     QCOMPARE(status(), GfallbackServiceC::FREE); // there is no link yet
-    inLayer([events] { events->resetAckRecieved(); });
-    send();
-    QCOMPARE(status(), GfallbackServiceC::BUSY_MSG_LAST_BLOCK);
+    GfallbackServiceC::LinkStatus statusBehind = GfallbackServiceC::FREE;
+    inLayer([&] { // at once, as the RESET that nobody acknowledges costs the link soon
+        events->resetAckRecieved();
+        send();
+        statusBehind = fallback->linkStatus(7);
+    });
+    QCOMPARE(statusBehind, GfallbackServiceC::BUSY_MSG_LAST_BLOCK);
 
     QTRY_COMPARE(status(), GfallbackServiceC::FREE); // nobody acknowledges the block
 }
@@ -328,7 +337,7 @@ void TestServiceLayer::endOfTheThreadTakesEverythingDown()
     });
 
     m_thread->quit();
-    QVERIFY(m_thread->wait(5000));
+    QVERIFY(m_thread->wait(PatienceMs));
 
     QVERIFY(m_layer.isNull());
     for (const QPointer<QObject>& object : all) {

@@ -97,7 +97,7 @@ bool TestTransportLayer::waitForTransmission(int count)
 {
     QSignalSpy spy(m_layer.get(), &TransportLayer::sendOnInternal);
     while (m_sent.size() < count) {
-        if (!spy.wait()) {
+        if (!spy.wait(PatienceMs)) {
             return false;
         }
     }

@@ -1,3 +1,4 @@
+#include "acknowledgement.h"
 #include "fatalprobe.h"
 #include "transportonaline.h"
 
@@ -25,6 +26,9 @@ private slots:
     void classZeroIsFatal();
     void survivesGarbage();
     void speaksOverTheLineInBothDirections();
+
+private:
+    int acknowledgeFrom(int first);
 };
 
 void TestTransportReceiving::receivesByClass_data()
@@ -70,7 +74,7 @@ void TestTransportReceiving::receivesByClass()
     }
     // The packet sent last proves that nothing but the expected answer went before it.
     send("11");
-    QTRY_COMPARE(m_line->received().toHex(), (answer + Data0).toHex());
+    QCOMPARE(m_line->receive(answer.size() + Data0.size()).toHex(), (answer + Data0).toHex());
 }
 
 void TestTransportReceiving::repeatedPacketIsDeliveredAndAcknowledgedAgain()
@@ -131,7 +135,7 @@ void TestTransportReceiving::dropsWhatIsNoPacket()
     QCOMPARE(up.count(), 0);
     QCOMPARE(m_log->lines(), QStringList());
     send("11");
-    QTRY_COMPARE(m_line->received().toHex(), Data0.toHex()); // no answer to the line
+    QCOMPARE(m_line->receive(Data0.size()).toHex(), Data0.toHex()); // no answer to the line
 }
 
 void TestTransportReceiving::classZeroIsFatal()
@@ -159,16 +163,28 @@ void TestTransportReceiving::survivesGarbage()
     QTRY_COMPARE(m_line->received(), bytes("82C565EF209D200A"));
 }
 
+/// Acknowledges, over the line, the frames from that number on. @return how many there are.
+int TestTransportReceiving::acknowledgeFrom(int first)
+{
+    for (int frame = first; frame < m_sent.size(); ++frame) {
+        m_line->send(acknowledgementOf(m_sent.at(frame)));
+    }
+    return m_sent.size();
+}
+
 void TestTransportReceiving::speaksOverTheLineInBothDirections()
 {
     QSignalSpy up(m_layer.get(), &TransportLayer::readyRead);
+    // Reads in a thread of its own, which may be later than the layer waits for an acknowledgement: then once more.
+    connect(m_layer.get(), &TransportLayer::internLinkFail, this, [this] { send("00", 100); });
     send("00", 100);
-    QTRY_COMPARE(m_line->received().left(Reset0.size()), Reset0);
+    QCOMPARE(m_line->receive(Reset0.size()).left(Reset0.size()), Reset0);
+    int answered = 0;
+    QTRY_VERIFY((answered = acknowledgeFrom(answered), m_resetAcks > 0));
     m_line->clear();
 
-    QVERIFY(m_line->send(Reset0Ack + bytes("827F651152165B250A")));
+    QVERIFY(m_line->send(bytes("827F651152165B250A")));
 
-    QTRY_COMPARE(m_resetAcks, 1);
     QTRY_COMPARE(up.count(), 1);
     QCOMPARE(up.at(0).at(0).toByteArray(), bytes("11"));
     QTRY_VERIFY(m_line->received().endsWith(bytes("82FF65F568ED480A")));

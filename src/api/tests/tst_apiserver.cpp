@@ -1,5 +1,6 @@
 #include "apiserver.h"
 #include "logspy.h"
+#include "patience.h"
 #include "tagdatabase.h"
 
 #include <QHostAddress>
@@ -24,7 +25,7 @@ public:
     /// The next answer; a null array when none comes within the test's patience.
     QByteArray answer()
     {
-        if (!QTest::qWaitFor([this] { return m_socket.hasPendingDatagrams(); })) {
+        if (!QTest::qWaitFor([this] { return m_socket.hasPendingDatagrams(); }, PatienceMs)) {
             return QByteArray();
         }
         QByteArray datagram(static_cast<int>(m_socket.pendingDatagramSize()), '\0');

@@ -38,7 +38,7 @@ void TestTerminationSignals::eachSignalAsksForTermination()
 
     ::kill(::getpid(), signalNumber);
 
-    QVERIFY(requested.wait(2000));
+    QVERIFY(requested.wait(30000));
     QCOMPARE(requested.count(), 1);
 }
 
@@ -49,7 +49,7 @@ void TestTerminationSignals::requestBeforeTheEventLoopIsNotLost()
     ::raise(SIGTERM);
     QSignalSpy requested(&termination, &TerminationSignals::terminationRequested);
 
-    QVERIFY(requested.wait(2000));
+    QVERIFY(requested.wait(30000));
     QCOMPARE(requested.count(), 1);
 }
 

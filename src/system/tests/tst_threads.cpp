@@ -139,7 +139,7 @@ void TestThreads::aThreadHasItsNameAndASmallStack()
         },
         Qt::DirectConnection);
     thread->start();
-    QVERIFY(thread->wait(10000));
+    QVERIFY(thread->wait(60000));
     delete thread;
     QCOMPARE(name, "a-name");
 }

@@ -214,13 +214,14 @@ void TestWatchdog::aThreadThatHangsSilencesThem()
     VERIFY_EVENTUALLY(log.contains(silent));
     while (!manager.next().isNull()) {
     }
+    const int told = log.count(silent);
     QTest::qWait(500); // more than the time after which the service manager acts
     QCOMPARE(manager.next(), QByteArray());
+    QCOMPARE(log.count(silent), told);
 
     worker.resume();
     VERIFY_EVENTUALLY(manager.hears("WATCHDOG=1"));
-    QVERIFY(log.contains(QStringLiteral("Watchdog: the thread \"worker\" answers again.")));
-    QCOMPARE(log.lines().filter(QStringLiteral("Watchdog:")).size(), 2);
+    QCOMPARE(log.count(QStringLiteral("Watchdog: the thread \"worker\" answers again.")), log.count(silent));
 }
 
 void TestWatchdog::anImpossibleSocketIsIgnored_data()

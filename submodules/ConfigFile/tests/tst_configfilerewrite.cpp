@@ -301,14 +301,24 @@ void TestConfigFileRewrite::killedWriterLeavesAWholeFile()
     put(header + "1;" + padding + "\n2;0\n");
     int rewritten = 0;
     for (int round = 1; round <= 10; ++round) {
+        int started[2];
+        QCOMPARE(pipe(started), 0);
         const pid_t writer = fork();
         QVERIFY(writer >= 0);
         if (writer == 0) {
             ConfigFile table(path(), nullptr);
             for (int value = 1;; ++value) {
                 table.addChangeTag("2", "A", QString::number(value));
+                if (value == 1 && write(started[1], "", 1) != 1) {
+                    _exit(1);
+                }
             }
         }
+        // Once it is at its work, which begins late on a busy machine, and takes long on a slow disk.
+        close(started[1]);
+        char byte = 0;
+        QCOMPARE(read(started[0], &byte, 1), static_cast<ssize_t>(1));
+        close(started[0]);
         usleep(static_cast<useconds_t>(5000 + 1700 * round)); // killed at another point of its work each time
         QCOMPARE(kill(writer, SIGKILL), 0);
         QCOMPARE(waitpid(writer, nullptr, 0), writer);

@@ -3,6 +3,7 @@
 #include "eglinksockets.h"
 #include "fatalprobe.h"
 #include "logspy.h"
+#include "patience.h"
 
 #include <QCoreApplication>
 #include <QNetworkDatagram>
@@ -87,7 +88,7 @@ EGLinkTuning tuningOn(const QString& interfaceName)
 QByteArray nextOf(EGLinkSockets& sockets)
 {
     std::optional<QByteArray> datagram;
-    const bool came = QTest::qWaitFor([&] { return (datagram = sockets.nextDatagram()).has_value(); });
+    const bool came = QTest::qWaitFor([&] { return (datagram = sockets.nextDatagram()).has_value(); }, PatienceMs);
     return came ? *datagram : QByteArray("nothing came");
 }
 
@@ -161,7 +162,7 @@ void TestEGLinkSockets::packetsTravelThroughTheGroup()
     QTRY_COMPARE(controller.received("VRPI"), QList<QByteArray>{"VRPI to the controller"});
 
     controller.sendToGroup("from the controller");
-    QVERIFY(readyRead.wait());
+    QTRY_VERIFY(!readyRead.isEmpty());
     QCOMPARE(nextOf(*sockets), QByteArray("from the controller"));
     QVERIFY(!sockets->nextDatagram().has_value());
 }
@@ -318,10 +319,11 @@ void TestEGLinkSockets::linkInAThreadOfItsOwn()
     connect(&thread, &QThread::started, link, &EGLink::run);
     connect(&thread, &QThread::finished, link, &QObject::deleteLater);
     link->moveToThread(&thread);
-    thread.start(QThread::InheritPriority);
-
+    // Waits for it there, so that the first packet of all has it.
     QMetaObject::invokeMethod(link, "receiveFromRGP", Qt::QueuedConnection, Q_ARG(QByteArray, "data"));
     QMetaObject::invokeMethod(link, "receiveCmd", Qt::QueuedConnection, Q_ARG(QByteArray, "stop"));
+    thread.start(QThread::InheritPriority);
+
     QTRY_VERIFY(!controller.received("VRCI").isEmpty());
     QTRY_VERIFY(!controller.received("VRPI").isEmpty());
     QCOMPARE(controller.received("VRPI").constFirst().mid(16, 4), QByteArray("data"));
@@ -329,10 +331,10 @@ void TestEGLinkSockets::linkInAThreadOfItsOwn()
     controller.sendToGroup(vrao(1, 0));
     controller.sendToGroup(vrpo(2, 0, "fresh"));
     QTRY_COMPARE(blocks, 1);
-    QTRY_COMPARE(reports, 2);
+    QTRY_VERIFY(reports >= 2); // and a third one when nothing more comes
 
     thread.quit();
-    QVERIFY(thread.wait(5000));
+    QVERIFY(thread.wait(PatienceMs));
     QTRY_VERIFY(destroyed);
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "patience.h"
+
 #include <QByteArray>
 #include <QFile>
 #include <QString>

@@ -32,7 +32,7 @@ protected:
     template<typename Condition>
     static void waitFor(Condition condition)
     {
-        QVERIFY(QTest::qWaitFor(condition));
+        QVERIFY(QTest::qWaitFor(condition, PatienceMs));
     }
     std::unique_ptr<ToolConnection> connectTool()
     {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "patience.h"
+
 #include <QByteArray>
 #include <QHostAddress>
 #include <QString>

@@ -10,7 +10,6 @@
 namespace {
 
 constexpr int RemoteUnit = 9;
-constexpr int PatienceMs = 20000; // ours, with a tar that grows for as long as the server lets it
 
 } // namespace
 
@@ -484,12 +483,22 @@ void TestPairServer::tarThatNeverEndsIsEnded()
     {
         const FakeTar tar{FakeTar::Kind(kind)};
         m_tool->send(getAppRequest(RemoteUnit, m_unit->path("ruapp")));
-        QTRY_VERIFY_WITH_TIMEOUT(linesWith("pairarchive: tar does not come to its end with ") == 1, PatienceMs);
+        QTRY_VERIFY(linesWith("pairarchive: tar does not come to its end with ") == 1);
         QTRY_VERIFY(linesWith("pairserver: No archive ") == 1);
     }
     QCOMPARE(m_unit->everything(), m_atFirst);
 
-    QVERIFY(getApp(RemoteUnit, "ruapp").whole);
+    // Who asks again is served, though the system's own tar, too, may take longer than that on a busy machine.
+    const QDeadlineTimer deadline(PatienceMs);
+    bool isServed = false;
+    while (!isServed && !deadline.hasExpired()) {
+        const int refused = linesWith("pairserver: No archive ");
+        m_tool->forget();
+        m_tool->send(getAppRequest(RemoteUnit, m_unit->path("ruapp")));
+        QTRY_VERIFY(Offer::from(m_tool->received()).whole || linesWith("pairserver: No archive ") > refused);
+        isServed = Offer::from(m_tool->received()).whole;
+    }
+    QVERIFY(isServed);
 }
 
 void TestPairServer::filesAreReplacedOnlyWhenTheArchiveStands()
