@@ -18,7 +18,7 @@ def read(path, *fields, display_filter="", options=()):
         command += ["-e", field]
     if display_filter:
         command += ["-Y", display_filter]
-    result = subprocess.run(command, capture_output=True, text=True, timeout=60, check=False)
+    result = subprocess.run(command, capture_output=True, text=True, timeout=180, check=False)
     assert result.returncode == 0, result.stderr
     assert "Lua" not in result.stderr, result.stderr
     rows = [dict(zip((*_TROUBLE, *fields), (value.split(_BETWEEN_VALUES) if value else [] for value in line.split(

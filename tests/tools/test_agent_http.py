@@ -8,7 +8,7 @@ import time
 
 import pytest
 from agent_support import AGENT, HOST, Agent
-from server_double import wait_for
+from server_double import PATIENCE, wait_for
 
 TOKEN = "a-token-of-enough-letters"
 PAGE = ("/", "/page.css", "/page.js", "/picture.js", "/strip.js", "/icon.svg")
@@ -31,7 +31,7 @@ def guarded(server, folder, *options):
 # --- who may ask -------------------------------------------------------------------------------------------------------
 
 def test_beyond_loopback_a_token_is_demanded():
-    result = subprocess.run([sys.executable, str(AGENT), "--listen", "0.0.0.0:0"], capture_output=True, text=True, timeout=20)
+    result = subprocess.run([sys.executable, str(AGENT), "--listen", "0.0.0.0:0"], capture_output=True, text=True, timeout=PATIENCE)
     assert result.returncode == 2
     assert "--token-file" in result.stderr
 
@@ -39,7 +39,7 @@ def test_beyond_loopback_a_token_is_demanded():
 def test_a_token_that_can_be_guessed_is_refused(tmp_path):
     (tmp_path / "token").write_text("short\n")
     result = subprocess.run([sys.executable, str(AGENT), "--token-file", str(tmp_path / "token")], capture_output=True,
-                            text=True, timeout=20)
+                            text=True, timeout=PATIENCE)
     assert result.returncode == 2
     assert "shorter than 16" in result.stderr
 
@@ -130,7 +130,7 @@ def test_a_server_that_is_silent_gets_no_order_for_later(server, tmp_path):
 
 def status_of(agent, request):
     """The status of the answer to raw bytes."""
-    with socket.create_connection((HOST, agent.port), 10) as connection:
+    with socket.create_connection((HOST, agent.port), PATIENCE) as connection:
         connection.sendall(request)
         return int(connection.recv(65536).split(maxsplit=2)[1])
 
@@ -184,7 +184,7 @@ def test_bad_requests_are_answered_as_http_says(agent):
                                      b"GET / HTTP/1.1\r\n" + b"X: " + b"y" * 100_000 + b"\r\n\r\n"],
                          ids=["zeros", "short", "ones", "long"])
 def test_what_is_no_http_gets_an_error_and_an_end(agent, garbage):
-    with socket.create_connection((HOST, agent.port), 10) as connection:
+    with socket.create_connection((HOST, agent.port), PATIENCE) as connection:
         try:
             connection.sendall(garbage)
             answer = connection.recv(65536)
@@ -196,7 +196,7 @@ def test_what_is_no_http_gets_an_error_and_an_end(agent, garbage):
 
 def test_a_stream_is_told_in_the_way_of_the_version_that_asks(agent, server):
     """HTTP/1.1 gets chunks, which its client takes apart; HTTP/1.0 the same text as it is."""
-    plain, connection = agent.watch(), http.client.HTTPConnection(HOST, agent.port, timeout=10)
+    plain, connection = agent.watch(), http.client.HTTPConnection(HOST, agent.port, timeout=PATIENCE)
     connection.request("GET", "/api/events")
     answer = connection.getresponse()
     assert answer.getheader("Transfer-Encoding") == "chunked" and answer.readline() == b"retry: 1000\n"
@@ -231,7 +231,7 @@ def test_two_hundred_watchers_see_a_change_at_once_in_bounded_memory(agent, serv
     for watcher in watchers:
         watcher.wait_text('"new":"17"')
     took = time.monotonic() - began
-    assert took < 5.0, "loose for a busy computer; docs/agent.md has the figures of an idle one"
+    assert took < 20.0, "loose for a busy computer; docs/agent.md has the figures of an idle one"
     for number in range(200):
         server.status["TSAPs"] = str(number)
         server.push()
@@ -270,7 +270,7 @@ def test_a_reader_that_takes_nothing_is_dropped_and_disturbs_nobody(agent, serve
         while f'"new":"{number}"'.encode() not in quick.text[-4000:]:
             quick.text = quick.text[-4000:] + quick.socket.recv(65536)
         return agent.metrics()["tessaro_agent_dropped_watchers_total"] == 1
-    wait_for(push_more, 30)
+    wait_for(push_more, 2 * PATIENCE)
     assert agent.metrics()["tessaro_agent_watchers"] == 1
     slow.close()
     quick.close()
@@ -299,7 +299,7 @@ def test_a_reader_of_the_past_who_takes_nothing_is_dropped(server, tmp_path, pat
         reader = reader_of_nothing(agent, path)
         port = reader.getsockname()[1]
         wait_for(lambda: agent.serves(port), what="the connection")
-        wait_for(lambda: not agent.serves(port), 20, "its end")
+        wait_for(lambda: not agent.serves(port), what="its end")
         reader.close()
 
 
@@ -310,7 +310,7 @@ def test_readers_who_leave_the_history_lying_do_not_fill_the_memory(server, tmp_
         for number in range(100):
             lying.append(reader_of_nothing(agent, "/api/history" if number % 2 else "/api/events"))
         for reader in lying:
-            reader.settimeout(10)
+            reader.settimeout(PATIENCE)
             assert reader.recv(1)
         assert agent.get("/api/status")[0] == 200
         assert agent.resident() - before < 25 << 20
@@ -321,7 +321,7 @@ def test_readers_who_leave_the_history_lying_do_not_fill_the_memory(server, tmp_
 def test_connections_that_ask_for_nothing_are_ended_and_streams_are_not(server, tmp_path):
     with Agent(server, tmp_path, "--idle", "2") as agent:
         watcher = agent.watch()
-        silent = [socket.create_connection((HOST, agent.port), 20) for _ in range(5)]
+        silent = [socket.create_connection((HOST, agent.port), PATIENCE) for _ in range(5)]
         silent[0].sendall(b"GET /api/sta")
         for connection in silent:
             try:
@@ -363,6 +363,7 @@ def test_with_one_page_open_it_costs_little(agent):
         watcher.text = b""
         watcher.wait_text("event: beat")
         loads.append((agent.cpu_seconds() - before) / (time.monotonic() - began))
-    assert min(loads) < 0.01, loads  # what other programs do to the processor's caches only ever adds
+    # Half a percent on our computers; what is slower than they are, or busy, takes more. One that asks all the time takes far more.
+    assert min(loads) < 0.03, loads
     assert agent.resident() < RESIDENT_LIMIT
     watcher.close()

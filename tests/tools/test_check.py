@@ -49,7 +49,7 @@ def write(folder, files):
 
 
 def run(*arguments):
-    return subprocess.run([sys.executable, str(TOOL), *map(str, arguments)], capture_output=True, text=True, timeout=30)
+    return subprocess.run([sys.executable, str(TOOL), *map(str, arguments)], capture_output=True, text=True, timeout=120)
 
 
 def findings(folder, *arguments):
@@ -312,8 +312,8 @@ def test_every_tag_that_the_server_needs_is_explained(monkeypatch):
 
 def test_it_packs_into_one_file_that_needs_no_other(tmp_path):
     packed = tmp_path / "tessaro-check"
-    subprocess.run([TOOL.parents[1] / "scripts" / "pack-check", packed], check=True, timeout=60)
+    subprocess.run([TOOL.parents[1] / "scripts" / "pack-check", packed], check=True, timeout=120)
     assert [path.name for path in tmp_path.iterdir()] == ["tessaro-check"]
-    done = subprocess.run([packed, EXAMPLE], capture_output=True, text=True, timeout=60, cwd="/")
+    done = subprocess.run([packed, EXAMPLE], capture_output=True, text=True, timeout=120, cwd="/")
     assert (done.stdout, done.stderr, done.returncode) == ("", "", 0)
-    assert "needed" in subprocess.run([packed, "--explain", "EMAP"], capture_output=True, text=True, timeout=60).stdout
+    assert "needed" in subprocess.run([packed, "--explain", "EMAP"], capture_output=True, text=True, timeout=120).stdout

@@ -14,7 +14,7 @@ TARGETS = re.findall(r"^tessaro_add_fuzz_target\((\w+)", (FUZZ / "CMakeLists.txt
 
 def run(folder, *words, status=0):
     done = subprocess.run([sys.executable, FUZZ / "inputs", "--folder", folder, *map(str, words)], text=True,
-                          capture_output=True, timeout=60)
+                          capture_output=True, timeout=120)
     assert done.returncode == status, done.stderr
     return done.stdout + done.stderr
 

@@ -43,7 +43,7 @@ def report(unit, *more):
     output = unit / "report.tar.gz"
     result = subprocess.run([sys.executable, str(TOOL), "--output", str(output), "--root", str(unit / "Applications"),
                              "--gpio", str(unit / "gpio"), "--log", str(unit / "server.log"), *more],
-                            capture_output=True, text=True, timeout=60)
+                            capture_output=True, text=True, timeout=120)
     assert result.returncode == 0, result.stderr
     assert result.stdout == f"{output}\n"
     contents = {}

@@ -332,7 +332,7 @@ def test_the_packed_dissectors_are_one_file_that_shows_the_same(capture, tmp_pat
     shown = capture.rows("_ws.col.Protocol", "_ws.col.Info")
     packed = tmp_path / "alone" / "tessaro.lua"
     packed.parent.mkdir()
-    subprocess.run([tsharkreader.SCRIPT.parent / "pack", packed], check=True, timeout=60)
+    subprocess.run([tsharkreader.SCRIPT.parent / "pack", packed], check=True, timeout=120)
     monkeypatch.setattr(tsharkreader, "SCRIPT", packed)
     assert capture.rows("_ws.col.Protocol", "_ws.col.Info") == shown
     assert all("Tessaro" in protocol or protocol in ("GLink", "Internal link") for protocol, _ in shown)
