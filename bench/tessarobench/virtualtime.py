@@ -61,6 +61,11 @@ def _load(path: Path) -> ctypes.CDLL:
     return library
 
 
+def _processor_of_now() -> int:
+    """The one on which the kernel lets this thread run, as it knows which of them others keep busy."""
+    return ctypes.CDLL(None).sched_getcpu()
+
+
 def preloaded_with(server: os.PathLike) -> Path:
     """Where the library lies that was built with this server."""
     return Path(server).resolve().parent / LIBRARY
@@ -163,8 +168,7 @@ class VirtualTime:
         self._moments = [(0, self._began_wall)]  # from which real time on the clock showed what
         self.line = _Line()
         self.lost_on_line = self.steps = 0
-        processors = sorted(os.sched_getaffinity(0))
-        self._processor = {processors[os.getpid() % len(processors)]}
+        self._processor = {_processor_of_now()}
         clock.use(self)
 
     def close(self) -> None:

@@ -17,6 +17,8 @@
 namespace virtualtime {
 namespace {
 
+constexpr time_t Age = 1000000000; // seconds; longer ones are for ever, and must not overflow
+
 std::atomic<Page*> sharedPage{nullptr};
 std::atomic<int> attachState{0}; // 0 not yet, 1 under way, 2 done
 
@@ -99,7 +101,6 @@ timespec asTimespec(std::int64_t nanoseconds)
 
 std::int64_t deadlineAfter(const timespec& duration)
 {
-    constexpr time_t Age = 1000000000; // seconds; longer ones are for ever, and must not overflow
     if (duration.tv_sec > Age) {
         return Never;
     }
@@ -110,6 +111,9 @@ std::int64_t deadlineAfter(const timespec& duration)
 std::int64_t deadlineAt(clockid_t clock, const timespec& time)
 {
     const timespec base = asTimespec(baseOf(clock));
+    if (time.tv_sec > base.tv_sec + Age) {
+        return Never;
+    }
     return deadlineAfter(asTimespec((time.tv_sec - base.tv_sec) * Second + time.tv_nsec - base.tv_nsec - page()->now));
 }
 

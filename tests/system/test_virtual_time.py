@@ -1,5 +1,6 @@
 """Virtual time: the server waits by a clock that stands still while anybody works."""
 
+import os
 import select
 import subprocess
 import sys
@@ -15,7 +16,7 @@ from tessarobench.soak import Soak
 SOAK = Path(__file__).resolve().parents[2] / "bench" / "soak"
 WAITS = {"poll": 100, "ppoll": 200, "select": 300, "nanosleep": 200, "usleep": 40, "sleep": 2000, "clock_nanosleep": 60,
          "poll until written": 70, "pthread_join": 0, "condition clockwait": 110, "condition timedwait": 120,
-         "condition until notified": 130, "timed mutex": 140, "semaphore": 150, "futex": 160, "futex bitset": 170,
+         "condition without an end": 190, "condition until notified": 130, "timed mutex": 140, "semaphore": 150, "futex": 160, "futex bitset": 170,
          "futex wall": 180, "asking for the time without end": 5, "a day": 86_400_000}
 
 
@@ -94,6 +95,33 @@ def test_the_same_run_takes_the_same_virtual_time(server_path, library):
             return round(bench.journal.now - muted, 6)
 
     assert len({times() for _ in range(5)}) == 1
+
+
+PROCESSOR = """
+import sys
+sys.path.insert(0, sys.argv[1])
+from tessarobench.virtualtime import VirtualTime
+time = VirtualTime(sys.argv[2])
+time.stay_together()
+"""
+
+
+def own_world(library, then):
+    """A tool of the bench in a sandbox of its own, which tells on which processor its board would live, and does `then`."""
+    command = [SOAK.parent / "sandbox", sys.executable, "-c", f"{PROCESSOR}\nimport os\nprint(*os.sched_getaffinity(0), flush=True)"
+               f"\n{then}", SOAK.parent, library]
+    return subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+
+
+@pytest.mark.skipif(len(os.sched_getaffinity(0)) < 2, reason="there is one processor alone")
+def test_two_tools_side_by_side_do_not_keep_to_the_same_processor(library):
+    """Each is the second process of its world."""
+    with own_world(library, "while True: pass") as busy:
+        taken = busy.stdout.readline()
+        try:
+            assert any(own_world(library, "").communicate()[0] not in ("", taken) for _ in range(30))
+        finally:
+            busy.terminate()
 
 
 def test_time_stands_while_a_child_process_is_at_work(virtual_bench):

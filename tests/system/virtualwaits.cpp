@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <ctime>
 #include <functional>
+#include <limits>
 #include <linux/futex.h>
 #include <mutex>
 #include <poll.h>
@@ -78,6 +79,13 @@ void locks()
     pthread_cond_t plain = PTHREAD_COND_INITIALIZER;
     const timespec point = in(CLOCK_REALTIME, 120);
     took("condition timedwait", [&] { pthread_cond_timedwait(&plain, mutex.native_handle(), &point); });
+    const timespec never{std::numeric_limits<time_t>::max(), 0};
+    std::thread caller([&] {
+        std::this_thread::sleep_for(milliseconds(190));
+        pthread_cond_signal(&plain);
+    });
+    took("condition without an end", [&] { pthread_cond_timedwait(&plain, mutex.native_handle(), &never); });
+    caller.join();
     bool said = false;
     std::thread speaker([&] {
         std::this_thread::sleep_for(milliseconds(130));
