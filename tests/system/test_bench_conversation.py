@@ -1,6 +1,7 @@
 """What is read out of a capture of connections: who was taken in, what is missing, what was said."""
 
 import hashlib
+import time
 
 import pytest
 
@@ -11,6 +12,7 @@ from tessarobench.connections import Connections
 from tessarobench.conversation import Conversation
 from tessarobench.pcapng import FROM_BASE_CONTROLLER, LINKTYPE_ETHERNET, LINKTYPE_USER0, TO_BASE_CONTROLLER
 from tessarobench.replies import GLINK_PORT, Replies
+from tessarobench.tcpstream import Stream
 from tessarobench.timeline import DATA, Timeline
 
 FIN, SYN, RST, ACK = 1, 2, 4, 16
@@ -167,7 +169,31 @@ def fragment(more, port):
 def test_a_part_of_a_datagram_between_others_is_none_of_ours():
     """Cameras on a machine's network send large ones."""
     assert captureread.transport(fragment(True, 40001)).is_part
-    said = Packet(8, 1.1, "eth0", LINKTYPE_ETHERNET, fragment(False, 6250).data)
-    assert [move.what for move in Conversation([fragment(True, 40001), said]).moves] == [DATA]
+    said = [Packet(8, 1.1, "lo", LINKTYPE_ETHERNET, fragment(False, port).data) for port in (6250, 6251)]
+    assert [move.what for move in Conversation([fragment(True, 40001), *said]).moves] == [DATA]
     with pytest.raises(captureread.BadCapture, match="packet 7: a part of a datagram"):
-        Conversation([fragment(True, 6250), said])
+        Conversation([fragment(True, 6250), *said])
+
+
+# --- long captures -------------------------------------------------------------------------------------------------------
+
+
+def test_a_hole_in_a_long_connection_costs_no_more_for_what_stands_far_behind_it():
+    """One side alone was captured, so that nobody acknowledges anything."""
+    dialogue, part = Dialogue(), bytes(8)
+    dialogue.says(True, part)
+    dialogue.says(True, part, captured=False)
+    began = time.process_time()
+    for _ in range(40_000):
+        dialogue.says(True, part)
+    dialogue.closed()
+    assert time.process_time() - began < 20
+    assert sum(len(move.data) for move in dialogue.timeline.moves) == 40_001 * len(part)
+
+
+def test_segments_are_put_in_order_across_the_end_of_their_numbers():
+    stream, packet = Stream(), Packet(1, 0.0, "", LINKTYPE_ETHERNET, b"")
+    stream.begin(0xFFFFFFFD)
+    said = [stream.feed(0, b"cd"), stream.feed(2, b"e"), stream.feed(0xFFFFFFFE, b"ab"), stream.feed(1, b"de"), stream.feed(3, b"f")]
+    assert said == [b"", b"", b"abcde", b"", b"f"]
+    assert stream.finish(packet) == b"" and stream.missing == 0
