@@ -18,6 +18,24 @@ def run(*command, **options):
                           **options)
 
 
+@pytest.fixture
+def interrupting(tmp_path):
+    """An environment in which what the bench needs first interrupts it."""
+    (tmp_path / "ctypes.py").write_text("import os, signal\nos.kill(os.getpid(), signal.SIGINT)\nraise SystemExit(7)\n")
+    return {**os.environ, "PYTHONPATH": str(tmp_path)}
+
+
+@pytest.mark.parametrize("tool", ["fleet", "pairing-kills", "replay", "run", "safety", "sandbox", "scenario", "soak"])
+def test_a_tool_that_is_interrupted_while_it_is_loaded_says_nothing(tool, interrupting):
+    done = run(BENCH / tool, "--help", env=interrupting)
+    assert (done.returncode, done.stdout, done.stderr) == (-signal.SIGINT, "", "")
+
+
+def test_a_tool_in_the_background_of_a_script_is_not_interrupted(interrupting):
+    """The shell has it ignore what is for the foreground."""
+    assert run("sh", "-c", f'trap "" INT; exec {BENCH / "sandbox"} --help', env=interrupting).returncode == 7
+
+
 # --- sandbox -----------------------------------------------------------------------------------------------------------
 
 
