@@ -303,6 +303,23 @@ def test_a_reader_of_the_past_who_takes_nothing_is_dropped(server, tmp_path, pat
         reader.close()
 
 
+@pytest.mark.parametrize("path, end", [("/api/history", b"]}"), ("/api/events", b"event: beat")])
+def test_a_slow_reader_of_the_past_gets_all_of_it(server, tmp_path, path, end):
+    """As a telephone far from the next mast: it takes longer than a connection may stand idle, and takes what comes."""
+    agent = agent_with_a_long_history(server, tmp_path)
+    agent.options += ["--idle", "2"]
+    with agent:
+        reader, text = reader_of_nothing(agent, path), b""
+        reader.settimeout(10)
+        while end not in text[-200:]:
+            data = reader.recv(16384)
+            assert data, f"ended after {len(text)} bytes"
+            text += data
+            time.sleep(0.06)  # its pace
+        assert b'"id":1500,' in text
+        reader.close()
+
+
 def test_readers_who_leave_the_history_lying_do_not_fill_the_memory(server, tmp_path):
     with agent_with_a_long_history(server, tmp_path) as agent:
         assert [change["id"] for change in agent.events_of_log()] == list(range(1, 1501))

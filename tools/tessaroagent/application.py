@@ -156,7 +156,8 @@ class Agent:
             await asyncio.sleep(self._options.idle / 4)
             tick, watching = time.monotonic(), {client.transport for client in self._hub.clients}
             standing = list(runner.server.connections)
-            self._first_seen = {connection: self._first_seen.get(connection, tick) for connection in standing}
+            self._first_seen = {connection: tick if connection.transport in self._hub.giving else
+                                self._first_seen.get(connection, tick) for connection in standing}
             idle = [connection for connection in standing if connection.transport not in watching
                     and (tick - self._first_seen[connection] > self._options.idle or len(standing) > MOST_CONNECTIONS)]
             for connection in idle:

@@ -51,6 +51,7 @@ class Client:
 class Hub:
     def __init__(self):
         self.clients = set()
+        self.giving = set()  # connections that take a long answer, at their own pace
         self.dropped = 0
         self._gathered = []
 

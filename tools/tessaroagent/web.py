@@ -143,11 +143,21 @@ class Web:
             await answer.prepare(request)
             self._small_buffers(request.transport)
             if request.method == "GET":
-                await self._give(request, answer, head)
-                for place in range(0, len(entries), LOT):
-                    await self._give(request, answer, (b"," if place else b"") + b",".join(entries[place:place + LOT]))
-                await self._give(request, answer, foot)
+                with self._giving(request.transport):
+                    await self._give(request, answer, head)
+                    for place in range(0, len(entries), LOT):
+                        await self._give(request, answer, (b"," if place else b"") + b",".join(entries[place:place + LOT]))
+                    await self._give(request, answer, foot)
         return answer
+
+    @contextlib.contextmanager
+    def _giving(self, transport):
+        """While a long answer is taken at its reader's pace: its connection is not an idle one."""
+        self._hub.giving.add(transport)
+        try:
+            yield
+        finally:
+            self._hub.giving.discard(transport)
 
     @staticmethod
     async def _give(request, answer, data):
@@ -206,7 +216,8 @@ class Web:
             self._small_buffers(request.transport)
             await answer.write(b"retry: 1000\n\n" + encoded("status", dumped(self.snapshot())))
             if after.isascii() and after.isdigit() and len(after) <= LONGEST_NUMBER:
-                await self._missed(request, answer, int(after))
+                with self._giving(request.transport):
+                    await self._missed(request, answer, int(after))
             await self._watch(Client(request.transport, answer.chunked))
         return answer
 
