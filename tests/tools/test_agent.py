@@ -1,6 +1,7 @@
 """tools/tessaro-agent between a server's double and HTTP clients: what it knows, and what it says when it knows nothing."""
 import json
 import os
+import shutil
 import socket
 import subprocess
 import sys
@@ -8,10 +9,10 @@ import time
 
 import pytest
 from agent_support import AGENT, HOST, TOOLS, Agent, gpio
-from server_double import PATIENCE, wait_for
+from server_double import PATIENCE, WallClock, wait_for
 
 sys.path.insert(0, str(TOOLS))
-from tessaroagent import sources  # noqa: E402
+from tessaroagent import figures, sources  # noqa: E402
 from tessaroagent.history import History  # noqa: E402
 from tessaroagent.logbook import Logbook  # noqa: E402
 from tessaroagent.unit import Unit  # noqa: E402
@@ -292,8 +293,62 @@ def test_what_an_earlier_agent_noted_is_not_of_the_time_to_come(tmp_path):
         before.add({"key": key, "time": when, "new": "x"})
     before.save(path, 5100.0)
     after = History()
-    assert after.load(path, 2000.0) == 2000.0
+    assert after.load(path, 2000.0) == 5100.0
     assert [json.loads(data)["time"] for data in after.select()] == [1940.0, 2000.0]
+
+
+def test_a_clock_that_starts_behind_makes_nothing_new_of_what_was_told_before(server, tmp_path):
+    """As on a unit that knows the time only from the network: its clock is behind at each start."""
+    clock = WallClock(tmp_path / "clock")
+    agent = Agent(server, tmp_path, env=clock.environment)
+    program = tmp_path / "tessaroserver" / "tessaroserver"
+    program.parent.mkdir()
+    shutil.copy("/bin/sleep", program)
+    agent.log.write_text(time.strftime("%Y%m%d %H:%M:%S.000 - Internal link fail!!!!!!!!\n", time.localtime(time.time() - 2)))
+    with agent:
+        agent.write_log("RUN")
+        agent.wait_value("link", "RUN")
+    text = agent.log.read_text().splitlines()[0] + "\n"
+    agent.log.write_text(text)
+    clock.move(-3600)
+    with subprocess.Popen([program, "600"]) as another_server:
+        try:
+            with agent:
+                wait_for(lambda: agent.metrics()["tessaro_server_running"] == 1)
+                wait_for(lambda: agent.json("/healthz")["log"])
+                assert agent.metrics()['tessaro_log_events_total{event="internal_link_fail"}'] == 0
+                assert agent.value("link") is None, "it was that of the server before"
+        finally:
+            another_server.kill()
+
+
+def test_what_was_remembered_moves_with_the_clock():
+    unit = Unit(Logbook(""), lambda change: None)
+    unit.remember("link", "RUN", 990.0)
+    unit.clock_jumped(-500.0, 500.0)
+    unit.figures(figures.Process(7, 100.0, 5.0, 1.0, 1, 1, 1), 500.0)
+    assert unit.values.get("link") is None, "the process began behind it"
+
+
+def test_a_past_that_is_cut_begins_with_what_was_then():
+    """Else a value that changed in what was left out would look as if it had not."""
+    history = History()
+    history.add({"key": "BU_STATE", "time": 100.0, "new": "17"})
+    for number in range(30):
+        history.add({"key": "BU_STATE" if number == 5 else "IVL1", "time": 1000.0 + number, "new": "4"})
+    before, entries = history.past(500.0, 10)
+    assert [json.loads(data)["time"] for data in entries] == [1020.0 + number for number in range(10)]
+    assert {(entry["key"], entry["time"]) for entry in map(json.loads, before)} == {("BU_STATE", 1005.0), ("IVL1", 1019.0)}
+    before, entries = history.past(500.0, 100)
+    assert len(entries) == 30 and [json.loads(data)["time"] for data in before] == [100.0]
+
+
+def test_a_status_says_which_changes_are_in_it(agent, server):
+    server.status["BU_STATE"] = "4"
+    server.push()
+    agent.wait_value("BU_STATE", "4")
+    status, changes = agent.json("/api/status"), agent.json("/api/history")["changes"]
+    assert status["id"] == changes[-1]["id"]
 
 
 def test_damaged_times_in_the_history_do_no_harm(tmp_path):

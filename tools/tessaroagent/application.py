@@ -55,16 +55,20 @@ class Agent:
         self._unit = Unit(self._logbook, self.tell)
         self._state = options.state and str(Path(options.state) / HISTORY_FILE)
         written = self._history.load(self._state, time.time()) if self._state else None
-        self._seen = written
-        for key in (LINK, FALLBACK):
-            known = self._history.newest(key)
-            if known:
-                self._unit.remember(key, known["new"], known["time"])
+        self._seen = written and min(written, time.time())
+        if written == self._seen:  # else the clock was another one, and nobody can tell whether the server is the same
+            self._remember()
         self._unit_sources(options, written)
         guard = Guard(token, {*PAGE_FILES, "/api/session"}, options.frame_from)
         control = Control(options.allow_control, self._command, self.tell)
         self._web = Web(self._unit, self._hub, self._history, Metrics(self._unit, self._hub, self._logbook), guard, control)
         self._first_seen = {}
+
+    def _remember(self):
+        for key in (LINK, FALLBACK):
+            known = self._history.newest(key)
+            if known:
+                self._unit.remember(key, known["new"], known["time"])
 
     def _unit_sources(self, options, written):
         program, clock = options.root / PROGRAM / PROGRAM, Clock(self._unit)

@@ -53,15 +53,22 @@ class History:
 
     def select(self, after=0, since=0.0, limit=None):
         """The bytes of the entries behind an id and a time, oldest first; with `limit`, the newest so many."""
+        return [data for _, data in self._entries(after, since, limit)]
+
+    def _entries(self, after, since, limit):
         found = sorted((number, data) for ring in self._rings.values() for number, when, data in ring
                        if number > after and when >= since)
-        return [data for _, data in (found[-limit:] if limit else found)]
+        return found[-limit:] if limit else found
 
-    def before(self, since):
-        """The last entry of each value before that time: what it was when the time began."""
+    def past(self, since, limit):
+        """(what was when the time began, what changed since): the last entry of each value of before, and the newest `limit`
+        entries from that time on. Where those are not all of them, the time begins with the first one given."""
+        entries = self._entries(0, since, limit)
+        first = entries[0][0] if len(entries) == limit else 0
         values = (ring for key, ring in self._rings.items() if key not in ("log", "control", "agent"))
-        last = (next((data for _, when, data in reversed(ring) if when < since), None) for ring in values)
-        return [data for data in last if data]
+        last = (next((data for number, when, data in reversed(ring) if when < since or number < first), None)
+                for ring in values)
+        return [data for data in last if data], [data for _, data in entries]
 
     def newest(self, key):
         """The newest entry of one kind as a dictionary, or None."""
@@ -74,7 +81,8 @@ class History:
     # --- the file ------------------------------------------------------------------------------------------------------
 
     def load(self, path, now):
-        """Takes what the file holds; returns when it was written, or None. What is not understood in it is left out.
+        """Takes what the file holds; returns when it was written by the clock of then, or None. What is not understood in it is
+        left out.
 
         The agent before may have ended before it wrote its newest entries: none of theirs is an id of this one's. And its clock
         may have been ahead of ours: what it noted is not of the time to come."""
@@ -92,7 +100,7 @@ class History:
         newest = max((when for ring in self._rings.values() for _, when, _ in ring), default=now)
         if newest > now:
             self.move(now - newest)
-        return written and min(written, now)
+        return written
 
     def _take(self, line):
         try:

@@ -205,6 +205,7 @@ class Unit:
         """`seconds` is what a time of before must be moved by, to be one of the clock of now."""
         self.clock_jumps += 1
         self.since = {key: since + seconds for key, since in self.since.items()}
+        self._remembered = {key: (value, when + seconds) for key, (value, when) in self._remembered.items()}
         self.problem("clock", f"{seconds:+.0f}")
         self._tell({"key": "agent", "time": now, "words": f"the clock jumped by {seconds:+.0f} s", "level": fields.WARN,
                     "jump": seconds})

@@ -94,8 +94,9 @@ class Web:
     # --- answers -------------------------------------------------------------------------------------------------------
 
     def snapshot(self):
-        """All that is known now."""
-        return {"values": self._unit.snapshot(), "began": self._began, "control": self._control.allowed,
+        """All that is known now; `id` is that of the newest change which is in it."""
+        return {"values": self._unit.snapshot(), "id": self._history.next_id - 1, "began": self._began,
+                "control": self._control.allowed,
                 "actions": {name: text for name, (_, text) in ACTIONS.items()} if self._control.allowed else {},
                 **self.beat()}
 
@@ -130,8 +131,10 @@ class Web:
         seconds = self._number(request, "seconds", HISTORY_SECONDS)
         after = int(self._number(request, "after", 0))
         since = time.time() - seconds
-        entries = self._history.select(after, since, MOST_HISTORY)
-        before = [] if after else self._history.before(since)
+        if after:
+            before, entries = [], self._history.select(after, since, MOST_HISTORY)
+        else:
+            before, entries = self._history.past(since, MOST_HISTORY)
         head = b'{"since":%s,"before":[%s],"changes":[' % (dumped(since), b",".join(before))
         return await self._listed(request, head, entries, b"]}")
 
