@@ -13,12 +13,17 @@ STATUS = {"BU_ID": "4660", "BU_STATE": "16", "TSAPs": "1", "UNARMED_RUs": "2", "
 def free_ports(first):
     """Ports that nobody has, below those that the system hands out by itself: no other program takes one in between."""
     for port in range(first, first + 1000):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            try:
-                probe.bind(("127.0.0.1", port))
-            except OSError:
-                continue
-        yield port
+        if all(is_free(port, kind) for kind in (socket.SOCK_DGRAM, socket.SOCK_STREAM)):
+            yield port
+
+
+def is_free(port, kind):
+    with socket.socket(socket.AF_INET, kind) as probe:
+        try:
+            probe.bind(("127.0.0.1", port))
+        except OSError:
+            return False
+    return True
 
 
 WORKER = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw"))
