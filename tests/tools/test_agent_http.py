@@ -11,7 +11,7 @@ from agent_support import AGENT, HOST, Agent
 from server_double import PATIENCE, wait_for
 
 TOKEN = "a-token-of-enough-letters"
-PAGE = ("/", "/page.css", "/page.js", "/picture.js", "/strip.js", "/icon.svg")
+PAGE = ("/", "/page.css", "/page.js", "/picture.js", "/strip.js", "/watch.js", "/words.js", "/control.js", "/icon.svg")
 RESIDENT_LIMIT = 40 << 20
 
 
@@ -315,7 +315,7 @@ def test_a_slow_reader_of_the_past_gets_all_of_it(server, tmp_path, path, end):
             data = reader.recv(16384)
             assert data, f"ended after {len(text)} bytes"
             text += data
-            time.sleep(0.06)  # its pace
+            time.sleep(0.1)  # its pace
         assert b'"id":1500,' in text
         reader.close()
 

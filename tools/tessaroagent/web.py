@@ -15,8 +15,9 @@ from .guard import same
 from .hub import PATIENCE_SECONDS, Client, encoded
 
 PAGE_FILES = {"/": ("index.html", "text/html"), "/page.css": ("page.css", "text/css"),
-              "/page.js": ("page.js", "text/javascript"), "/picture.js": ("picture.js", "text/javascript"),
-              "/strip.js": ("strip.js", "text/javascript"), "/icon.svg": ("icon.svg", "image/svg+xml")}
+              "/icon.svg": ("icon.svg", "image/svg+xml"),
+              **{f"/{name}.js": (f"{name}.js", "text/javascript")
+                 for name in ("page", "control", "picture", "strip", "watch", "words")}}
 FOLDER = Path(__file__).resolve().parent / "page"
 LARGEST_BODY = 4096
 BEAT_SECONDS = 2.0
@@ -106,8 +107,9 @@ class Web:
         process = unit.process
         return {"time": time.time(), "healthy": unit.healthy, "problems": list(unit.problems.values()),
                 "age": None if unit.pushed is None else round(tick - unit.pushed, 1),
-                "stale": unit.stale(), "process": process._asdict() if process else None, "restarts": unit.restarts,
-                "link_losses": unit.link_losses, "refusals": sum(unit.refusals.values())}
+                "stale": unit.stale(), "log": unit.log_followed, "process": process._asdict() if process else None,
+                "restarts": unit.restarts, "link_losses": unit.link_losses,
+                "refusals": sum(unit.refusals.values())}
 
     async def page(self, request):
         return web.Response(body=self._files[request.path], content_type=PAGE_FILES[request.path][1], charset="utf-8")

@@ -1,7 +1,8 @@
 // The installation as a picture. Each thing has a mark, words and a colour that say the same; the drawing as a whole has a
 // description for those who do not see it.
 
-export const MARKS = { good: "✓", note: "•", warn: "▲", bad: "✕", unknown: "?" };
+import { MARKS } from "./words.js";
+
 const SPACE = "http://www.w3.org/2000/svg";
 
 // Where things stand, on a wide screen and on a narrow one: x, y, width, height of the boxes.
@@ -11,9 +12,9 @@ const WIDE = {
   relay: [10, 265, 220, 120], remotes: [730, 265, 220, 120],
 };
 const NARROW = {
-  size: [380, 640],
+  size: [380, 656],
   controller: [8, 8, 170, 130], machine: [202, 8, 170, 130], unit: [80, 235, 220, 150],
-  relay: [8, 490, 170, 140], remotes: [202, 490, 170, 140],
+  relay: [8, 490, 170, 158], remotes: [202, 490, 170, 158],
 };
 
 export function element(name, attributes = {}, ...children) {
@@ -24,9 +25,9 @@ export function element(name, attributes = {}, ...children) {
 }
 
 function lines(text, width, size) {
-  const most = Math.floor(width / (size * 0.56));
+  const most = Math.floor(width / (size * 0.56)), longest = Math.floor(width / (size * 0.7));
   const found = [""];
-  for (const word of text.split(" ")) {
+  for (const word of text.match(new RegExp(`[^ ]{1,${longest}}`, "g")) ?? []) {
     const last = found[found.length - 1];
     if (last && last.length + word.length + 1 > most) found.push(word);
     else found[found.length - 1] = last ? `${last} ${word}` : word;

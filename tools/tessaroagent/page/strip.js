@@ -1,6 +1,7 @@
 // What was when: a lane for each thing, over the last minutes. Nobody looked: the lane is hatched in grey, and says so.
 
-import { MARKS, element } from "./picture.js";
+import { element } from "./picture.js";
+import { MARKS, clock } from "./words.js";
 
 const LANE = 26, GAP = 6, FOOT = 22;
 export const LANES = [["server", "server"], ["link", "internal link"], ["relay", "relay"], ["BU_STATE", "state"],
@@ -56,7 +57,21 @@ function segment(piece, x, y, width) {
   return group;
 }
 
-export const clock = (seconds) => new Date(seconds * 1000).toLocaleTimeString([], { hour12: false });
+// "The last hour", or less of it.
+export const title = (span) => `The last ${span === 3600 ? "hour" : span === 60 ? "minute" : `${span / 60} minutes`}`;
+
+const times = (count) => (count === 1 ? "once" : `${count} times`);
+
+function drawTicks(svg, left, width, height, span) {
+  const ticks = !left ? 2 : span === 300 ? 5 : span === 60 ? 6 : 4;
+  for (let tick = ticks; tick >= 0; tick -= 1) {
+    const x = left + (1 - tick / ticks) * (width - left), ago = (span * tick) / ticks;
+    const anchor = tick === ticks ? "start" : tick ? "middle" : "end";
+    svg.append(element("line", { class: "tick", x1: x, x2: x, y1: 0, y2: height - FOOT }),
+      element("text", { class: "tick-name", x, y: height - 6, "text-anchor": anchor },
+        !ago ? "now" : ago % 60 ? `${ago} s ago` : `${ago / 60} min ago`));
+  }
+}
 
 export function drawStrip(place, changes, gaps, now, span) {
   const width = Math.max(place.clientWidth, 280);
@@ -66,21 +81,15 @@ export function drawStrip(place, changes, gaps, now, span) {
   const from = now - span, scale = (width - left) / span;
   const svg = element("svg", { viewBox: `0 0 ${width} ${height}`, role: "img" });
   const spoken = [], silent = [...gaps, ...silences(changes)];
-  const ticks = !left ? 2 : span === 300 ? 5 : span === 60 ? 6 : 4;
-  for (let tick = ticks; tick >= 0; tick -= 1) {
-    const x = left + (1 - tick / ticks) * (width - left), ago = (span * tick) / ticks;
-    svg.append(element("line", { class: "tick", x1: x, x2: x, y1: 0, y2: height - FOOT }));
-    svg.append(element("text", { class: "tick-name", x, y: height - 6, "text-anchor": tick === ticks ? "start" : tick ? "middle" : "end" },
-      !ago ? "now" : ago % 60 ? `${ago} s ago` : `${ago / 60} min ago`));
-  }
+  drawTicks(svg, left, width, height, span);
   LANES.forEach(([key, name], index) => {
     const y = index * pitch + (left ? 0 : 16);
     svg.append(element("text", { class: "lane-name", x: 0, y: left ? y + 17 : y - 4 }, name));
     const found = pieces(key, changes, OF_STATUS.includes(key) ? silent : gaps, from, now);
     for (const piece of found) svg.append(segment(piece, left + (piece.from - from) * scale, y, (piece.to - piece.from) * scale));
     const bad = found.filter((piece) => piece.level === "bad").length;
-    spoken.push(`${name}: ${found.length ? found[found.length - 1].words : "unknown"}${bad ? `, bad ${bad} times` : ""}`);
+    spoken.push(`${name}: ${found.length ? found[found.length - 1].words : "unknown"}${bad ? `, bad ${times(bad)}` : ""}`);
   });
-  svg.setAttribute("aria-label", `The last ${span / 60} minutes. ${spoken.join(". ")}.`);
+  svg.setAttribute("aria-label", `${title(span)}. ${spoken.join(". ")}.`);
   place.replaceChildren(svg);
 }
