@@ -13,13 +13,15 @@ QUIET_DATA = bytes(32)  # the machine controller's, when it speaks again
 
 
 class Fault(NamedTuple):
-    """`what` is done; `state` names it while it lasts, and is empty for what is over at once. `act` gets whether to begin."""
+    """`what` is done; `state` names it while it lasts, and is empty for what is over at once. `act` gets whether to begin; the
+    faults in `mends` are over with it."""
 
     name: str
     link: str
     what: str
     state: str
     act: Callable[[Installation, bool], object]
+    mends: tuple[str, ...] = ()
 
 
 def lossy(bench: Installation, on: bool) -> None:
@@ -104,7 +106,7 @@ FAULTS = (
     Fault("coil", "gpio", "break the relay's coil", "relay without a coil",
           lambda bench, on: setattr(bench.relay, "dead_coil", on)),
     Fault("pause", "server", "stop the server's process", "server stopped", paused),
-    Fault("restart", "server", "kill the server and start it again", "", restarted),
+    Fault("restart", "server", "kill the server and start it again", "", restarted, mends=("pause",)),
 )
 
 
@@ -120,18 +122,21 @@ class Faults:
     def __getitem__(self, name: str) -> Fault:
         return self._known[name]
 
-    def press(self, name: str) -> None:
-        """Begins it, or ends it when it is on."""
+    def press(self, name: str) -> str:
+        """Begins it, or ends it when it is on; returns why that could not be done, or nothing."""
         fault = self._known[name]
         begin = name not in self.on
         self.note = fault.what
         try:
             fault.act(self._bench, begin)
         except (AssertionError, OSError) as error:  # a fault that does not fit another one that is on
-            self.note += f": {str(error).splitlines()[0]}"
-            return
+            reason = (str(error) or type(error).__name__).splitlines()[0]
+            self.note += f": {reason}"
+            return reason
+        self.on.difference_update(fault.mends)
         if fault.state:
             self.on ^= {name}
+        return ""
 
     @property
     def states(self) -> list[str]:

@@ -127,15 +127,17 @@ class WebBench:
     def agent_port(self) -> int:
         return self._agent_socket.getsockname()[1]
 
-    def press(self, name: str) -> bool:
-        """Begins or ends a fault; false while no installation stands that it could hit."""
+    def press(self, name: str) -> str:
+        """Begins or ends a fault; returns why it could not, or nothing."""
         with self._lock:
             if self.faults is None:
-                return False
-            self.faults.press(name)
-            over = self.faults[name].state and name not in self.faults.on
-            self.feed.tell("fault", self.faults.note + (" (over)" if over else ""))
-            return True
+                return "no installation stands at the moment"
+            if self.playing is not None:
+                return "what is playing is not to be disturbed"
+            what = self.faults[name].what + (" (over)" if name in self.faults.on else "")
+            reason = self.faults.press(name)
+            self.feed.tell("fault", f"{what}: {reason}" if reason else what)
+            return reason
 
     def begin(self, scene: str) -> None:
         """Lays a fresh installation, for a scene or for NORMAL operation."""

@@ -56,16 +56,16 @@ class Handler(BaseHTTPRequestHandler):
             self.send_error(HTTPStatus.FORBIDDEN)
             return
         _, _, what, name = (urlsplit(self.path).path.split("/", 3) + ["", "", ""])[:4]
-        known = {"fault": {fault.name for fault in FAULTS}, "scene": {NORMAL, *self.bench.scenes, *(STALL + name for name in STALLS)}}
+        known = {"fault": {fault.name for fault in FAULTS},
+                 "scene": {NORMAL, *self.bench.scenes, *(STALL + stall for stall in STALLS)}}
         if name not in known.get(what, ()):
             self.send_error(HTTPStatus.NOT_FOUND)
         elif what == "scene":
             self.bench.begin(name)
             self._json({"begun": name})
-        elif self.bench.press(name):
-            self._json(self._state())
         else:
-            self.send_error(HTTPStatus.CONFLICT, "no installation stands at the moment")
+            reason = self.bench.press(name)
+            self._json({"reason": reason}, HTTPStatus.CONFLICT if reason else HTTPStatus.OK)
 
     def log_message(self, format: str, *args: object) -> None:
         """Requests are not told."""
@@ -79,20 +79,18 @@ class Handler(BaseHTTPRequestHandler):
         self.send_error(HTTPStatus.FORBIDDEN)
         return False
 
-    def _answer(self, body: bytes, kind: str, **headers: str) -> None:
-        self.send_response(HTTPStatus.OK)
+    def _answer(self, body: bytes, kind: str, status: HTTPStatus = HTTPStatus.OK) -> None:
+        self.send_response(status)
         self.send_header("Content-Type", kind)
         self.send_header("Content-Length", str(len(body)))
         self.send_header("Cache-Control", "no-store")
         self.send_header("Content-Security-Policy", "default-src 'self'; frame-src http://127.0.0.1:* http://localhost:*; "
                                                     "frame-ancestors 'none'")
-        for name, value in headers.items():
-            self.send_header(name.replace("_", "-"), value)
         self.end_headers()
         self.wfile.write(body)
 
-    def _json(self, value: object) -> None:
-        self._answer(json.dumps(value).encode(), "application/json")
+    def _json(self, value: object, status: HTTPStatus = HTTPStatus.OK) -> None:
+        self._answer(json.dumps(value).encode(), "application/json", status)
 
     def _state(self) -> dict:
         faults, outcome = self.bench.faults, self.bench.outcome

@@ -13,20 +13,29 @@ function make(name, text, attributes = {}) {
   return made;
 }
 
-async function post(path) {
-  const answer = await fetch(path, { method: "POST", headers: { "X-Bench": "1" } });
-  if (!answer.ok) get("said").textContent = `Not now: ${answer.statusText}`;
+// What was refused stands until something is done.
+function refuse(what, reason) {
+  get("refused").hidden = !reason;
+  get("refused").textContent = reason ? `Not done: ${what}. ${reason}` : "";
+}
+
+async function post(path, what) {
+  try {
+    const answer = await fetch(path, { method: "POST", headers: { "X-Bench": "1" } });
+    refuse(what, answer.ok ? "" : (await answer.json()).reason);
+  } catch {
+    refuse(what, "The bench does not answer.");
+  }
 }
 
 function lay(state) {
-  get("unit").src = `${location.protocol}//${location.hostname}:${state.agent}/`;
   for (const [link, title] of Object.entries(LINKS)) {
     const group = make("fieldset");
     group.append(make("legend", title));
     for (const fault of state.faults.filter((each) => each.link === link)) {
       const button = make("button", fault.what, { type: "button", "data-fault": fault.name });
       if (fault.lasts) button.setAttribute("aria-pressed", "false");
-      button.onclick = () => post(`/bench/fault/${fault.name}`);
+      button.onclick = () => post(`/bench/fault/${fault.name}`, fault.what);
       group.append(button);
     }
     get("faults").append(group);
@@ -34,24 +43,38 @@ function lay(state) {
   for (const scene of state.scenes) get("scene").append(make("option", scene.title, { value: scene.name }));
   for (const stall of state.stalls) {
     const button = make("button", stall.title, { type: "button", "data-stall": stall.name });
-    button.onclick = () => post(`/bench/scene/${stall.name}`);
+    button.onclick = () => post(`/bench/scene/${stall.name}`, stall.title);
     get("stalls").append(button);
   }
-  get("begin").onclick = () => post(`/bench/scene/${get("scene").value}`);
+  get("begin").onclick = () => post(`/bench/scene/${get("scene").value}`, get("scene").selectedOptions[0].text);
 }
 
 function show(state) {
+  const page = `${location.protocol}//${location.hostname}:${state.agent}/`;
+  if (get("unit").src !== page) get("unit").src = page;
   for (const fault of state.faults) {
     const button = document.querySelector(`[data-fault="${fault.name}"]`);
     if (fault.lasts) button.setAttribute("aria-pressed", String(fault.on));
     button.disabled = !state.stands || state.playing !== null;
   }
+  for (const button of document.querySelectorAll("#begin, [data-stall]")) button.disabled = false;
   const title = [...state.scenes, ...state.stalls].find((scene) => scene.name === state.playing)?.title ?? "Normal operation";
   const broken = state.faults.filter((fault) => fault.lasts && fault.on).map((fault) => fault.what).join(", ");
-  const said = !state.stands ? "Laying a fresh installation" : state.playing !== null ? `Playing: ${title}`
+  say(!state.stands ? "Laying a fresh installation" : state.playing !== null ? `Playing: ${title}`
     : broken ? `✕ broken at a click: ${broken}`
-    : state.outcome ? `${state.outcome.ok ? "✓" : "✕"} ${state.outcome.text}` : "Ready";
-  if (get("said").textContent !== said) get("said").textContent = said;
+    : state.outcome ? `${state.outcome.ok ? "✓" : "✕"} ${state.outcome.text}` : "Ready");
+}
+
+function say(text) {
+  if (get("said").textContent !== text) get("said").textContent = text;
+}
+
+// Nobody is there who would do what a button says, and nobody knows what is broken.
+function lose() {
+  get("gone").hidden = false;
+  say("The bench has ended");
+  for (const button of document.querySelectorAll("main button")) button.disabled = true;
+  for (const button of document.querySelectorAll("[aria-pressed]")) button.removeAttribute("aria-pressed");
 }
 
 function row(item) {
@@ -75,14 +98,21 @@ function take(items) {
   while (body.rows.length > MOST_ROWS) body.lastChild.remove();
 }
 
-const state = await (await fetch("/bench/state")).json();
-lay(state);
-show(state);
-const stream = new EventSource("/bench/packets");
-stream.onmessage = (event) => {
+// A stream begins with everything that the bench still has: of another bench, or told once more.
+function begin() {
   get("gone").hidden = true;
-  const data = JSON.parse(event.data);
-  take(data.items);
-  show(data.state);
+  held = [];
+  get("packets").tBodies[0].replaceChildren();
+}
+
+let laid = false;
+const stream = new EventSource("/bench/packets");
+stream.onopen = begin;
+stream.onerror = lose;
+stream.onmessage = (event) => {
+  const { items, state } = JSON.parse(event.data);
+  if (!laid) lay(state);
+  laid = true;
+  take(items);
+  show(state);
 };
-stream.onerror = () => { get("gone").hidden = false; };
