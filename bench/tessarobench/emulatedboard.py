@@ -26,6 +26,7 @@ from .closing import Closing
 from .emulator import DRIVE_PIN, HOST_ADDRESSES, MONITOR_PIN, Emulator
 from .installation import Peers
 from .journal import Journal
+from .network import Cable
 from .relay import Relay
 from .serverprocess import ServerProcess, Usage
 
@@ -123,21 +124,12 @@ class GuestServer(ServerProcess):
         self._note("ended", status=self.exit_status)
 
 
-class GuestInterface:
+class GuestInterface(Cable):
     """One of the networks on the board's eth0. The cable is one for both."""
 
     def __init__(self, emulator: Emulator, journal: Journal, address: str, far_address: str):
-        self.name, self.address, self.far_address = "eth0", address, far_address
-        self._emulator, self._journal = emulator, journal
-
-    @property
-    def host(self) -> str:
-        return self.address.split("/")[0]
-
-    @property
-    def far_host(self) -> str:
-        """The peers' address on this network."""
-        return self.far_address.split("/")[0]
+        super().__init__(address, far_address)
+        self.name, self._emulator, self._journal = "eth0", emulator, journal
 
     def unplug(self) -> None:
         """Pulls the cable: the board's network driver sees the carrier go."""

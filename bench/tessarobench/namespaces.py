@@ -13,7 +13,9 @@ import errno
 import os
 import queue
 import signal
+import sys
 import threading
+from pathlib import Path
 from typing import Any, Callable, Optional
 
 CLONE_NEWNS, CLONE_NEWUSER, CLONE_NEWPID, CLONE_NEWNET = 0x00020000, 0x10000000, 0x20000000, 0x40000000
@@ -22,6 +24,7 @@ MS_NOSUID, MS_NODEV, MS_NOEXEC = 0x2, 0x4, 0x8
 MNT_DETACH = 2
 _PR_SET_PDEATHSIG = 1
 _SANDBOX_MARK = "TESSARO_SANDBOX"
+_SANDBOX = Path(__file__).resolve().parents[1] / "sandbox"
 _PASSED_ON, _FROM_TERMINAL = [signal.SIGTERM, signal.SIGHUP], [signal.SIGINT, signal.SIGQUIT]
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -56,6 +59,13 @@ def unmount(target: str) -> None:
 
 def in_sandbox() -> bool:
     return os.environ.get(_SANDBOX_MARK) == "1"
+
+
+def begin_in_sandbox() -> None:
+    """Has the running program begin anew in a private world, unless it is in one."""
+    if not in_sandbox():
+        program = os.path.realpath(sys.modules["__main__"].__file__)
+        os.execv(_SANDBOX, [str(_SANDBOX), sys.executable, program, *sys.argv[1:]])
 
 
 def enter_sandbox(command: list[str]) -> int:

@@ -51,30 +51,36 @@ def _running(name: str) -> bool:
     return bool(struct.unpack("16sh22x", answer)[1] & _IFF_RUNNING)
 
 
-class Interface:
-    """One interface of the board and the far end of its cable.
+class Cable:
+    """Two ends. `address`, that of the board, and `far_address`, that of the peers, are "a.b.c.d/length"."""
 
-    `address` and `far_address` are "a.b.c.d/length". With `multicast`, multicast leaves through this interface.
-    `numbers` are those of the devices that have been this interface, the newest one last.
-    """
+    def __init__(self, address: str, far_address: str):
+        self.address, self.far_address = address, far_address
 
-    def __init__(self, name: str, address: str, far_address: str, multicast: bool = False):
-        self.name, self.address, self.far_address, self.multicast = name, address, far_address, multicast
-        self.numbers: list[int] = []
-        self._indexes: Iterator[int] = iter(())
-        self._board: Optional[World] = None
-        self._far: Optional[World] = None
-        self._journal: Optional[Journal] = None
-        self._loop: Optional[Loop] = None
+    @property
+    def host(self) -> str:
+        return self.address.split("/")[0]
 
     @property
     def far_host(self) -> str:
         """The peers' address on this network."""
         return self.far_address.split("/")[0]
 
-    @property
-    def host(self) -> str:
-        return self.address.split("/")[0]
+
+class Interface(Cable):
+    """One interface of the board and the far end of its cable. With `multicast`, multicast leaves through this interface.
+    `numbers` are those of the devices that have been this interface, the newest one last.
+    """
+
+    def __init__(self, name: str, address: str, far_address: str, multicast: bool = False):
+        super().__init__(address, far_address)
+        self.name, self.multicast = name, multicast
+        self.numbers: list[int] = []
+        self._indexes: Iterator[int] = iter(())
+        self._board: Optional[World] = None
+        self._far: Optional[World] = None
+        self._journal: Optional[Journal] = None
+        self._loop: Optional[Loop] = None
 
     def attach(self, board: World, far: World, loop: Loop, journal: Journal, indexes: Iterator[int]) -> None:
         """Says where the two ends lie; `indexes` yields the numbers of the board's devices."""

@@ -4,6 +4,7 @@ import pytest
 
 from controllerlink import (LINK_ERROR, OPERATIONAL, SET, answered, identify, linked, start_link, wait_count,
                             wait_reported, with_emap)
+from tessarobench.network import Interface
 
 __all__ = ["linked"]  # a fixture
 
@@ -24,24 +25,15 @@ def new_acknowledgement(bench, since):
         commands.cancel()
 
 
-def test_eth0_down_and_up(linked):
+@pytest.mark.parametrize("lose, give_back", [(Interface.down, Interface.up), (Interface.unplug, Interface.plug)],
+                         ids=["eth0 down and up", "the cable pulled and plugged"])
+def test_the_link_comes_back_with_the_network(linked, lose, give_back):
     bench = linked
-    bench.eth0.down()
+    lose(bench.eth0)
     wait_reported(bench, LINK_ERROR)
     since = bench.journal.mark()
-    bench.eth0.up()
+    give_back(bench.eth0)
     wait_count(bench, "VRPI", since=since, timeout=2)  # the next period finds the interface
-    new_acknowledgement(bench, since)
-    wait_reported(bench, OPERATIONAL, timeout=8)
-
-
-def test_the_cable_is_pulled_and_plugged(linked):
-    bench = linked
-    bench.eth0.unplug()
-    wait_reported(bench, LINK_ERROR)
-    since = bench.journal.mark()
-    bench.eth0.plug()
-    wait_count(bench, "VRPI", since=since)
     new_acknowledgement(bench, since)
     wait_reported(bench, OPERATIONAL, timeout=8)
 

@@ -8,9 +8,6 @@ REMOTES_COLUMNS = ("ruindex", "RUID", "PKY1", "PKY2", "PKY3", "PKY4")
 
 def check_remotes(root, report):
     path = root / REMOTES_FILE
-    if not path.exists():
-        report.add(path, 1, 1, "missing file")
-        return
     table = read_table(path, report)
     if table is None:
         return

@@ -61,8 +61,11 @@ def cells_of(line):
     return cells
 
 
-def read_table(path, report):
-    """The table in a file, or None when it has no two header lines."""
+def read_table(path, report, what=""):
+    """The table in a file, or None when there is no such file (`what` says which that is) or it has no two header lines."""
+    if not path.exists():
+        report.add(path, 1, 1, f"missing file ({what})" if what else "missing file")
+        return None
     text = files.text_of(path, report)
     if text is None:
         return None

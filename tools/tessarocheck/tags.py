@@ -68,10 +68,7 @@ def check_tags(root, report, keys, image_bytes):
     names = {}
     for tag_file in TAG_FILES:
         path = root / tag_file.path
-        if not path.exists():
-            report.add(path, 1, 1, f"missing file ({tag_file.what})")
-            continue
-        table = read_table(path, report)
+        table = read_table(path, report, tag_file.what)
         if table is None:
             continue
         judged = expect_columns(table, TAG_COLUMNS, TAG_COLUMNS_NEEDED, report)

@@ -77,19 +77,12 @@ void TestGLinkConnectionTurns::messageDoesNotOvertakeOneThatMissedItsTurn()
     FakeFallbackLink fallback;
     GLinkConnection five(5, &fallback, nullptr, nullptr);
     GLinkConnection six(6, &fallback, nullptr, nullptr);
-    five.initChannel(&fallback);
-    six.initChannel(&fallback);
-    five.enqueueMessage(Command, "five 1", false);
-    const quint32 firstOfFive = fallback.sent.lastRefNr();
-    five.enqueueMessage(Command, "five 2", false);
-    six.enqueueMessage(Command, "six 1", false);
-    six.enqueueMessage(Command, "six 2", false);
-    five.messageSent(firstOfFive);
-    five.enqueueMessage(Command, "five 3", prepend);
-    QCOMPARE(fallback.sent.texts(), (QStringList{"3:five 1", "3:six 1", "3:six 2", "3:five 2"}));
+    missTurn(five, six, fallback, Command);
+    five.enqueueMessage(Command, "newer", prepend);
+    QCOMPARE(fallback.sent.texts(), (QStringList{"3:first", "3:other 1", "3:other 2", "3:waits"}));
 
     five.messageSent(fallback.sent.lastRefNr());
-    QCOMPARE(fallback.sent.texts().last(), QString("3:five 3"));
+    QCOMPARE(fallback.sent.texts().last(), QString("3:newer"));
 }
 
 // Sent ahead of them, the newer values would be overtaken by the older ones.
