@@ -174,6 +174,12 @@ class Peers:
         finally:
             sender.cancel()
 
+    def let_pass(self, seconds: float) -> None:
+        """Waits until so much time has passed on the bench's clock, while everybody else goes on."""
+        over = []
+        self.loop.call(self.loop.later, seconds, lambda: over.append(True))
+        self.wait_for(lambda: over, seconds + 5, "the passing of time")
+
     # --- the way to normal operation -------------------------------------------------------------------------------
 
     def start(self, **options: Any) -> "Peers":

@@ -112,11 +112,7 @@ class Plant:
             sent = unit.command()
             bench.wait_for(lambda: sent.acked, 5)
         bench.api.get()
-        self._pause(1.0)  # more than any repetition of the internal link takes
-
-    def _pause(self, seconds: float) -> None:
-        until = self.bench.journal.now + seconds
-        self.bench.wait_for(lambda: self.bench.journal.now > until, seconds + 5, poll=0.1)
+        self.bench.let_pass(1.0)  # more than any repetition of the internal link takes
 
     def open_books(self, before: Optional[Books] = None) -> None:
         """When nothing is under way; `before` are the books that were closed last."""
@@ -126,5 +122,5 @@ class Plant:
     def close_books(self) -> list[Account]:
         """What became of everything. The controller is silent from now on, and its last set is with every unit."""
         self.bench.mc.silence()
-        self._pause(LAST_SET_SECONDS)
+        self.bench.let_pass(LAST_SET_SECONDS)
         return self.watch.close()

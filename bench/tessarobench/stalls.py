@@ -263,7 +263,7 @@ class Processors(Stall):
                                          "--timeout", "0"], start_new_session=True)
         with contextlib.suppress(FileNotFoundError):  # some kernels share the processors out among sessions first
             Path(f"/proc/{self._stress.pid}/autogroup").write_text(str(self.nice))
-        pause(self.bench, 0.2)
+        self.bench.let_pass(0.2)
 
     def end(self) -> None:
         end_group(self._stress)
@@ -283,7 +283,7 @@ class Memory(Stall):
 
     def begin(self) -> None:
         self._group.press()
-        pause(self.bench, 0.2)
+        self.bench.let_pass(0.2)
 
     def end(self) -> None:
         self.bench.server.kill()
@@ -337,16 +337,10 @@ class Flood(Stall):
             self._sender = subprocess.Popen(
                 [sys.executable, "-S", "-c", self._SENDER, str(sender.fileno()), self.request.decode(), LOOPBACK,
                  str(REQUEST_PORT)], pass_fds=[sender.fileno()], start_new_session=True)
-        pause(self.bench, 0.5)
+        self.bench.let_pass(0.5)
 
     def end(self) -> None:
         end_group(self._sender)
-
-
-def pause(bench: Installation, seconds: float) -> None:
-    """Lets the stall take hold."""
-    until = bench.journal.now + seconds
-    bench.wait_for(lambda: bench.journal.now >= until, seconds + 5, poll=0.02)
 
 
 def nice_allowed(nice: int) -> bool:

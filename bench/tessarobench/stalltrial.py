@@ -21,7 +21,7 @@ from .apiclient import REQUEST_PORT
 from .installation import APP, IDENTITY, KEYS, Installation
 from .journal import FROM_BASE_UNIT, TO_BASE_UNIT
 from .remotepaths import ADDRESS
-from .stalls import Stall, pause
+from .stalls import Stall
 
 ARMED, ARMED_STATE = 1001, 17
 NEVER_SECONDS = 3.0  # what has not happened by then, will not
@@ -96,7 +96,7 @@ class Trial:
     def begin(self) -> None:
         """The stall, and some time in it, so that the event hits any moment of the server's cycles."""
         self.stall.begin()
-        pause(self.bench, self._hold + self._random.uniform(0.0, 0.5))
+        self.bench.let_pass(self._hold + self._random.uniform(0.0, 0.5))
 
     def openings(self, mark: int) -> int:
         """How often the relay has opened since then: with a base controller that answers, each is a link lost."""

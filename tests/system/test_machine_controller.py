@@ -87,7 +87,7 @@ def test_each_enable_map(bench, emap):
     if not emap:
         bench.mc.cycle(SET)
         bench.mc.command(b"anybody?")
-        nothing_for(bench, 1.2)
+        bench.let_pass(1.2)
         assert reports(bench) == [NOT_CONFIGURED]
         return
 
@@ -97,16 +97,10 @@ def test_each_enable_map(bench, emap):
     bench.mc.command(b"hello")
     bench.mc.send_set(SET)
     wait_reported(bench, OPERATIONAL)
-    nothing_for(bench, 0.6)  # more than two periods of VRPI
+    bench.let_pass(0.6)  # more than two periods of VRPI
     assert (count(bench, "VRPI") > 0) == bool(emap & 1)
     assert (count(bench, "VRAI") > 0) == bool(emap & 2)
     assert [state for state in reports(bench) if state != NOT_CONFIGURED] in (first, [OPERATIONAL])
-
-
-def nothing_for(bench, seconds):
-    """Lets time pass in which something might happen that must not."""
-    until = bench.journal.now + seconds
-    bench.wait_for(lambda: bench.journal.now >= until, seconds + 5, poll=0.05)
 
 
 def test_emap_256_starts_a_link_in_which_nothing_is_enabled(bench):
@@ -114,7 +108,7 @@ def test_emap_256_starts_a_link_in_which_nothing_is_enabled(bench):
     start_link(bench)
     bench.mc.cycle(SET)
     bench.mc.command(b"anybody?")
-    nothing_for(bench, 1.2)
+    bench.let_pass(1.2)
     assert count(bench, "VRPI") == count(bench, "VRAI") == 0
     assert reports(bench) == [NOT_CONFIGURED]
 
@@ -149,7 +143,7 @@ def test_the_first_complete_set_makes_the_link_operational(bench):
     bench.server.wait_log("Initializing EGLink, datasize 1240 bytes", whole=True)
     wait_reported(bench, LINK_ERROR)
     serial = bench.mc.send_set(LONG_SET, order=[0, 2])
-    nothing_for(bench, 0.6)
+    bench.let_pass(0.6)
     assert reported(bench) == LINK_ERROR
     bench.mc.send_set(LONG_SET, order=[1], serial=serial)
     wait_reported(bench, OPERATIONAL)
@@ -166,7 +160,7 @@ def test_torn_and_repeated_parts_are_told_and_complete_nothing(bench):
     bench.server.wait_log("Duplicate partial VRPO received.", whole=True)
     bench.mc.send_part(3, b"beyond the last")
     bench.server.wait_log("Out of range VRPO subpacket index received, ignored. ( 3 )", whole=True)
-    nothing_for(bench, 0.6)
+    bench.let_pass(0.6)
     assert reported(bench) == LINK_ERROR
     bench.mc.send_set(LONG_SET, order=[2, 1, 0])
     wait_reported(bench, OPERATIONAL)
@@ -179,7 +173,7 @@ def test_without_a_size_no_set_ever_completes(bench):
     bench.server.wait_log("Initializing EGLink, datasize 0 bytes", whole=True)
     bench.mc.cycle(SET)
     bench.server.wait_log("Out of range VRPO subpacket index received, ignored. ( 0 )", whole=True)
-    nothing_for(bench, 1.2)
+    bench.let_pass(1.2)
     assert [state for state in reports(bench) if state != NOT_CONFIGURED] == [LINK_ERROR]
 
 
@@ -198,7 +192,7 @@ def test_silence_gives_link_error_and_the_link_recovers_five_seconds_after_the_l
     bench.server.wait_log("Periodic data timer expired. 2", whole=True)  # the second expiry, still silent
     back = bench.journal.now
     bench.mc.cycle(SET)
-    nothing_for(bench, 4.0)
+    bench.let_pass(4.0)
     assert reported(bench) == LINK_ERROR  # good data do not shorten the wait
     wait_reported(bench, OPERATIONAL)
     assert 4.7 < bench.journal.now - back < 6.2

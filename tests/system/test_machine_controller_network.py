@@ -11,11 +11,6 @@ __all__ = ["linked"]  # a fixture
 CHECK_SECONDS = 2.0  # how often the link looks for its interface
 
 
-def pause(bench, seconds):
-    until = bench.journal.now + seconds
-    bench.wait_for(lambda: bench.journal.now >= until, seconds + 5, poll=0.05)
-
-
 def new_acknowledgement(bench, since):
     """Sends a command now and then until one is acknowledged."""
     commands = bench.loop.call(bench.loop.every, 0.2, lambda: bench.mc.command(b"alive?"))
@@ -103,7 +98,7 @@ def test_an_outage_costs_next_to_nothing(linked, outage):
     before = bench.server.usage()
     since = len(bench.server.log)
     getattr(bench.eth0, outage)()
-    pause(bench, 2.5)
+    bench.let_pass(2.5)
     after = bench.server.usage()
     assert after.cpu_seconds - before.cpu_seconds < 0.25
     assert after.descriptors <= before.descriptors

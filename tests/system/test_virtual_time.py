@@ -34,11 +34,6 @@ def virtual_bench(server_path, library):
         laid.loop.raise_failure()
 
 
-def let_pass(bench, seconds):
-    until = bench.journal.now + seconds
-    bench.wait_for(lambda: bench.journal.now >= until, seconds + 1)
-
-
 @pytest.fixture(scope="module")
 def waits_program(tmp_path_factory):
     program = tmp_path_factory.mktemp("virtualwaits") / "virtualwaits"
@@ -60,7 +55,7 @@ def test_a_link_is_held_for_an_hour_in_far_less(virtual_bench):
     virtual_bench.start_to_run()
     began, log = time.monotonic(), len(virtual_bench.server.log)
     before = virtual_bench.journal.now
-    let_pass(virtual_bench, 3600)
+    virtual_bench.let_pass(3600)
     assert time.monotonic() - began < 360
     assert 3600 <= virtual_bench.journal.now - before < 3601
     assert virtual_bench.relay.closed
@@ -71,13 +66,13 @@ def test_no_deadline_passes_while_the_bench_is_held_up(virtual_bench):
     virtual_bench.start_to_run()
     log = len(virtual_bench.server.log)
     virtual_bench.loop.call(time.sleep, 0.5)  # three times what ends the link
-    let_pass(virtual_bench, 1)
+    virtual_bench.let_pass(1)
     assert virtual_bench.relay.closed and not virtual_bench.server.logged("Internal link fail", since=log)
 
 
 def test_the_server_stamps_its_log_with_the_time_that_the_bench_sees(virtual_bench):
     virtual_bench.start_to_run()
-    let_pass(virtual_bench, 100)
+    virtual_bench.let_pass(100)
     virtual_bench.bc.set(bu_state=17)
     virtual_bench.server.wait_log("BU State changed to")
     stamp = virtual_bench.server.log[-1].stamp
@@ -88,7 +83,7 @@ def test_the_same_run_takes_the_same_virtual_time(server_path, library):
     def times():
         with Installation(server_path, virtual_time=library) as bench:
             bench.start_to_run()
-            let_pass(bench, 1)
+            bench.let_pass(1)
             muted = bench.journal.now
             bench.bc.mute()
             bench.wait_for(lambda: not bench.relay.closed)
