@@ -29,7 +29,8 @@ class ApiClient:
     """Takes over a UDP socket made on the base unit's own loopback interface.
 
     `reply_port` is another one where an agent owns the port of the answers and passes them on.
-    `status` is the newest status object, `notifies` counts the "NOTIFY" replies, `statuses` the status objects.
+    `status` is the newest status object, `notifies` counts the "NOTIFY" replies, `statuses` the status objects. What is neither
+    is an exception, unless it `bears_damage`.
     """
 
     def __init__(self, loop: Loop, udp: socket.socket, journal: Journal, reply_port: int = REPLY_PORT):
@@ -37,6 +38,7 @@ class ApiClient:
         self.status: dict[str, str] = {}
         self.statuses = self.notifies = 0
         self._came_at = 0.0  # the newest status object
+        self.bears_damage = False
         udp.setblocking(False)
         udp.bind((LOOPBACK, reply_port))
         loop.call(loop.watch, udp, self._readable)
@@ -92,7 +94,13 @@ class ApiClient:
             self.notifies += 1
             self._journal.add(LINK, FROM_BASE_UNIT, "notify", datagram)
             return
-        new = status_object(datagram)
+        try:
+            new = status_object(datagram)
+        except (ValueError, RecursionError):
+            self._journal.add(LINK, FROM_BASE_UNIT, "damaged", datagram)
+            if self.bears_damage:
+                return
+            raise
         changed = {key: value for key, value in new.items() if self.status.get(key) != value}
         self.status = new
         self.statuses += 1

@@ -109,7 +109,7 @@ class Soak:
             samples.append(Sample(clock.monotonic() - self._began, bench.server.usage()))
 
         sampler = bench.loop.call(bench.loop.every, period, look)
-        self._pause(OPENING / self._pace)
+        self.bench.let_pass(OPENING / self._pace)
         faults = (self._mute_controller, self._lose_network, self._reconnect, self._damage_stream,
                   self._silence_machine_controller, self._slow_unit)
         while clock.monotonic() - began < seconds:
@@ -118,21 +118,16 @@ class Soak:
             self.faults[name] = self.faults.get(name, 0) + 1
             self._say(f"{clock.monotonic() - self._began:8.1f} s  {name}")
             fault()
-            self._pause(self._random.uniform(*PAUSE) / self._pace)
+            self.bench.let_pass(self._random.uniform(*PAUSE) / self._pace)
         sampler.cancel()
         bench.loop.call(look)
         return samples
-
-    def _pause(self, seconds: float) -> None:
-        over: list[bool] = []
-        self.bench.loop.call(self.bench.loop.later, seconds, lambda: over.append(True))
-        self.bench.wait_for(lambda: over, seconds + 5, "time passes")
 
     def _mute_controller(self) -> None:
         bench, log = self.bench, len(self.bench.server.log)
         bench.bc.mute()
         bench.wait_for(lambda: not bench.relay.closed, 5, "the relay opens")
-        self._pause(self._random.uniform(0, 1))
+        self.bench.let_pass(self._random.uniform(0, 1))
         bench.bc.mute(False)
         bench.server.wait_log("RUN", 10, since=log, whole=True)
 
@@ -145,7 +140,7 @@ class Soak:
             unit.join_fallback()
             if self._within(2, lambda: unit.joins > joins):
                 break
-        self._pause(self._random.uniform(0.5, 2))
+        self.bench.let_pass(self._random.uniform(0.5, 2))
         self._back(unit)
 
     def _reconnect(self) -> None:
@@ -168,12 +163,12 @@ class Soak:
 
     def _silence_machine_controller(self) -> None:
         self.plant.controller_talks = False
-        self._pause(self._random.uniform(0.5, 3))
+        self.bench.let_pass(self._random.uniform(0.5, 3))
         self.plant.controller_talks = True
 
     def _slow_unit(self) -> None:
         self._restless.ack_delay = 0.1
-        self._pause(1)
+        self.bench.let_pass(1)
         self._restless.ack_delay = 0.0
 
     def _within(self, seconds: float, condition: Callable[[], bool]) -> bool:

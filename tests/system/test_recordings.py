@@ -6,8 +6,8 @@ import struct
 import pytest
 
 from recordings_support import RECORDINGS, REMOTE_UNIT, START, pcap
-from tessarobench import captureread, glink
-from tessarobench.answers import END, Answer
+from tessarobench import captureread, glink, internallink as il
+from tessarobench.answers import API, END, Answer
 from tessarobench.board import EXAMPLES
 from tessarobench.capturefile import CaptureFile
 from tessarobench.captureread import read
@@ -307,6 +307,25 @@ def test_a_connection_that_nobody_answered_is_judged_without_the_internal_link_t
     conversation = Conversation(packet for packet in read(REMOTE_UNIT) if packet.interface in ("wlan0", "eth0"))
     conversation.answers = [answer for answer in conversation.answers if answer.channel[0] != "GLink, connection 1"]
     assert {"ack of INIT", "INITACK"} <= {difference.channel[1] for difference in played(conversation).differences}
+
+
+@pytest.mark.real_time("another program speaks in the server's place")
+def test_a_status_object_that_is_broken_is_different_and_no_traceback(tmp_path):
+    """And what comes behind it is heard."""
+    word = il.frame(il.Packet(il.TRANSPORT_ACK, 0, il.EVENTS, bytes([il.RESET])))
+    server = tmp_path / "tessaroserver"
+    server.write_text(f"""#!/usr/bin/python3
+import os, socket, time
+os.write(os.open("/dev/ttymxc0", os.O_RDWR | os.O_NOCTTY), {word!r})
+speaker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+for datagram in (b'{{"BU_STATE":', b"NOTIFY"):
+    speaker.sendto(datagram, ("127.0.0.1", 6251))
+time.sleep(60)
+""")
+    server.chmod(0o755)
+    judge = Player(Conversation(read(START)), server, None).run()
+    heard = [(difference.channel, difference.answered.value) for difference in judge.differences if difference.answered]
+    assert ((API, "status"), b'{"BU_STATE":') in heard and ((API, "reply"), b"NOTIFY") in heard
 
 
 def test_a_server_at_which_time_stands_still_is_different(played, monkeypatch):
