@@ -26,7 +26,6 @@ class History:
     def __init__(self):
         self.next_id = 1
         self._rings = {}
-        self._changed = False
 
     def add(self, change):
         """Gives the change its id; returns its bytes."""
@@ -39,7 +38,6 @@ class History:
         ring = self._rings.setdefault(change["key"],
                                       collections.deque(maxlen=KEEP_LOG if change["key"] == "log" else KEEP_EACH))
         ring.append((change["id"], change["time"], data))
-        self._changed = True
         return data
 
     def move(self, seconds):
@@ -49,7 +47,6 @@ class History:
                 change = json.loads(data)
                 change.update({key: change[key] + seconds for key in ("time", "last") if is_time(change.get(key))})
                 ring[place] = number, when + seconds, encoded(change)
-        self._changed = True
 
     def select(self, after=0, since=0.0, limit=None):
         """The bytes of the entries behind an id and a time, oldest first; with `limit`, the newest so many."""
@@ -121,8 +118,3 @@ class History:
             file.flush()
             os.fsync(file.fileno())
         os.replace(temporary, path)
-        self._changed = False
-
-    @property
-    def changed(self):
-        return self._changed
