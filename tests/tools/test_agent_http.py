@@ -69,6 +69,13 @@ def test_a_foreign_name_that_points_here_is_refused(agent):
     assert agent.get("/api/status", Host=f"localhost:{agent.port}")[0] == 200
 
 
+def test_a_foreign_page_holds_no_stream(agent):
+    """It could not read it, and would take the room of those who can."""
+    request = f"GET /api/events HTTP/1.1\r\nHost: {HOST}\r\nOrigin: http://evil.example\r\n\r\n"
+    assert status_of(agent, request.encode()) == 403
+    assert agent.get("/api/status", Origin=f"http://{HOST}:{agent.port}")[0] == 200
+
+
 def test_the_page_lets_in_nothing_foreign(agent):
     headers = agent.get("/")[1]
     assert "default-src 'self'" in headers["Content-Security-Policy"]

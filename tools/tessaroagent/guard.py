@@ -89,7 +89,7 @@ class Guard:
         if self._token is None and host not in LOCAL_NAMES and not is_loopback(host):
             raise web.HTTPForbidden(text="not by this name\n")  # a foreign name that points here: somebody else's page
         origin = request.headers.get("Origin")
-        if request.method != "GET" and origin is not None and parts(origin).netloc != request.headers.get("Host"):
+        if origin is not None and parts(origin).netloc != request.headers.get("Host"):
             raise web.HTTPForbidden(text="not from this page\n")
         if request.path not in self._open_paths and not self.knows(request):
             raise web.HTTPUnauthorized(text="a token is needed\n", headers={"WWW-Authenticate": 'Bearer realm="tessaro"'})
