@@ -47,7 +47,7 @@ class ApiClient:
         """Sends any datagram to the API's port."""
         self._loop.call(self._send, datagram)
 
-    def get(self, timeout: float = 2.0) -> dict[str, str]:
+    def get(self, timeout: Optional[float] = None) -> dict[str, str]:
         """Asks for the status object and waits for the next one that comes."""
         before = self.statuses
         self.send(b"GET")

@@ -108,7 +108,7 @@ class Board(Closing):
         """Runs `action` in the board's world, where paths such as /dev/ttymxc0 mean the board's."""
         return self._world.run(action, *args)
 
-    def wait_for(self, predicate: Callable[[], Any], timeout: float = 5.0, what: str = "", poll: float = 0) -> Any:
+    def wait_for(self, predicate: Callable[[], Any], timeout: Optional[float] = None, what: str = "", poll: float = 0) -> Any:
         """See Loop.wait_for."""
         return self.loop.wait_for(predicate, timeout, what, poll)
 

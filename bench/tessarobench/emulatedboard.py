@@ -75,7 +75,7 @@ class GuestServer(ServerProcess):
         self._lay_files()
         self._pid, self.log, self.exit_status = None, [], None
         self._console.run("start")
-        self._loop.wait_for(lambda: self._pid, 30, "the server's process id")
+        self._loop.wait_for(lambda: self._pid, 120, "the server's process id")
         return self
 
     @property
@@ -96,12 +96,12 @@ class GuestServer(ServerProcess):
         if self._pid:
             self.wait_exit(30.0)
 
-    def wait_listening(self, kind: int, port: int, timeout: float = 30.0) -> None:
+    def wait_listening(self, kind: int, port: int, timeout: float = 120.0) -> None:
         udp = kind == socket.SOCK_DGRAM
         listening = f"grep -q ':{port:04X} 00000000:0000 {'07' if udp else '0A'}' /proc/net/{'udp' if udp else 'tcp'}"
         self._console.run(f"until {listening}; do sleep 0.1; done", timeout)
 
-    def wait_threads(self, most: int, timeout: float = 30.0) -> None:
+    def wait_threads(self, most: int, timeout: float = 120.0) -> None:
         """Waits until the server has no more threads than that."""
         self._console.run(f"while [ $(ls /proc/{self.pid}/task | wc -l) -gt {most} ]; do sleep 0.1; done", timeout)
 
@@ -144,7 +144,7 @@ class GuestInterface(Cable):
         """Whether the board's driver sees a carrier."""
         return self._emulator.console.run("cat /sys/class/net/eth0/carrier").strip() == "1"
 
-    def wait_carrier(self, timeout: float = 30.0) -> None:
+    def wait_carrier(self, timeout: float = 120.0) -> None:
         self._emulator.console.run("until [ $(cat /sys/class/net/eth0/carrier) = 1 ]; do sleep 0.1; done", timeout)
 
     def change_address(self, address: str) -> None:
@@ -206,7 +206,7 @@ class EmulatedBoard(Closing):
         """A socket that takes the board's loopback interface for its own. It needs the cable plugged."""
         return self.emulator.peers.run(_LoopbackSocket, family, kind)
 
-    def wait_for(self, predicate: Callable[[], Any], timeout: float = 30.0, what: str = "", poll: float = 0) -> Any:
+    def wait_for(self, predicate: Callable[[], Any], timeout: float = 120.0, what: str = "", poll: float = 0) -> Any:
         """See Loop.wait_for; the board is slower than this machine, hence the longer bound."""
         return self.loop.wait_for(predicate, timeout, what, poll)
 

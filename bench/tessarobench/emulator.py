@@ -24,8 +24,9 @@ from .loop import Loop, Timer
 from .namespaces import World
 from .network import ip, without_ipv6
 from .serialline import SerialLine
+from .virtualtime import cpu_clock
 
-BOOT_SECONDS = 120  # a board that has not booted by then never will
+BOOT_SECONDS = 400  # a board that has not booted by then never will
 MEMORY_MEGABYTES = 512
 NIC = "cable"
 HOST_ADDRESSES = ("10.42.20.2/24", "192.168.32.2/24")
@@ -130,7 +131,7 @@ class Console:
         self.listeners: dict[str, Callable[[str], None]] = {}
         self._line = SerialLine(loop, fd, LineReader(self._take).feed)
 
-    def run(self, command: str, timeout: float = 30.0) -> str:
+    def run(self, command: str, timeout: float = 120.0) -> str:
         """Lets the board's shell do one line, waits until it is done, returns its output."""
         number = self._loop.call(self._send, command)
         self._loop.wait_for(lambda: number in self._done, timeout, f"the board's answer to {command[:60]!r}")
@@ -183,7 +184,7 @@ class Pins:
 
     def _command(self, text: str) -> str:
         number = self._loop.call(self._send, text)
-        self._loop.wait_for(lambda: self._answered >= number, 30, f"the emulator's answer to {text!r}")
+        self._loop.wait_for(lambda: self._answered >= number, 120, f"the emulator's answer to {text!r}")
         assert self._reply.startswith("OK"), f"{text}: {self._reply}"
         return self._reply
 
@@ -215,7 +216,7 @@ class Control:
             self._replies.clear()
             self._line.write(json.dumps({"execute": command, "arguments": arguments}).encode() + b"\n")
         self._loop.call(send)
-        self._loop.wait_for(lambda: self._replies, 30, f"the emulator's answer to {command}")
+        self._loop.wait_for(lambda: self._replies, 120, f"the emulator's answer to {command}")
         reply = self._replies[0]
         assert "return" in reply, f"{command}: {reply}"
         return reply["return"]
@@ -302,6 +303,10 @@ class Emulator(Closing):
                 "-mon", "chardev=control,mode=control", "-object", "qtest,id=qtest,chardev=pins,log=/dev/null",
                 "-nic", f"tap,id={NIC},ifname=eth0,script=no,downscript=no",
                 "-drive", f"if=none,id=card,format=raw,file={card}", "-device", "sd-card,drive=card"]
+
+    def cpu_seconds(self) -> float:
+        """Processor time that the emulator has taken of the computer that it runs on."""
+        return time.clock_gettime(cpu_clock(self._process.pid))
 
     @staticmethod
     def _spawn(command: list[str], sockets: list[int]) -> subprocess.Popen:

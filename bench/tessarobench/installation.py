@@ -165,7 +165,7 @@ class Peers:
         table.save(self.applications / REMOTES)
         return [first + row for row in range(count)]
 
-    def show_tsaps(self, number: int, timeout: float = 10.0) -> None:
+    def show_tsaps(self, number: int, timeout: float = 30.0) -> None:
         """Sends this number in the process image, ten times a second at most, until the API shows it: whatever the link has
         gone through, it works again."""
         sender = self.loop.call(self.loop.every, 0.1, lambda: self.bc.idle and self.bc.set(tsaps=number))
@@ -187,7 +187,7 @@ class Peers:
         self.server.start(**options)
         return self
 
-    def start_to_run(self, timeout: float = 5.0) -> "Peers":
+    def start_to_run(self, timeout: Optional[float] = None) -> "Peers":
         """Starts the server beside a willing base controller and a local tool, and waits until the API listens, the
         internal link is in RUN and the configuration pass is through."""
         controller, _ = self.bc, self.api
@@ -199,7 +199,7 @@ class Peers:
         self.wait_for(lambda: controller.received["ask"] >= keys, timeout, "the whole configuration pass")
         return self
 
-    def start_to_serve(self, timeout: float = 5.0, **image: Any) -> "Peers":
+    def start_to_serve(self, timeout: Optional[float] = None, **image: Any) -> "Peers":
         """The same, and further until remote units are served; `image` are more fields of the process image."""
         self.start_to_run(timeout)
         self.bc.set(bu_identity=IDENTITY, **image)

@@ -19,6 +19,8 @@ from . import clock
 from .virtualtime import BENCHS_TURN, CHILD_WORKS, SETTLED, VirtualTime
 
 SWITCH_SECONDS = 0.0005
+# How long one waits who does not say. What will surely come takes no virtual time, and a busy computer its time.
+PATIENCE_SECONDS, REAL_PATIENCE_SECONDS = 5.0, 30.0
 # Of work that a server does at one moment of virtual time, or of real time in which it does nothing and yet does not rest.
 UNSETTLED_SECONDS = (1, 20)    # who has got what he waited for does not wait longer for a server that goes on and on
 CHILD_SECONDS = (1, 0.5)       # nor for a child process alone
@@ -154,14 +156,16 @@ class Loop:
             raise outcome.error
         return outcome.result[0]
 
-    def wait_for(self, predicate: Callable[[], Any], timeout: float = 5.0, what: str = "", poll: float = 0) -> Any:
+    def wait_for(self, predicate: Callable[[], Any], timeout: Optional[float] = None, what: str = "", poll: float = 0) -> Any:
         """Waits until `predicate` is true and returns what it gave.
 
         The predicate runs on the loop's thread after every batch of events. With `poll` it is evaluated at least that
         often (in seconds) too, for conditions that cause no event on the loop, such as figures in /proc.
-        Raises WaitTimeout after `timeout` seconds, and whatever a peer raised meanwhile.
+        Raises WaitTimeout after `timeout` seconds (5, in real time 30), and whatever a peer raised meanwhile.
         """
         assert not self.on_thread, "the loop's own thread cannot wait for itself"
+        if timeout is None:
+            timeout = PATIENCE_SECONDS if self.virtual else REAL_PATIENCE_SECONDS
         waiter = _Waiter(predicate, at_once=self.virtual is not None)
         timers = self.call(self._begin_wait, waiter, timeout, poll)
         in_time = waiter.done.wait(None if self.virtual else timeout) and bool(waiter.result or waiter.error)

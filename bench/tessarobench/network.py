@@ -97,7 +97,7 @@ class Interface(Cable):
     def far_setup(self) -> list[str]:
         return [f"addr add {self.far_address} dev {self.name}", *self._up_commands()]
 
-    def wait_ready(self, timeout: float = 5.0) -> None:
+    def wait_ready(self, timeout: float = 30.0) -> None:
         """The kernel brings a carrier up in its own time, and drops what is sent before."""
         until = time.monotonic() + timeout
         while not (self._board.run(_running, self.name) and self._far.run(_running, self.name)):

@@ -86,11 +86,11 @@ class RemoteUnit(UnitSession):
     def connected(self) -> bool:
         return bool(self._tcp and self._tcp.is_open and not self._tcp.is_closed and not self._tcp.has_vanished)
 
-    def wait_joined(self, timeout: float = 5.0) -> "RemoteUnit":
+    def wait_joined(self, timeout: Optional[float] = None) -> "RemoteUnit":
         self._wait(lambda: self.joined, timeout, f"unit {self.id} joined")
         return self
 
-    def wait_verdict(self, timeout: float = 5.0) -> InitAck:
+    def wait_verdict(self, timeout: Optional[float] = None) -> InitAck:
         self._wait(lambda: self.verdict, timeout, f"an INITACK for unit {self.id}")
         return self.verdict
 
@@ -201,5 +201,5 @@ class RemoteUnit(UnitSession):
         """Switches the unit off. What it keeps may still be looked at."""
         self._loop.call(self._close)
 
-    def _wait(self, predicate: Callable[[], Any], timeout: float, what: str) -> None:
+    def _wait(self, predicate: Callable[[], Any], timeout: Optional[float], what: str) -> None:
         self._loop.wait_for(predicate, timeout, what)

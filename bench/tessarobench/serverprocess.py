@@ -124,7 +124,7 @@ class ServerProcess:
             with contextlib.suppress(ProcessLookupError):  # it has just ended by itself
                 self._loop.call(self._kill, number)
 
-    def stop(self, timeout: float = 5.0) -> int:
+    def stop(self, timeout: Optional[float] = None) -> int:
         """Asks it to end (SIGTERM) and returns the exit status; one that does not obey is killed and raises."""
         self.signal(signal.SIGTERM)
         try:
@@ -137,12 +137,12 @@ class ServerProcess:
         """Ends it the hard way (SIGKILL). No harm if it has ended."""
         self.signal(signal.SIGKILL)
         if self._process:
-            self.wait_exit(5.0)
+            self.wait_exit()
 
     def pause(self) -> None:
         """Stops all its threads (SIGSTOP) and waits until they stand."""
         self.signal(signal.SIGSTOP)
-        self._loop.wait_for(lambda: self._stat()[0] == "T", 5.0, "the stop of the server", poll=0.002)
+        self._loop.wait_for(lambda: self._stat()[0] == "T", None, "the stop of the server", poll=0.002)
 
     def resume(self) -> None:
         self.signal(signal.SIGCONT)
@@ -152,11 +152,11 @@ class ServerProcess:
         self.stop()
         self.start()
 
-    def wait_exit(self, timeout: float = 5.0) -> int:
+    def wait_exit(self, timeout: Optional[float] = None) -> int:
         self._loop.wait_for(lambda: self.exit_status is not None, timeout, "the end of the server")
         return self.exit_status
 
-    def wait_listening(self, kind: int, port: int, timeout: float = 5.0) -> None:
+    def wait_listening(self, kind: int, port: int, timeout: Optional[float] = None) -> None:
         """Waits until somebody on the board listens on this UDP (SOCK_DGRAM) or TCP (SOCK_STREAM) port."""
         table = f"/proc/{self.pid}/net/{'udp' if kind == socket.SOCK_DGRAM else 'tcp'}"
         state = "07" if kind == socket.SOCK_DGRAM else "0A"
@@ -167,7 +167,7 @@ class ServerProcess:
 
     # --- log -------------------------------------------------------------------------------------------------------
 
-    def wait_log(self, text: str, timeout: float = 5.0, since: int = 0, whole: bool = False) -> int:
+    def wait_log(self, text: str, timeout: Optional[float] = None, since: int = 0, whole: bool = False) -> int:
         """Waits for a log line that contains `text` (or, with `whole`, is `text`) at index `since` or later.
 
         `text` may leave out the quotes that the log puts around strings. Returns the index after that line, so that a sequence of lines reads as

@@ -26,7 +26,7 @@ from .stalls import Stall
 ARMED, ARMED_STATE = 1001, 17
 NEVER_SECONDS = 3.0  # what has not happened by then, will not
 SETTLED_SECONDS = 2.0
-UP_SECONDS = 20.0  # a start takes longer beside others, and is not what is measured
+UP_SECONDS = 60.0  # a start takes longer beside others, and is not what is measured
 RELAY_LIMIT, DECISION_LIMIT = 0.700, 0.020
 
 _DECISION_LIBRARY, _DECISION_FILE = "/home/root/decision.so", "/home/root/decision"

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from typing import Callable, Sequence
+from typing import Callable, Optional, Sequence
 
 from . import internallink as il
 from .installation import Installation
@@ -42,10 +42,10 @@ class Traffic:
         goals = [(unit, unit.ledger.seen + commands, unit.inbox.seen + commands) for unit in self.units]
         return lambda: all(unit.ledger.seen >= up and unit.inbox.seen >= down for unit, up, down in goals)
 
-    def run_for(self, commands: int, timeout: float = 5.0) -> None:
+    def run_for(self, commands: int, timeout: Optional[float] = None) -> None:
         self._bench.wait_for(self.progress(commands), timeout, f"{commands} more commands both ways")
 
-    def stop(self, timeout: float = 5.0) -> "Traffic":
+    def stop(self, timeout: Optional[float] = None) -> "Traffic":
         """Sends no more, and waits until those under way have left their senders."""
         self._timer.cancel()
         for unit in self.units:
@@ -56,7 +56,7 @@ class Traffic:
             unit.inbox.issued = self.issued
         return self
 
-    def wait_arrived(self, unit: RemoteUnit, except_for: int = 0, timeout: float = 5.0) -> None:
+    def wait_arrived(self, unit: RemoteUnit, except_for: int = 0, timeout: Optional[float] = None) -> None:
         """After `stop`: until all is out, but for so many commands towards that unit."""
         def is_out() -> bool:
             return unit.ledger.seen == unit.ledger.issued and unit.inbox.seen >= unit.inbox.issued - except_for

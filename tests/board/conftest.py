@@ -89,7 +89,7 @@ def bench(emulator):
 @pytest.fixture
 def running(bench):
     """The same with the server running beside a willing base controller: link in RUN, settings exchanged."""
-    bench.start_to_run(30)
+    bench.start_to_run(120)
     return bench
 
 

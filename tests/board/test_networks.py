@@ -3,7 +3,7 @@
 import pytest
 
 
-SECONDS = 30
+SECONDS = 120
 OPERATIONAL, LINK_ERROR = 1, 3
 SET = bytes(range(32))
 GLINK_PORT, PAIRING_PORT = 1147, 9123

@@ -4,7 +4,7 @@ from tessarobench import glink
 from tessarobench.emulatedboard import EmulatedInstallation
 from tessarobench.installation import REMOTES
 
-SECONDS = 30
+SECONDS = 120
 HANDSET = "/home/root/Applications/handset"
 NEW_UNIT = 1003
 WORDS = ("PKY1", "PKY2", "PKY3", "PKY4")

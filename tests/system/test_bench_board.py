@@ -24,11 +24,13 @@ def test_relay_follows_the_drive_line_and_moves_the_monitor(scripted):
 
 
 def test_a_welded_contact_stays_closed_and_a_dead_coil_never_closes(scripted):
-    board = scripted("import sys, time\nfor value in '1', '0':\n"
-                     "    open('/sys/class/gpio/gpio37/value', 'w').write(value); time.sleep(0.1)\nprint('done')")
+    board = scripted("import time\nopen('/sys/class/gpio/gpio37/value', 'w').write('1')\n"
+                     "while open('/sys/class/gpio/gpio38/value').read(1) != '0': time.sleep(0.01)\n"
+                     "open('/sys/class/gpio/gpio37/value', 'w').write('0')\nprint('done')")
     board.relay.welded = True
     board.server.start().wait_exit()
-    assert board.relay.driven == "0" and board.relay.closed
+    board.wait_for(lambda: board.relay.driven == "0")
+    assert board.relay.closed
 
     other = scripted("open('/sys/class/gpio/gpio37/value', 'w').write('1')")
     other.relay.dead_coil = True
@@ -61,18 +63,25 @@ def test_the_uart_carries_lines_both_ways_and_survives_a_restart(scripted):
     for _ in range(2):
         board.server.start()
         os.set_blocking(far_end, True)
-        assert os.read(far_end, 100) == b"\x82hello\x0a"
+        assert line_of(far_end) == b"\x82hello\x0a"
         os.write(far_end, b"\x82\x00back\x0a")
         board.server.wait_log(r"got b'\x82\x00back\n'")
         board.server.kill()
     os.close(far_end)
 
 
+def line_of(descriptor):
+    line = b""
+    while not line.endswith(b"\n"):
+        line += os.read(descriptor, 100)
+    return line
+
+
 def test_peers_reach_the_board_over_both_interfaces_and_boards_do_not_meet(scripted):
     script = ("import socket, time\n"
               "for host in '10.42.20.1', '192.168.32.1':\n"
               "    s = socket.create_server((host, 7777)); print('listening', host)\n"
-              "    s.settimeout(5); c, _ = s.accept(); c.sendall(b'hello'); c.close(); s.close()\n")
+              "    s.settimeout(60); c, _ = s.accept(); c.sendall(b'hello'); c.close(); s.close()\n")
     boards = [scripted(script), scripted(script)]
     for board in boards:
         board.server.start()
@@ -80,7 +89,7 @@ def test_peers_reach_the_board_over_both_interfaces_and_boards_do_not_meet(scrip
         for interface in (board.eth0, board.wlan0):
             board.server.wait_log(f"listening {interface.host}")
             with board.peer_socket() as peer:
-                peer.settimeout(5)
+                peer.settimeout(60)
                 peer.connect((interface.host, 7777))
                 assert peer.recv(10) == b"hello"
         assert board.server.wait_exit() == 0
@@ -92,7 +101,7 @@ def test_multicast_crosses_eth0(scripted):
     listener.bind(("", 5825))
     listener.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
                         socket.inet_aton("239.255.42.20") + socket.inet_aton(board.eth0.far_host))
-    listener.settimeout(5)
+    listener.settimeout(60)
     with board.local_socket(socket.SOCK_DGRAM) as sender, listener:
         sender.sendto(b"to all", ("239.255.42.20", 5825))
         data, source = listener.recvfrom(100)
@@ -132,7 +141,7 @@ def test_figures_of_the_process(scripted):
 def test_laying_a_board_is_cheap(scripted):
     """Measured without the copy of the binary; several tests run beside this one, so the bound is a generous one, and it is
     enough that one of a few boards keeps it."""
-    assert any(scripted("").laid_in < 0.3 for _ in range(8))
+    assert any(scripted("").laid_in < 1.0 for _ in range(8))
 
 
 # --- the loop ----------------------------------------------------------------------------------------------------------
@@ -154,7 +163,7 @@ def test_a_condition_that_fails_to_come_says_which(loop):
 def test_an_exception_in_a_callback_is_raised_where_one_waits(loop):
     loop.post(lambda: 1 / 0)
     with pytest.raises(ZeroDivisionError):
-        loop.wait_for(lambda: False, 0.5)
+        loop.wait_for(lambda: False)
     loop.wait_for(lambda: True)  # and once only
 
 
@@ -180,4 +189,4 @@ def test_timers_run_in_order_and_can_be_cancelled(loop):
 
 def test_polling_conditions_need_no_event(loop):
     until = time.monotonic() + 0.05
-    loop.wait_for(lambda: time.monotonic() > until, 5, poll=0.01)
+    loop.wait_for(lambda: time.monotonic() > until, poll=0.01)

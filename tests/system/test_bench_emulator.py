@@ -29,11 +29,11 @@ def test_a_peer_that_goes_with_bytes_unread_makes_room_for_the_next(line):
 
     second = socket.socket(fileno=uart.attach())
     with second:
-        second.settimeout(5)
+        second.settimeout(60)
         board.send(b"hello")
         assert second.recv(100) == b"hello"
         second.send(b"board")
-        board.settimeout(5)
+        board.settimeout(60)
         assert board.recv(100) == b"board"
     loop.raise_failure()
 

@@ -14,7 +14,7 @@ BENCH = Path(__file__).resolve().parents[2] / "bench"
 
 
 def run(*command, **options):
-    return subprocess.run([str(part) for part in command], capture_output=True, text=True, timeout=60, check=False,
+    return subprocess.run([str(part) for part in command], capture_output=True, text=True, timeout=240, check=False,
                           **options)
 
 
@@ -49,8 +49,8 @@ def test_the_exit_status_is_the_commands():
 def test_processes_that_the_command_leaves_end_with_it():
     """The output ends only when nobody holds it any more."""
     began = time.monotonic()
-    done = run(BENCH / "sandbox", "sh", "-c", "sleep 50 & echo started")
-    assert done.stdout == "started\n" and time.monotonic() - began < 20
+    done = run(BENCH / "sandbox", "sh", "-c", "sleep 200 & echo started")
+    assert done.stdout == "started\n" and time.monotonic() - began < 100
 
 
 def mounted_on(folder):
@@ -71,7 +71,7 @@ def test_a_termination_reaches_the_command():
                           stdout=subprocess.PIPE, text=True) as sandbox:
         assert sandbox.stdout.readline() == "up\n"
         sandbox.terminate()
-        assert sandbox.wait(20) == 9
+        assert sandbox.wait(60) == 9
 
 
 def test_a_refusal_is_explained_in_one_line():
@@ -120,7 +120,7 @@ def test_an_interrupted_tour_ends_quickly(server_path, number, status):
                           start_new_session=True) as tour:
         tour.stdout.readline()
         os.killpg(tour.pid, number)
-        assert tour.wait(20) == status
+        assert tour.wait(60) == status
         assert "Traceback" not in tour.stdout.read()
 
 

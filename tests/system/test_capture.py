@@ -63,9 +63,9 @@ def end(bench):
     def quiet():
         if bench.journal.mark() != last[0]:
             last[:] = bench.journal.mark(), time.monotonic()
-        return time.monotonic() > last[1] + 0.15
+        return time.monotonic() > last[1] + 0.5
 
-    bench.wait_for(quiet, 5, "nothing crosses the links any more", poll=0.05)
+    bench.wait_for(quiet, 30, "nothing crosses the links any more", poll=0.05)
     bench.close()
 
 
@@ -282,7 +282,7 @@ def test_interfaces_may_go_and_come_and_no_packet_is_missing_or_there_twice(path
     with Installation(capture=CaptureFile(path)) as board:
         with board.local_socket(socket.SOCK_DGRAM) as receiver, board.local_socket(socket.SOCK_DGRAM) as local:
             receiver.bind(("", 7777))
-            receiver.settimeout(5)
+            receiver.settimeout(60)
 
             def send(text):
                 with board.peer_socket(socket.SOCK_DGRAM) as sender:
@@ -311,7 +311,7 @@ def test_multicast_of_the_board_is_there_once(path):
     with Installation(capture=CaptureFile(path)) as board:
         with board.local_socket(socket.SOCK_DGRAM) as member:
             member.bind(("", 7777))
-            member.settimeout(5)
+            member.settimeout(60)
             member.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
                               socket.inet_aton("239.255.42.20") + socket.inet_aton(board.eth0.host))
             member.sendto(b"to all", ("239.255.42.20", 7777))
@@ -412,7 +412,7 @@ BENCH = ROOT / "bench"
 
 def test_a_captured_scene_tells_its_story_between_the_packets(server_path, path):
     tour = subprocess.run([BENCH / "run", "--server", server_path, "--scene", "settings", "--capture", path],
-                          capture_output=True, text=True, timeout=60, check=False)
+                          capture_output=True, text=True, timeout=240, check=False)
     assert tour.returncode == 0, tour.stdout + tour.stderr
     assert "; none is missing." in tour.stdout.splitlines()[-1]
     told = [text for row in tsharkreader.read(path, "systemd_journal.message",
@@ -430,7 +430,7 @@ def test_an_interrupted_tour_leaves_a_whole_capture(server_path, path, number, s
         while "the link is in RUN" not in tour.stdout.readline():
             pass
         os.killpg(tour.pid, number)
-        assert tour.wait(20) == status
+        assert tour.wait(60) == status
         assert "Captured" in tour.stdout.read()
     rows = tsharkreader.read(path, "tessaro_link.event")
     assert ["0"] in [row["tessaro_link.event"] for row in rows]
@@ -438,6 +438,6 @@ def test_an_interrupted_tour_leaves_a_whole_capture(server_path, path, number, s
 
 def test_a_file_that_cannot_be_written_is_said_before_anything_is_played(server_path, tmp_path):
     refused = subprocess.run([BENCH / "run", "--server", server_path, "--capture", tmp_path / "no" / "folder.pcapng"],
-                             capture_output=True, text=True, timeout=60, check=False)
+                             capture_output=True, text=True, timeout=240, check=False)
     assert refused.returncode == 2 and refused.stderr.count("\n") == 1 and "No such file" in refused.stderr
     assert refused.stdout == ""

@@ -230,10 +230,10 @@ def test_an_endless_message_is_bounded(relayed):
     """Blocks that always announce more: memory stays flat, and the next whole message is taken."""
     block = (1001).to_bytes(2, "little") + b"\xff\xff" + bytes(250)
     last = [relayed.fallback.send_raw(block) for _ in range(400)][-1]
-    relayed.wait_for(lambda: last.acked, 10)
+    relayed.wait_for(lambda: last.acked, 60)
     before = relayed.server.memory()
     last = [relayed.fallback.send_raw(block) for _ in range(3000)][-1]
-    relayed.wait_for(lambda: last.acked, 10)
+    relayed.wait_for(lambda: last.acked, 60)
     assert relayed.server.memory() - before < 400_000, "3000 blocks are 750000 bytes"
     unit = relayed.unit(1002)
     unit.join_fallback()

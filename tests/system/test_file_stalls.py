@@ -15,11 +15,13 @@ from pairing_support import USER, install, words_of_unit
 from tessarobench import glink, pairwire
 from tessarobench.installation import APP, REMOTES
 from tessarobench.servicetool import ServiceToolError
+from units_support import HeldUp
 
 pytestmark = pytest.mark.real_time("work on files takes no virtual time, and how long others wait for it is the point")
 
 HEARD = "MsRelayControl::machineStopPressed( void )"
 PROMPT = 0.2  # seconds; what a busy computer takes of it is most of it
+HELD_UP_SECONDS = 15.0  # more than a computer may hold up the server alone; what stands still here does so for longer
 BEAT = 0.5    # seconds between two status records
 
 # For three seconds as fast as a program can, though not at the cost of the bench's processor time; tells how many it sent.
@@ -47,15 +49,20 @@ def wall_clock(stamp):
     return time.mktime(time.strptime(stamp[:-4], "%Y%m%d %H:%M:%S")) + int(stamp[-3:]) / 1000
 
 
-def heard_after(bench, press, timeout=5.0):
+@pytest.fixture(autouse=True)
+def held_up(bench):
+    bench.held_up = HeldUp(bench)
+
+
+def heard_after(bench, press):
     """How long it takes from a machine stop's leaving the unit to the relay control, by the base unit's own clock: when the
-    bench comes to read the line does not matter."""
+    bench comes to read the line does not matter. Less what the computer has held up all of it."""
     mark, lines, sent = bench.journal.mark(), len(bench.server.log), bench.journal.now
     press()
-    heard = bench.server.wait_log(HEARD, timeout, since=lines, whole=True)
+    heard = bench.server.wait_log(HEARD, since=lines, whole=True)
     written = bench.journal.last("glink", ">", "machine stop", since=mark)
     left = bench.journal.wall_began + (written.time if written else sent)
-    return max(0.0, wall_clock(bench.server.log[heard - 1].stamp) - left)
+    return max(0.0, wall_clock(bench.server.log[heard - 1].stamp) - left - bench.held_up.since(sent))
 
 
 def press_until(bench, unit, done, pause=0.05):
@@ -72,9 +79,21 @@ def tell(case, times):
     print(f"\nfile stalls: {case}: longest of {len(times)} machine stops {1000 * max(times):.0f} ms")
 
 
+def assert_prompt(times, prompt=PROMPT):
+    """They were heard at once, but for one in ten that something else may have held up: not for as long as what stands still."""
+    late = [seconds for seconds in times if seconds >= prompt]
+    assert len(late) <= max(1, len(times) // 10) and max(times) < HELD_UP_SECONDS, times
+
+
 def status_records(bench, since):
     """When status records came, repeats left out."""
     return [event.time for event in bench.journal.select("uart", "<", "status", since=since) if "again" not in event.detail]
+
+
+def longest_pause(bench, since):
+    """Between two status records; less what the computer has held up all of it."""
+    times = status_records(bench, since)
+    return max(after - before - bench.held_up.between(before, after) for before, after in zip(times, times[1:]))
 
 
 def test_a_pipe_in_the_place_of_an_applications_keys_is_refused_at_once(serving):
@@ -85,10 +104,12 @@ def test_a_pipe_in_the_place_of_an_applications_keys_is_refused_at_once(serving)
     unit = serving.unit(1001).join().wait_joined()
     arm(serving)
     with serving.service_tool() as tool:
-        tool.wait_no_longer_than(1.0)
+        tool.wait_no_longer_than(3.0)
         with pytest.raises(ServiceToolError):
             tool.ask(USER, 1001)
-        tell("pipe for keys.csv", [heard_after(serving, unit.machine_stop)])
+        times = [heard_after(serving, unit.machine_stop)]
+        tell("pipe for keys.csv", times)
+        assert_prompt(times)
         serving.server.wait_log("Load Configurations File Error:")
         assert serving.server.logged(f'pairserver: Could not write the pairing into "{USER}/config/keys.csv"') == 1
         assert tool.list(), "the next request is served"
@@ -118,17 +139,17 @@ def test_a_flood_of_requests_holds_up_nobody(serving, request_, event):
         times = press_until(serving, unit, lambda: serving.journal.now > began + 3)
         sent = int(flood.communicate()[0])
     ended = serving.journal.mark()
-    serving.wait_for(lambda: serving.journal.last(link="uart", kind="event", event=event, since=ended), 5.0,
-                     "the answer to the last requests")
+    serving.wait_for(lambda: serving.journal.last(link="uart", kind="event", event=event, since=ended),
+                     what="the answer to the last requests")
     serving.wait_for(lambda: len(status_records(serving, mark)) >= 7)
-    records = status_records(serving, mark)
-    gaps = [after - before for before, after in zip(records, records[1:])]
+    pause = longest_pause(serving, mark)
     tell(f"{sent} times {request_} in 3 s", times)
-    print(f"file stalls: longest pause between status records {1000 * max(gaps):.0f} ms, {event} "
+    print(f"file stalls: longest pause between status records {1000 * pause:.0f} ms, {event} "
           f"{serving.journal.count(link='uart', kind='event', event=event, since=mark)} times")
-    assert max(times) < PROMPT
-    assert max(gaps) < 2 * BEAT
-    if request_ == "CCHANGE":  # with the others a packet is always on its way, and any 150 ms of a late bench lose the link
+    assert_prompt(times)
+    assert pause < 2 * BEAT
+    if request_ == "CCHANGE" and serving.held_up.since(began) < 0.1:
+        # With the others a packet is always on its way, and any 150 ms of a late bench lose the link.
         assert serving.server.logged("Internal link fail", line) == 0
     assert serving.api.notifies > notified
     assert sent > 1000
@@ -141,19 +162,25 @@ def test_pairing_beside_many_remote_units_holds_up_nobody(bench):
     rows = "".join(f"{row};{row + 1};4000000001;4000000002;4000000003;4000000004\n" for row in range(65000))
     heading = (bench.applications / REMOTES).read_text().splitlines(keepends=True)[:2]
     (bench.applications / REMOTES).write_text("".join(heading) + rows)
-    bench.start_to_serve(timeout=30.0)
+    bench.start_to_serve(timeout=60.0)
     unit = bench.unit(64999).join().wait_joined()
     arm(bench, 64999)
     mark, line = bench.journal.mark(), len(bench.server.log)
-    with bench.service_tool(timeout=30.0) as tool:
+    with bench.service_tool(timeout=60.0) as tool:
         tool.send(pairwire.get_app(65001, USER), "getApp")
         times = press_until(bench, unit, lambda: bench.server.logged("sending app metadata for", line))
     tell("pairing beside 65,000 units", times)
     # Where others want the processors, too, the seconds of work in the file thread count against the whole server.
-    assert max(times) < 3 * PROMPT
+    assert_prompt(times, 3 * PROMPT)
     assert words_of_unit(bench, 65001)
-    records = status_records(bench, mark)
-    assert max(after - before for before, after in zip(records, records[1:])) < 2 * BEAT
+    assert longest_pause(bench, mark) < 2 * BEAT
+
+
+def enlarge(application):
+    """Half a minute's hashing on a quick computer, without a hold-up, and all of it holes: no disk has to hold them."""
+    for number in range(8):
+        with open(application / f"large{number}", "wb") as file:
+            file.truncate(2 << 30)
 
 
 def test_a_changed_application_that_is_being_hashed_holds_up_no_machine_stop(serving):
@@ -162,8 +189,7 @@ def test_a_changed_application_that_is_being_hashed_holds_up_no_machine_stop(ser
     serving.api.send(b"CCHANGE")
     there = serving.unit(1002).join().wait_joined()
     arm(serving)
-    with open(serving.applications / "handset/large", "wb") as file:
-        file.truncate(2 << 30)  # a hole: no disk has to hold it
+    enlarge(serving.applications / "handset")
     newcomer = serving.unit(1001)
     newcomer.checksum = bytes(16)
     newcomer.join(send_init=False)
@@ -177,14 +203,15 @@ def test_a_changed_application_that_is_being_hashed_holds_up_no_machine_stop(ser
     serving.bc.set(armed_ru=1002)
     serving.wait_for(lambda: serving.api.tag("ARMED_RU") == "1002")
     times.append(heard_after(serving, there.machine_stop))
-    tell("2 GiB being hashed", times)
-    assert max(times) < PROMPT
+    tell("many GiB being hashed", times)
+    assert_prompt(times)
+    for file in (serving.applications / "handset").glob("large*"):
+        os.truncate(file, 0)  # that is enough
     assert newcomer.wait_verdict(120).code == glink.OTHER_APPLICATION, "judged by the application as it was"
 
 
 def test_an_end_while_an_application_is_being_hashed_comes_in_time(serving):
-    with open(serving.applications / "handset/large", "wb") as file:
-        file.truncate(4 << 30)
+    enlarge(serving.applications / "handset")
     serving.api.send(b"CCHANGE")
     serving.wait_for(lambda: serving.journal.last(link="uart", kind="event", event="RECONFIG"))
-    assert serving.server.stop(2.0) == 0
+    assert serving.server.stop(HELD_UP_SECONDS) == 0

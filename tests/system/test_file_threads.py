@@ -53,7 +53,7 @@ def test_after_the_start_only_the_file_threads_touch_files(traced):
     bench = traced.bench
     install(bench, "panel", "user")
     bench.bc.retry_seconds = 1.0
-    bench.start_to_serve(timeout=20.0)
+    bench.start_to_serve(timeout=60.0)
     bench.unit(1001).join().wait_joined()
     traced.begin()
 
@@ -71,7 +71,7 @@ def test_after_the_start_only_the_file_threads_touch_files(traced):
     bench.unit(1002).join_fallback().wait_joined()
     mark = bench.journal.mark()
     bench.eth0.change_address("10.42.20.9/24")
-    bench.wait_for(lambda: bench.journal.last(link="uart", kind="event", event="EGRECONFIG", since=mark), 10.0)
+    bench.wait_for(lambda: bench.journal.last(link="uart", kind="event", event="EGRECONFIG", since=mark), 60.0)
     bench.show_tsaps(4)
 
     calls = traced.calls()

@@ -29,7 +29,7 @@ class Terminal:
     def press(self, key):
         os.write(self._master, key.encode())
 
-    def wait(self, text, timeout=20.0):
+    def wait(self, text, timeout=60.0):
         """Waits until `text` is shown after everything that was waited for before."""
         until = time.monotonic() + timeout
         while text not in _CONTROL.sub("", self.raw.decode("utf-8", "replace")):
@@ -37,7 +37,7 @@ class Terminal:
             self._read()
         self.raw = b""
 
-    def end(self, timeout=20.0):
+    def end(self, timeout=60.0):
         until = time.monotonic() + timeout
         while self.process.poll() is None and time.monotonic() < until:
             self._read()
@@ -46,7 +46,7 @@ class Terminal:
     def close(self):
         if self.process.poll() is None:
             self.process.terminate()
-            self.process.wait(20)
+            self.process.wait(60)
         os.close(self._master)
 
     def _read(self):

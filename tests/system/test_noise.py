@@ -44,7 +44,7 @@ def test_thousands_of_chunks(running, seed):
     source = random.Random(seed)
     for _ in range(1500):
         running.bc.send_bytes(noise(source))
-    running.wait_for(lambda: running.bc.line.drained, 10)
+    running.wait_for(lambda: running.bc.line.drained, 30)
     running.bc.send_bytes(bytes([il.END]))
     assert running.server.running
     still_works(running, 1 + seed)

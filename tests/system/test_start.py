@@ -98,9 +98,9 @@ def test_a_link_that_is_up_before_the_start_is_over_finds_its_receivers(bench, s
     assert bench.bc
     bench.start(env={"LD_PRELOAD": SLOW_CONNECTIONS,
                      "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"})
-    reset = bench.server.wait_log("SystemEventService::newEvent ACK_RECIEVED", 20, whole=True)
-    bench.server.wait_log("ConfigurationService::readBCConfig", 5, since=reset, whole=True)
-    bench.wait_for(lambda: bench.bc.received["ask"] == len(CONFIG_VALUES), 5, "the whole configuration pass")
+    reset = bench.server.wait_log("SystemEventService::newEvent ACK_RECIEVED", 60, whole=True)
+    bench.server.wait_log("ConfigurationService::readBCConfig", since=reset, whole=True)
+    bench.wait_for(lambda: bench.bc.received["ask"] == len(CONFIG_VALUES), what="the whole configuration pass")
 
 
 def test_no_tag_files(bench):

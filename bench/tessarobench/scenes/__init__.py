@@ -16,7 +16,7 @@ from __future__ import annotations
 
 import importlib
 import pkgutil
-from typing import Any, Callable, NamedTuple, Sequence
+from typing import Any, Callable, NamedTuple, Optional, Sequence
 
 from ..installation import Installation
 from ..narrator import Narrator
@@ -42,7 +42,7 @@ class Stage:
     def say(self, text: str) -> None:
         self.narrator.say(text)
 
-    def expect(self, text: str, predicate: Callable[[], Any], timeout: float = 5.0) -> Any:
+    def expect(self, text: str, predicate: Callable[[], Any], timeout: Optional[float] = None) -> Any:
         """Waits until `predicate` holds and tells so; a scene in which it does not has failed."""
         try:
             result = self.bench.wait_for(predicate, timeout, text)
