@@ -277,13 +277,14 @@ def test_a_capture_that_ends_anywhere_is_played(played, number):
 
 
 def test_a_unit_that_is_gone_at_once_has_said_all_the_same_what_it_said(played):
-    """It connects, introduces itself and ends the connection within one moment."""
+    """It connects, introduces itself and ends the connection within one moment. The answer to its introduction is another thread's,
+    which may or may not come before the end; that it was heard, the acknowledgement tells."""
     conversation = Conversation(packet for packet in read(REMOTE_UNIT) if packet.interface == "wlan0")
     opened, init = conversation.moves[:2]
     conversation.moves = [move._replace(time=opened.time, after=None) for move in (opened, init, init._replace(what=FINISH))]
     judge = played(conversation)
-    assert judge.counts["allowed: another number or time stamp"] >= 2, told(judge)
-    assert not {"ack of INIT", "INITACK"} & {difference.channel[1] for difference in judge.differences}
+    assert judge.counts["allowed: another number or time stamp"] >= 1, told(judge)
+    assert "ack of INIT" not in {difference.channel[1] for difference in judge.differences}
 
 
 @pytest.mark.parametrize("name, cut", [("remote-unit", 0), ("remote-unit", 25), ("fallback", 0)])
