@@ -178,7 +178,7 @@ class Peers:
         """Waits until so much time has passed on the bench's clock, while everybody else goes on."""
         over = []
         self.loop.call(self.loop.later, seconds, lambda: over.append(True))
-        self.wait_for(lambda: over, seconds + 5, "the passing of time")
+        self.wait_for(lambda: over, seconds + 30, "the passing of time")
 
     # --- the way to normal operation -------------------------------------------------------------------------------
 
