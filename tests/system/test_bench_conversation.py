@@ -194,6 +194,7 @@ def test_a_hole_in_a_long_connection_costs_no_more_for_what_stands_far_behind_it
 def test_segments_are_put_in_order_across_the_end_of_their_numbers():
     stream, packet = Stream(), Packet(1, 0.0, "", LINKTYPE_ETHERNET, b"")
     stream.begin(0xFFFFFFFD)
-    said = [stream.feed(0, b"cd"), stream.feed(2, b"e"), stream.feed(0xFFFFFFFE, b"ab"), stream.feed(1, b"de"), stream.feed(3, b"f")]
+    parts = (0, b"cd"), (2, b"e"), (0xFFFFFFFE, b"ab"), (1, b"de"), (3, b"f")
+    said = [stream.feed(*part) for part in parts]
     assert said == [b"", b"", b"abcde", b"", b"f"]
     assert stream.finish(packet) == b"" and stream.missing == 0

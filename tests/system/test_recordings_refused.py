@@ -164,7 +164,8 @@ def test_a_capture_without_any_answer_is_refused(tmp_path):
     """Nothing could be different from that."""
     packets = [packet for packet in read(REMOTE_UNIT) if packet.interface == "wlan0" and packet.data[36:38] == b"\x04\x7b"]
     message = raised(tmp_path, pcap([(packet.time, packet.data) for packet in packets]))
-    assert message == (f"among {len(packets)} packets there is none that a base unit sent, with which its answers could be compared")
+    assert message == (f"among {len(packets)} packets there is none that a base unit sent, with which its answers could be "
+                       "compared")
 
 
 def test_a_table_that_is_none_is_named(tmp_path, server_path):
