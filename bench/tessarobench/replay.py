@@ -74,7 +74,8 @@ class Player:
         self._last = max(each.time for each in (*talk.moves, *talk.answers)) - zero  # the end of the recording
         self.judge = Judge([answer._replace(time=answer.time - zero) for answer in talk.answers], self._patience, talk.has_uart,
                            self._last)
-        self._turns = Turns(self._bench.loop, talk.moves, zero, self._patience, lambda move: self._far.act(move))
+        # Who waits in vain for an answer must not be answered too late for that.
+        self._turns = Turns(self._bench.loop, talk.moves, zero, self._patience / 2, lambda move: self._far.act(move))
         self._far = FarSides(self._bench, talk, lambda: self._turns.now if self._turns.have_begun else None, self._turns.begin,
                              self._take)
         self._bench.loop.call(self._bench.journal.listeners.append, self._note_end)
