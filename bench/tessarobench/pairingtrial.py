@@ -98,6 +98,17 @@ class PairingTrial:
         self.bench.server.wait_exit(UP_SECONDS)
         return self._judge_after_the_next_start(before, archive)
 
+    def kill_before_tar_begins(self, held: float) -> Outcome:
+        """Kills the server when tar has been forked and has not begun: held for so many seconds, it holds what it inherited."""
+        before = self._pair_anew()
+        tracer = Tracer(self.bench.server.pid, f"execve:delay_enter={held}s", "-f")
+        tool = _Asking(self.bench.service_tool(UP_SECONDS))
+        self.bench.wait_for(self._has_child, UP_SECONDS, "the begin of tar", poll=0.005)
+        self.bench.server.kill()
+        outcome = self._judge_after_the_next_start(before, tool.end())
+        tracer.end()
+        return outcome
+
     def fail_at(self, call: str, number: int, error: str) -> Optional[Outcome]:
         """Lets this system call of the file thread fail for the nth time. None: there is no such one."""
         before = self._pair_anew()
@@ -184,6 +195,10 @@ class PairingTrial:
         board = os.readlink(f"/proc/{self.bench.server.pid}/ns/mnt")
         return [pid for pid in _processes() if _works_in(pid, board, str(APPLICATIONS)) and pid != self.bench.server.pid]
 
+    def _has_child(self) -> bool:
+        pid = self.bench.server.pid
+        return any(path.read_text(encoding="ascii") for path in Path(f"/proc/{pid}/task").glob("*/children"))
+
     # --- the way to it ---------------------------------------------------------------------------------------------
 
     def _start(self) -> None:
@@ -247,11 +262,11 @@ class Tracer:
 
     _ATTACHED = re.compile("attached")
 
-    def __init__(self, pid: int, injection: str):
+    def __init__(self, pid: int, injection: str, *options: str):
         thread = next(int(task) for task in os.listdir(f"/proc/{pid}/task")
                       if Path(f"/proc/{pid}/task/{task}/comm").read_text(encoding="ascii").strip() == FILE_THREAD)
         self._output = ""
-        self._process = subprocess.Popen(["strace", "-p", str(thread), "-e", f"trace={injection.split(':')[0]}",
+        self._process = subprocess.Popen(["strace", *options, "-p", str(thread), "-e", f"trace={injection.split(':')[0]}",
                                           "-e", f"inject={injection}", "-e", "signal=none"],
                                          stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                                          text=True)

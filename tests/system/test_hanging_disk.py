@@ -57,6 +57,8 @@ def armed(serving):
     serving.pair_units(2)
     serving.api.send(b"CCHANGE")
     serving.unit(1001).join().wait_joined()
+    with serving.service_tool() as tool:
+        tool.list()  # the thread that answers has done all of the reload
     arm(serving)
     return serving
 

@@ -43,6 +43,10 @@ def test_killed_at_random_moments(bench):
     assert [outcome.faults for outcome in outcomes if outcome.faults] == []
 
 
+def test_killed_before_tar_begins_the_next_start_gets_its_ports_back(trial):
+    assert trial.kill_before_tar_begins(3).faults == []
+
+
 @pytest.mark.parametrize("call", CHANGING)
 def test_killed_at_each_call(trial, call):
     assert each_in_turn(lambda number: trial.kill_at(call, number)) == {}

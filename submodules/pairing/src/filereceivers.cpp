@@ -13,8 +13,14 @@ FileReceivers::FileReceivers(QObject* parent)
 
 void FileReceivers::listen(const QHostAddress& address, quint16 port)
 {
+    if (m_server->isListening()) {
+        return;
+    }
+    const bool isKnown = isPortTaken();
     if (!m_server->listen(address, port)) {
-        qWarning() << "pairserver: Unable to start file transfer server:" << m_server->errorString();
+        if (!isKnown) {
+            qWarning() << "pairserver: Unable to start file transfer server:" << m_server->errorString();
+        }
         return;
     }
     qDebug() << "PairServer::PairServer(Configuration*, TagDatabase*, QObject*)"

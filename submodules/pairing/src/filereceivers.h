@@ -7,6 +7,12 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 
+/// Whether a server does not listen because somebody else had the port at its last attempt.
+inline bool isPortTaken(const QTcpServer& server)
+{
+    return !server.isListening() && server.serverError() == QAbstractSocket::AddressInUseError;
+}
+
 /// The connections to the file port that wait for an archive, in the order in which they came. What one of them sends
 /// is thrown away.
 ///
@@ -21,9 +27,12 @@ public:
     /// Does not listen yet.
     explicit FileReceivers(QObject* parent);
 
-    /// Begins to listen, with a log line; another one when the port cannot be had, and then nothing ever comes.
+    /// Begins to listen, unless it does already, with a log line; another one when the port cannot be had, the first
+    /// time.
     /// @param port  0 takes any free port.
     void listen(const QHostAddress& address, quint16 port);
+    /// Whether somebody else has the port.
+    bool isPortTaken() const { return ::isPortTaken(*m_server); }
     /// The port that is listened on; 0 when there is none.
     quint16 port() const { return m_server->serverPort(); }
 

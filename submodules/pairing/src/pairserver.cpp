@@ -34,8 +34,8 @@ PairServer::PairServer(Configuration* configuration, TagDatabase* tags, const Pa
     : QObject(parent)
     , tcpServer(new QTcpServer(this))
     , m_receivers(new FileReceivers(this))
+    , m_place(place)
     , hostAdress(place.address)
-    , m_stallLimit(place.stallLimit)
     , archiving(new PairArchive(this))
     , m_configuration(configuration)
     , tagDatabase(tags)
@@ -46,11 +46,15 @@ PairServer::PairServer(Configuration* configuration, TagDatabase* tags, const Pa
     m_nextRequest.setInterval(0);
     m_nextRequest.setSingleShot(true);
     connect(&m_nextRequest, &QTimer::timeout, this, &PairServer::readData);
+    connect(tcpServer, &QTcpServer::newConnection, this, &PairServer::newClientConnection);
     connect(m_receivers, &FileReceivers::came, this, &PairServer::limitReceivers);
     archiving->limitPatience(place.tarPatience);
     connect(archiving, &PairArchive::createdTarReady, this, &PairServer::sendAppArchiveReady);
     connect(archiving, &PairArchive::couldNotStart, this, &PairServer::archiverCouldNotStart, Qt::QueuedConnection);
-    listen(place);
+    m_listenAgain.setInterval(place.listenAgain);
+    m_listenAgain.setSingleShot(true);
+    connect(&m_listenAgain, &QTimer::timeout, this, &PairServer::listen);
+    listen();
 }
 
 /// tar ends before what it packs is cleared away.
@@ -70,16 +74,29 @@ quint16 PairServer::fileTransferPort() const
     return m_receivers->port();
 }
 
-void PairServer::listen(const PairServerPlace& place)
+/// Called again for what is missing.
+void PairServer::listen()
 {
-    if (!tcpServer->listen(hostAdress, place.requestPort)) {
-        qDebug() << "pairserver: Unable to start pair server:" << tcpServer->errorString();
-        tcpServer->close();
-        return;
+    if (tcpServer->isListening() || listenForRequests()) {
+        m_receivers->listen(hostAdress, m_place.fileTransferPort);
     }
-    qDebug() << "pairserver: The pair server is running on IP:" << place.address << "and Port:" << requestPort();
-    connect(tcpServer, &QTcpServer::newConnection, this, &PairServer::newClientConnection);
-    m_receivers->listen(hostAdress, place.fileTransferPort);
+    if (isPortTaken(*tcpServer) || m_receivers->isPortTaken()) {
+        m_listenAgain.start();
+    }
+}
+
+bool PairServer::listenForRequests()
+{
+    const bool isKnown = isPortTaken(*tcpServer);
+    if (!tcpServer->listen(hostAdress, m_place.requestPort)) {
+        if (!isKnown) {
+            qDebug() << "pairserver: Unable to start pair server:" << tcpServer->errorString();
+        }
+        tcpServer->close();
+        return false;
+    }
+    qDebug() << "pairserver: The pair server is running on IP:" << m_place.address << "and Port:" << requestPort();
+    return true;
 }
 
 void PairServer::newClientConnection()
@@ -294,7 +311,7 @@ void PairServer::startTransfer()
         return;
     }
     const QString path = clientConnection->offer()->fileName();
-    auto* transfer = new FileTransfer(clientConnection->takeOffer(), receiver, m_stallLimit, this);
+    auto* transfer = new FileTransfer(clientConnection->takeOffer(), receiver, m_place.stallLimit, this);
     connect(transfer, &FileTransfer::finished, this, [this, path](bool complete) { transferEnded(path, complete); });
     connect(transfer, &FileTransfer::finished, transfer, &FileTransfer::deleteLater);
     transfer->start();

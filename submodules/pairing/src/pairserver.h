@@ -32,6 +32,8 @@ struct PairServerPlace
     std::chrono::milliseconds stallLimit = std::chrono::seconds(60);
     /// See PairArchive::limitPatience().
     std::chrono::milliseconds tarPatience = std::chrono::seconds(60);
+    /// How long after a port was found taken it is asked for again.
+    std::chrono::milliseconds listenAgain = std::chrono::seconds(2);
 };
 
 /// Lists the applications for remote units to a service tool on the private network, hands one out as an archive, and
@@ -68,9 +70,10 @@ class PairServer : public QObject
     Q_OBJECT
 
 public:
-    /// Starts to listen. When the request port cannot be had, the base unit runs without pairing until it is started
-    /// again; without the other port it lists and packs, and sends nothing.
-    /// Neither pointer is owned; both objects must outlive this one.
+    /// Starts to listen. Without the request port the base unit runs without pairing; without the other one it lists
+    /// and packs, and sends nothing. A port that somebody else has is asked for again, silently, until it is free: it
+    /// may be held by what a killed predecessor had just begun. An address that does not exist is missed until the next
+    /// start. Neither pointer is owned; both objects must outlive this one.
     PairServer(Configuration* configuration, TagDatabase* tagDatabase, QObject* parent);
     PairServer(Configuration* configuration, TagDatabase* tagDatabase, const PairServerPlace& place, QObject* parent);
     /// Closes all connections; archives that were not fetched are removed, and what is not complete is undone. Waits a
@@ -110,7 +113,8 @@ private slots:
     void limitReceivers(const QHostAddress& host);
 
 private:
-    void listen(const PairServerPlace& place);
+    void listen();
+    bool listenForRequests();
     void limitClients();
     void forgetClient(PairClient* client);
     bool isClientOpen() const;
@@ -121,12 +125,12 @@ private:
     void startTransfer();
     void transferEnded(const QString& path, bool complete);
 
-    QTcpServer* tcpServer;                                ///< child
-    QList<PairClient*> m_clients;                         ///< children, in the order in which they came
-    QPointer<PairClient> clientConnection;                ///< whose request is served, otherwise the newest
-    FileReceivers* m_receivers;                           ///< child
+    QTcpServer* tcpServer;                 ///< child
+    QList<PairClient*> m_clients;          ///< children, in the order in which they came
+    QPointer<PairClient> clientConnection; ///< whose request is served, otherwise the newest
+    FileReceivers* m_receivers;            ///< child
+    const PairServerPlace m_place;
     QHostAddress hostAdress;                              ///< both servers listen on
-    const std::chrono::milliseconds m_stallLimit;         ///< of each transfer
     PairArchive* archiving;                               ///< child
     QVector<QString> appsWithManifest;                    ///< paths of all manifests that the last search found
     QVector<QMap<QString, QString>> appsWithManifestData; ///< what the last list said
@@ -137,4 +141,5 @@ private:
     const PairingRecords m_records;
     ArchiveTurns m_turns;
     QTimer m_nextRequest; ///< of interval 0: serves when the sockets had their turn
+    QTimer m_listenAgain; ///< runs while somebody else has a port
 };

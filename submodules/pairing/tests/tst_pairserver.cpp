@@ -29,6 +29,8 @@ private slots:
     void announcesItsPorts();
     void runsWithoutPairingWhenThePortIsTaken();
     void listsButDoesNotTransferWhenTheSecondPortIsTaken();
+    void takesThePortsAsSoonAsTheyAreFree_data();
+    void takesThePortsAsSoonAsTheyAreFree();
     void defaultPlaceIsThePrivateNetwork();
     void slotsDoNothingWithoutAClient();
     void nobodyIsPairedWithoutANumber();
@@ -125,6 +127,49 @@ void TestPairServer::listsButDoesNotTransferWhenTheSecondPortIsTaken()
     QCOMPARE(second.fileTransferPort(), quint16(0));
     QCOMPARE(m_log->lines(QtWarningMsg), QStringList{QStringLiteral("pairserver: Unable to start file transfer server: "
                                                                     "\"The bound address is already in use\"")});
+}
+
+/// A killed server's tar that has not begun yet holds both ports for a moment.
+void TestPairServer::takesThePortsAsSoonAsTheyAreFree_data()
+{
+    QTest::addColumn<bool>("requestPortIsTaken");
+    QTest::addColumn<bool>("filePortIsTaken");
+
+    QTest::newRow("requests") << true << false;
+    QTest::newRow("files") << false << true;
+    QTest::newRow("both") << true << true;
+}
+
+void TestPairServer::takesThePortsAsSoonAsTheyAreFree()
+{
+    QFETCH(bool, requestPortIsTaken);
+    QFETCH(bool, filePortIsTaken);
+    QTcpServer requestHolder;
+    QTcpServer fileHolder;
+    QVERIFY(requestHolder.listen(QHostAddress::LocalHost) && fileHolder.listen(QHostAddress::LocalHost));
+    const quint16 requestPort = requestHolder.serverPort();
+    const quint16 filePort = fileHolder.serverPort();
+    PairServerPlace place{QStringLiteral("127.0.0.1"), requestPortIsTaken ? requestPort : quint16(0),
+                          filePortIsTaken ? filePort : quint16(0)};
+    place.listenAgain = std::chrono::milliseconds(20);
+
+    const PairServer second(m_unit->configuration.get(), &m_unit->tags, place, nullptr);
+    m_log->clear();
+    QTest::qWait(200);
+    QCOMPARE(m_log->lines(), QStringList()); // told once
+    requestHolder.close();
+    if (requestPortIsTaken && filePortIsTaken) {
+        QTRY_COMPARE(second.requestPort(), requestPort);
+    }
+    fileHolder.close();
+
+    QTRY_VERIFY(second.fileTransferPort() != 0);
+    QVERIFY(!requestPortIsTaken || second.requestPort() == requestPort);
+    QVERIFY(!filePortIsTaken || second.fileTransferPort() == filePort);
+    ToolConnection tool(second.requestPort());
+    QTRY_VERIFY(tool.isUp());
+    tool.send(getAppListRequest());
+    QTRY_VERIFY(isList(tool.received()));
 }
 
 void TestPairServer::defaultPlaceIsThePrivateNetwork()
