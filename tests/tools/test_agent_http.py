@@ -381,13 +381,12 @@ def test_memory_stays_flat_under_changes_garbage_and_watchers_that_come_and_go(a
 def test_with_one_page_open_it_costs_little(agent):
     watcher = agent.watch()
     watcher.wait_text("event: status")
-    loads = []
-    for _ in range(4):
+    loads = [1]
+    while loads[-1] >= 0.01 and len(loads) < 20:
         before, began = agent.cpu_seconds(), time.monotonic()
         watcher.text = b""
         watcher.wait_text("event: beat")
         loads.append((agent.cpu_seconds() - before) / (time.monotonic() - began))
-    # Half a percent on our computers; what is slower than they are, or busy, takes more. One that asks all the time takes far more.
-    assert min(loads) < 0.03, loads
+    assert loads[-1] < 0.01, loads  # what other programs do to the processor's caches only ever adds
     assert agent.resident() < RESIDENT_LIMIT
     watcher.close()
