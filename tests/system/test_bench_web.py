@@ -23,6 +23,7 @@ class Web:
                                         text=True)
         self.url = re.search(r"http://[\d.:]+", self.process.stdout.readline())[0]
         self.wait(lambda: self.state()["outcome"], 120)
+        self.wait(self.follows_log)  # what was said before is past
 
     def get(self, path, url=None, **headers):
         with direct.open(urllib.request.Request((url or self.url) + path, headers=headers), timeout=60) as answer:
@@ -47,6 +48,12 @@ class Web:
             return self.unit()["values"][key]["value"]
         except OSError:
             return None  # between two installations nobody answers
+
+    def follows_log(self):
+        try:
+            return self.unit("/healthz")["log"]
+        except OSError:
+            return False
 
     def wait(self, condition, seconds=60.0):
         until = time.monotonic() + seconds

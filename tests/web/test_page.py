@@ -96,6 +96,12 @@ def test_events_of_the_log_come_with_what_to_do(page, agent):
     assert "<" not in page.text("events")
 
 
+def test_what_there_was_once_is_counted_as_one(page, agent):
+    page.wait_text("figures", "0 restarts, 0 losses of the internal link, 0 refusals since the agent began")
+    agent.write_log('GLINK_MSG_ID_INITACK RU 2000 Error 1 "This RU is not paired to this BU."', "RUN", "NO_BI_LINK")
+    page.wait_text("figures", "0 restarts, 1 loss of the internal link, 1 refusal since the agent began")
+
+
 def test_what_comes_from_outside_is_text_and_never_markup(page, agent, server):
     server.status["ARMED_RU"] = '<img src=x onerror="document.title=1">'
     server.push()

@@ -4,7 +4,7 @@ import { showControl } from "./control.js";
 import { draw } from "./picture.js";
 import { LANES, drawStrip, title } from "./strip.js";
 import { begin, unit, unitNow } from "./watch.js";
-import { MARKS, clock, day, get, make, mark, moment, sentence } from "./words.js";
+import { MARKS, clock, counted, day, get, make, mark, moment, sentence } from "./words.js";
 
 const HOUR = 3600;
 const MOST_EVENTS = 60, MOST_CHANGES = 200, MOST_NAMED = 3;
@@ -117,7 +117,7 @@ function remotes() {
   const count = value("units"), fallback = known("fallback") && value("fallback");
   const thing = { name: "Remote units", link: "remote link", words: "unknown", level: "unknown", state: "unknown", more: [] };
   if (count !== null) {
-    thing.words = `${count === "0" ? "no" : count} connection${count === "1" ? "" : "s"}`;
+    thing.words = counted(count === "0" ? "no" : count, "connection");
     [thing.level, thing.state] = fallback ? ["warn", "by fallback"]
       : count === "0" ? ["note", "nobody there"] : ["good", "by TCP"];
   }
@@ -258,7 +258,8 @@ function figures() {
     age === null || age === undefined ? "no status object yet" : `newest status object ${age} s old`,
     process ? `server process ${process.pid}: ${memory}${process.descriptors ? `, ${process.descriptors} descriptors` : ""}`
       : "no process of the server in sight",
-    `${restarts} restarts, ${losses} losses of the internal link, ${refusals} refusals since the agent began`,
+    [counted(restarts, "restart"), `${counted(losses, "loss", "losses")} of the internal link`,
+      `${counted(refusals, "refusal")} since the agent began`].join(", "),
   ].join("; ");
 }
 

@@ -16,6 +16,8 @@ export const mark = (level) => make("span", `${MARKS[level]} `, { "aria-hidden":
 
 export const sentence = (text) => text.charAt(0).toUpperCase() + text.slice(1);
 
+export const counted = (number, one, more = `${one}s`) => `${number} ${Number(number) === 1 ? one : more}`;
+
 export const clock = (seconds) => new Date(seconds * 1000).toLocaleTimeString([], { hourCycle: "h23" });
 
 export const day = (seconds) => new Date(seconds * 1000).toLocaleDateString();
