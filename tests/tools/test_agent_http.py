@@ -317,12 +317,15 @@ def test_a_slow_reader_of_the_past_gets_all_of_it(server, tmp_path, path, end):
     agent.options += ["--idle", "2"]
     with agent:
         reader, text = reader_of_nothing(agent, path), b""
-        reader.settimeout(10)
+        reader.settimeout(PATIENCE)
+        slow_until = time.monotonic() + 4
         while end not in text[-200:]:
             data = reader.recv(16384)
             assert data, f"ended after {len(text)} bytes"
             text += data
-            time.sleep(0.1)  # its pace
+            if time.monotonic() < slow_until:
+                time.sleep(0.1)
+        assert time.monotonic() > slow_until, "too short to be slow"
         assert b'"id":1500,' in text
         reader.close()
 
