@@ -236,6 +236,7 @@ class Loop:
         """Everything that belongs to a wait, from one moment on."""
         with self._lock:
             self._waiters.append(waiter)
+        self._tell_of_failure()
         timers = [self.every(poll, lambda: None)] if poll else []
         return timers + ([self.later(timeout, waiter.expire)] if self.virtual else [])
 
@@ -370,4 +371,12 @@ class Loop:
             return True
         except BaseException as error:
             self.failure = self.failure or error
+            self._tell_of_failure()
             return False
+
+    def _tell_of_failure(self) -> None:
+        """In real time whoever waits raises it at once: what he waits for may never come."""
+        if self.failure and not self.virtual:
+            with self._lock:
+                for waiter in self._waiters:
+                    waiter.done.set()

@@ -24,6 +24,7 @@ from typing import Iterator, NamedTuple, Optional
 from .board import APPLICATIONS
 from .csvfile import Table
 from .installation import APP, REMOTES, Installation
+from .loop import WaitTimeout
 from .servicetool import ServiceTool, ServiceToolError
 
 UNIT = 1003
@@ -32,6 +33,7 @@ APPLICATION = "panel"
 PATH = str(APPLICATIONS / APPLICATION)
 READY = "PairServer::PairServer(Configuration*, TagDatabase*, QObject*) file transfer server running."
 UP_SECONDS = 60.0
+END_SECONDS = 5.0
 UNANSWERED_SECONDS = 3.0  # of a request whose refusal has no line of its own
 REFUSALS = ("pairserver: Refused to send", "pairserver: Could not", "pairserver: Nothing has changed", "pairserver: No archive")
 BEYOND = 1.1  # kills come up to this many times the length of a pairing after its begin
@@ -147,7 +149,7 @@ class PairingTrial:
         left = sorted(self._listing() ^ self._names)
         if left:
             outcome.faults.append(f"left over or missing after the next start: {', '.join(left)}")
-        if strays := self._tars():
+        if strays := self._lasting_tars():
             outcome.faults.append(f"tar {strays} runs on")
             for pid in strays:
                 os.kill(pid, signal.SIGKILL)
@@ -198,6 +200,14 @@ class PairingTrial:
     def _has_child(self) -> bool:
         pid = self.bench.server.pid
         return any(path.read_text(encoding="ascii") for path in Path(f"/proc/{pid}/task").glob("*/children"))
+
+    def _lasting_tars(self) -> list[int]:
+        """Those that do not end by themselves: what the kernel has killed with the server may take its time to end."""
+        try:
+            self.bench.wait_for(lambda: not self._tars(), END_SECONDS, poll=0.01)
+        except WaitTimeout:
+            pass
+        return self._tars()
 
     # --- the way to it ---------------------------------------------------------------------------------------------
 
