@@ -198,8 +198,7 @@ class PairingTrial:
         return [pid for pid in _processes() if _works_in(pid, board, str(APPLICATIONS)) and pid != self.bench.server.pid]
 
     def _has_child(self) -> bool:
-        pid = self.bench.server.pid
-        return any(path.read_text(encoding="ascii") for path in Path(f"/proc/{pid}/task").glob("*/children"))
+        return any(map(_children, Path(f"/proc/{self.bench.server.pid}/task").iterdir()))
 
     def _lasting_tars(self) -> list[int]:
         """Those that do not end by themselves: what the kernel has killed with the server may take its time to end."""
@@ -330,6 +329,13 @@ def _table(content: bytes) -> Table:
 
 def _processes() -> list[int]:
     return [int(name) for name in os.listdir("/proc") if name.isdigit()]
+
+
+def _children(thread: Path) -> str:
+    try:
+        return (thread / "children").read_text(encoding="ascii")
+    except OSError:
+        return ""  # it has just ended
 
 
 def _works_in(pid: int, board: str, folder: str) -> bool:
